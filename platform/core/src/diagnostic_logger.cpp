@@ -1,0 +1,80 @@
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <boost/core/null_deleter.hpp>
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/log/sinks/text_ostream_backend.hpp>
+#include <boost/log/sources/record_ostream.hpp>
+#include <boost/log/sources/severity_channel_logger.hpp>
+
+#include <ostream>
+
+namespace foundation::log {
+
+char const* toString(Severity s) noexcept {
+  switch (s) {
+  case Severity::Trace: return "trace";
+  case Severity::Debug: return "debug";
+  case Severity::Info: return "info";
+  case Severity::Warning: return "warning";
+  case Severity::Error: return "error";
+  case Severity::Fatal: return "fatal";
+  }
+  return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& os, Severity s) { return os << toString(s); }
+
+struct basic_diagnostic_logger<char>::Impl {
+  boost::log::sources::severity_channel_logger_mt<Severity, std::string> source;
+  explicit Impl(std::string const& name) : source(boost::log::keywords::channel = name) {}
+};
+
+basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string name, Severity level)
+    : name_(std::move(name)), level_(level), impl_(std::make_unique<Impl>(name_)) {}
+
+basic_diagnostic_logger<char>::~basic_diagnostic_logger() = default;
+
+void basic_diagnostic_logger<char>::log(Severity s, std::string_view message) const noexcept {
+  if (!isEnabled(s)) return;
+  try {
+    if (auto record = impl_->source.open_record(boost::log::keywords::severity = s)) {
+      boost::log::record_ostream stream(record);
+      stream << message;
+      stream.flush();
+      impl_->source.push_record(std::move(record));
+    }
+  } catch (...) {
+    // A logging failure must not turn into a failure of the operation that logged.
+  }
+}
+
+namespace {
+BOOST_LOG_ATTRIBUTE_KEYWORD(severityKeyword, "Severity", Severity)
+BOOST_LOG_ATTRIBUTE_KEYWORD(channelKeyword, "Channel", std::string)
+using StreamSink = boost::log::sinks::synchronous_sink<boost::log::sinks::text_ostream_backend>;
+} // namespace
+
+struct ScopedStreamSink::Impl {
+  boost::shared_ptr<StreamSink> sink;
+};
+
+ScopedStreamSink::ScopedStreamSink(std::ostream& os) : impl_(std::make_unique<Impl>()) {
+  auto backend = boost::make_shared<boost::log::sinks::text_ostream_backend>();
+  backend->add_stream(boost::shared_ptr<std::ostream>(&os, boost::null_deleter()));
+  backend->auto_flush(true);
+  impl_->sink = boost::make_shared<StreamSink>(backend);
+  namespace expr = boost::log::expressions;
+  impl_->sink->set_formatter(expr::stream << severityKeyword << " " << channelKeyword << ": "
+                                          << expr::smessage);
+  boost::log::core::get()->add_sink(impl_->sink);
+}
+
+ScopedStreamSink::~ScopedStreamSink() {
+  boost::log::core::get()->remove_sink(impl_->sink);
+  impl_->sink->flush();
+}
+
+} // namespace foundation::log

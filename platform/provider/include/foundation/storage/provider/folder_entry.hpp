@@ -1,0 +1,65 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/attributes.hpp>
+
+#include <boost/optional.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace foundation::storage::provider {
+
+/// One child in a listing: its name (a relative "a/b" path in recursive listings), its
+/// kind, and its attributes when the listing call delivers them.
+class FolderEntry {
+public:
+  /// An entry of a names-only listing.
+  FolderEntry(std::u16string name, bool isFile) : name_(std::move(name)), isFile_(isFile) {}
+  FolderEntry(std::u16string name, FileAttributes attributes)
+      : name_(std::move(name)), isFile_(true), fileAttributes_(attributes) {}
+  FolderEntry(std::u16string name, FolderAttributes attributes)
+      : name_(std::move(name)), isFile_(false), folderAttributes_(attributes) {}
+
+  std::u16string const& getName() const noexcept { return name_; }
+  bool isFile() const noexcept { return isFile_; }
+  boost::optional<FileAttributes> const& getFileAttributes() const noexcept { return fileAttributes_; }
+  boost::optional<FolderAttributes> const& getFolderAttributes() const noexcept { return folderAttributes_; }
+
+private:
+  std::u16string name_;
+  bool isFile_;
+  boost::optional<FileAttributes> fileAttributes_;
+  boost::optional<FolderAttributes> folderAttributes_;
+};
+
+/// A listing cursor. A fresh cursor stands before its first entry: `hasNext` tells whether
+/// another entry follows, `next` moves onto it, `current` returns the entry under the
+/// cursor. Used by one thread at a time; `clone` gives an independent cursor at the same
+/// position. `next` may fail with the provider Exception (a folder read lazily).
+class FOUNDATION_API IFolderEntryIterator {
+public:
+  virtual ~IFolderEntryIterator();
+  /// The entry under the cursor; std::logic_error before the first `next`.
+  virtual FolderEntry current() const = 0;
+  virtual bool hasNext() const = 0;
+  virtual void next() = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> clone() const = 0;
+};
+
+/// A cursor over entries gathered when the listing was made. Clones share the entries.
+class FOUNDATION_API SnapshotFolderEntryIterator final : public IFolderEntryIterator {
+public:
+  explicit SnapshotFolderEntryIterator(std::vector<FolderEntry> entries);
+  FolderEntry current() const override;
+  bool hasNext() const override;
+  void next() override;
+  std::unique_ptr<IFolderEntryIterator> clone() const override;
+
+private:
+  std::shared_ptr<std::vector<FolderEntry> const> entries_;
+  std::size_t position_ = 0; ///< index of the current entry plus one; 0 before the first
+};
+
+} // namespace foundation::storage::provider

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/exceptions.hpp>
+
+namespace foundation::storage::provider {
+
+/// The provider code for a POSIX errno value: ENOENT/ENOTDIR ResourceNotFound,
+/// EACCES/EPERM PermissionDenied, EEXIST ResourceAlreadyExists, ENOTEMPTY FolderNotEmpty,
+/// EROFS ReadOnlyProvider, EFBIG FileTooLarge, EBUSY/ETXTBSY ResourceInUse,
+/// ENOSPC/EDQUOT NoSpaceLeft, EIO IOError, EINVAL/ENAMETOOLONG/ELOOP InvalidLocation,
+/// ENOTSUP/EXDEV UnsupportedOperation, anything else Unknown.
+FOUNDATION_API ErrorCode errorCodeFromErrno(int error) noexcept;
+
+/// Throws the provider Exception for `error` at `location` with the context `call` (for
+/// example u"local.open") and the system's message for the error.
+[[noreturn]] FOUNDATION_API void failWithErrno(int error, StorageIRI const& location, std::u16string call);
+
+} // namespace foundation::storage::provider

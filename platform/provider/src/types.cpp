@@ -1,0 +1,64 @@
+#include <foundation/storage/provider/types.hpp>
+
+#include <ostream>
+
+namespace foundation::storage::provider {
+
+bool isValid(ByteStreamOpenOptions const& o) noexcept {
+  return static_cast<std::uint32_t>(o.access) <= 1 && static_cast<std::uint32_t>(o.create) <= 1 &&
+         static_cast<std::uint32_t>(o.truncate) <= 1 && static_cast<std::uint32_t>(o.append) <= 1;
+}
+
+char const* toString(ErrorCode c) noexcept {
+  switch (c) {
+  case ErrorCode::FolderNotEmpty: return "FolderNotEmpty";
+  case ErrorCode::InvalidLocation: return "InvalidLocation";
+  case ErrorCode::PermissionDenied: return "PermissionDenied";
+  case ErrorCode::ResourceAlreadyExists: return "ResourceAlreadyExists";
+  case ErrorCode::ResourceNotFound: return "ResourceNotFound";
+  case ErrorCode::FileTooLarge: return "FileTooLarge";
+  case ErrorCode::ResourceInUse: return "ResourceInUse";
+  case ErrorCode::ReadOnlyProvider: return "ReadOnlyProvider";
+  case ErrorCode::NoSpaceLeft: return "NoSpaceLeft";
+  case ErrorCode::IOError: return "IOError";
+  case ErrorCode::InternalError: return "InternalError";
+  case ErrorCode::UnsupportedOperation: return "UnsupportedOperation";
+  case ErrorCode::Unknown: return "Unknown";
+  }
+  return "Unknown";
+}
+
+char const* toString(ExtendedFeature f) noexcept {
+  switch (f) {
+  case ExtendedFeature::NativeRecursiveRemoval: return "NativeRecursiveRemoval";
+  case ExtendedFeature::RecursiveListing: return "RecursiveListing";
+  case ExtendedFeature::FlatWildcardListing: return "FlatWildcardListing";
+  case ExtendedFeature::RecursiveChangeEvents: return "RecursiveChangeEvents";
+  case ExtendedFeature::RecursiveWildcardListing: return "RecursiveWildcardListing";
+  }
+  return "UnknownFeature";
+}
+
+char const* toString(ReplacementPolicy p) noexcept {
+  switch (p) {
+  case ReplacementPolicy::FailIfExists: return "FailIfExists";
+  case ReplacementPolicy::Overwrite: return "Overwrite";
+  case ReplacementPolicy::ForceOverwrite: return "ForceOverwrite";
+  case ReplacementPolicy::OverwriteDeferringPermissionErrors: return "OverwriteDeferringPermissionErrors";
+  case ReplacementPolicy::KeepExisting: return "KeepExisting";
+  }
+  return "UnknownPolicy";
+}
+
+std::ostream& operator<<(std::ostream& os, ErrorCode c) { return os << toString(c); }
+std::ostream& operator<<(std::ostream& os, ExtendedFeature f) { return os << toString(f); }
+std::ostream& operator<<(std::ostream& os, ReplacementPolicy p) { return os << toString(p); }
+
+std::ostream& operator<<(std::ostream& os, ByteStreamOpenOptions const& o) {
+  return os << "{access=" << static_cast<std::uint32_t>(o.access)
+            << ", create=" << static_cast<std::uint32_t>(o.create)
+            << ", truncate=" << static_cast<std::uint32_t>(o.truncate)
+            << ", append=" << static_cast<std::uint32_t>(o.append) << "}";
+}
+
+} // namespace foundation::storage::provider

@@ -1,0 +1,620 @@
+#include <foundation/storage/providers/memory/memory_provider.hpp>
+
+#include "memory_streams.hpp"
+#include "memory_tree.hpp"
+
+#include <foundation/storage/provider/stream_copy.hpp>
+#include <foundation/storage/provider/wildcard.hpp>
+
+#include <fl/i18n/i18n.hpp>
+
+namespace foundation::storage::providers::memory {
+
+using namespace detail;
+using p::ErrorCode;
+
+namespace {
+
+using ReadLock = std::shared_lock<std::shared_mutex>;
+using WriteLock = std::unique_lock<std::shared_mutex>;
+
+bool isHidden(std::u16string const& name) { return !name.empty() && name[0] == u'.'; }
+
+events::EntryType typeOf(Node const& node) { return node.isFolder ? events::EntryType::Folder : events::EntryType::File; }
+
+NodePtr existing(Tree const& tree, Names const& names, p::StorageIRI const& location, char16_t const* op) {
+  NodePtr node = tree.find(names);
+  if (!node) refuse(ErrorCode::ResourceNotFound, location, op, "no such file or folder");
+  return node;
+}
+
+NodePtr existingFile(Tree const& tree, Names const& names, p::StorageIRI const& location, char16_t const* op) {
+  NodePtr node = tree.find(names);
+  if (!node || node->isFolder) refuse(ErrorCode::ResourceNotFound, location, op, "no such file");
+  return node;
+}
+
+NodePtr existingFolder(Tree const& tree, Names const& names, p::StorageIRI const& location, char16_t const* op) {
+  NodePtr node = tree.find(names);
+  if (!node || !node->isFolder) refuse(ErrorCode::ResourceNotFound, location, op, "no such folder");
+  return node;
+}
+
+/// The folder that will hold a new or removed child; it must exist and be writable.
+NodePtr writableParent(Tree const& tree, Names const& names, p::StorageIRI const& location, char16_t const* op) {
+  if (names.empty()) refuse(ErrorCode::InvalidLocation, location, op, "the root folder has no parent");
+  NodePtr parent = tree.findParent(names);
+  if (!parent) refuse(ErrorCode::ResourceNotFound, location, op, "the parent folder is missing");
+  if (!parent->writable) refuse(ErrorCode::PermissionDenied, location, op, "the parent folder is read-only");
+  return parent;
+}
+
+void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char16_t const* op) {
+  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(p::ReplacementPolicy::KeepExisting))
+    refuse(ErrorCode::InvalidLocation, location, op, "unknown replacement policy");
+}
+
+void checkOptions(p::ByteStreamOpenOptions const& options, p::StorageIRI const& location, char16_t const* op) {
+  if (!p::isValid(options)) refuse(ErrorCode::InvalidLocation, location, op, "unknown open options");
+}
+
+bool everyFolderWritable(Node const& node) {
+  if (!node.isFolder) return true;
+  if (!node.writable) return false;
+  for (auto const& [k, child] : node.children)
+    if (!everyFolderWritable(*child)) return false;
+  return true;
+}
+
+/// Moves `node` from `from` to `to` under `name`; the caller checked everything.
+void relink(Tree& tree, Node& from, Names const& source, Node& to, Names const& destination, NodePtr node) {
+  from.children.erase(tree.key(source.back()));
+  node->name = destination.back();
+  to.children[tree.key(destination.back())] = std::move(node);
+  from.modified = to.modified = Tree::now();
+}
+
+p::FolderEntry entryOf(Node const& node, std::u16string name, bool withAttributes) {
+  if (!withAttributes) return p::FolderEntry(std::move(name), !node.isFolder);
+  bool const hidden = isHidden(node.name);
+  if (node.isFolder) return p::FolderEntry(std::move(name), p::FolderAttributes(node.modified, node.writable, hidden, false));
+  return p::FolderEntry(std::move(name),
+                        p::FileAttributes(node.content.size(), node.modified, node.writable, hidden, false));
+}
+
+enum class Kinds { All, Files, Folders };
+
+void listInto(Node const& folder, std::u16string const& prefix, Kinds kinds, bool withAttributes,
+              std::u16string const& pattern, bool recursive, std::vector<p::FolderEntry>& out) {
+  for (auto const& [k, child] : folder.children) {
+    bool const kindWanted = kinds == Kinds::All || (kinds == Kinds::Files) == !child->isFolder;
+    std::u16string name = prefix.empty() ? child->name : prefix + u"/" + child->name;
+    if (kindWanted && (pattern.empty() || p::matchesWildcard(pattern, child->name)))
+      out.push_back(entryOf(*child, name, withAttributes));
+    if (recursive && child->isFolder) listInto(*child, name, kinds, withAttributes, pattern, true, out);
+  }
+}
+
+} // namespace
+
+MemoryProvider::MemoryProvider(p::FilenameSensitivity sensitivity, std::u16string authority, std::u16string scheme)
+    : tree_(std::make_shared<Tree>(std::move(scheme), std::move(authority), sensitivity)), poller_(*this) {}
+
+MemoryProvider::~MemoryProvider() { poller_.stopAll(); }
+
+p::StorageIRI MemoryProvider::getCanonicalLocation(p::StorageIRI const& location) {
+  Names names = tree_->namesOf(location, u"canonical");
+  ReadLock lock(tree_->mutex);
+  existing(*tree_, names, location, u"canonical");
+  return tree_->canonical(names);
+}
+
+p::ExistsResult MemoryProvider::exists(p::StorageIRI const& location) {
+  Names names = tree_->namesOf(location, u"exists");
+  ReadLock lock(tree_->mutex);
+  NodePtr node = tree_->find(names);
+  if (!node) return p::ExistsResult::NotFound;
+  return node->isFolder ? p::ExistsResult::Folder : p::ExistsResult::File;
+}
+
+p::ExtendedExistsResult MemoryProvider::existsExtended(p::StorageIRI const& location) {
+  switch (exists(location)) {
+  case p::ExistsResult::File: return p::ExtendedExistsResult::File;
+  case p::ExistsResult::Folder: return p::ExtendedExistsResult::Folder;
+  case p::ExistsResult::NotFound: break;
+  }
+  return p::ExtendedExistsResult::NotFound;
+}
+
+bool MemoryProvider::fileExists(p::StorageIRI const& location) { return exists(location) == p::ExistsResult::File; }
+
+bool MemoryProvider::folderExists(p::StorageIRI const& location) { return exists(location) == p::ExistsResult::Folder; }
+
+p::FileAttributes MemoryProvider::getFileAttributes(p::StorageIRI const& file) {
+  Names names = tree_->namesOf(file, u"getFileAttributes");
+  ReadLock lock(tree_->mutex);
+  NodePtr node = existingFile(*tree_, names, file, u"getFileAttributes");
+  return p::FileAttributes(node->content.size(), node->modified, node->writable, isHidden(node->name), false);
+}
+
+p::FolderAttributes MemoryProvider::getFolderAttributes(p::StorageIRI const& folder) {
+  Names names = tree_->namesOf(folder, u"getFolderAttributes");
+  ReadLock lock(tree_->mutex);
+  NodePtr node = existingFolder(*tree_, names, folder, u"getFolderAttributes");
+  return p::FolderAttributes(node->modified, node->writable, isHidden(node->name), false);
+}
+
+p::ExtendedAttributes MemoryProvider::getExtendedAttributes(p::StorageIRI const& location) {
+  Names names = tree_->namesOf(location, u"getExtendedAttributes");
+  ReadLock lock(tree_->mutex);
+  NodePtr node = existing(*tree_, names, location, u"getExtendedAttributes");
+  p::ExtendedAttributes attributes;
+  attributes.put("memory.kind", node->isFolder ? "folder" : "file");
+  if (node->isFolder) {
+    attributes.put("memory.children", node->children.size());
+  } else {
+    attributes.put("memory.size", node->content.size());
+  }
+  attributes.put("memory.name", fl::i18n::to_utf8(node->name));
+  return attributes;
+}
+
+void MemoryProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
+  if (time.is_special()) refuse(ErrorCode::InvalidLocation, location, u"setLastModified", "not a point in time");
+  Names names = tree_->namesOf(location, u"setLastModified");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existing(*tree_, names, location, u"setLastModified");
+    node->modified = time;
+    changes.push_back({events::Kind::AttributesChanged, tree_->canonical(names), typeOf(*node), {}});
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::setWritable(p::StorageIRI const& location, bool writable) {
+  Names names = tree_->namesOf(location, u"setWritable");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existing(*tree_, names, location, u"setWritable");
+    if (node->writable == writable) return;
+    node->writable = writable;
+    changes.push_back({events::Kind::AttributesChanged, tree_->canonical(names), typeOf(*node), {}});
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::createFile(p::StorageIRI const& file) {
+  Names names = tree_->namesOf(file, u"createFile");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    if (tree_->find(names)) refuse(ErrorCode::ResourceAlreadyExists, file, u"createFile", "it exists already");
+    NodePtr parent = writableParent(*tree_, names, file, u"createFile");
+    parent->children.emplace(tree_->key(names.back()), std::make_shared<Node>(false, names.back()));
+    parent->modified = Tree::now();
+    changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::File, {}});
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::removeFile(p::StorageIRI const& file) {
+  Names names = tree_->namesOf(file, u"removeFile");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFile(*tree_, names, file, u"removeFile");
+    NodePtr parent = writableParent(*tree_, names, file, u"removeFile");
+    p::StorageIRI location = tree_->canonical(names);
+    parent->children.erase(tree_->key(names.back()));
+    parent->modified = Tree::now();
+    tree_->detach(*node, location, changes);
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
+  Names names = tree_->namesOf(file, u"truncateToSize");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFile(*tree_, names, file, u"truncateToSize");
+    if (!node->writable) refuse(ErrorCode::PermissionDenied, file, u"truncateToSize", "the file is read-only");
+    tree_->resize(*node, size, file);
+    node->modified = Tree::now();
+    changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
+  }
+  tree_->notify(changes);
+}
+
+std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  checkOptions(options, file, u"openStream");
+  Names names = tree_->namesOf(file, u"openStream");
+  std::vector<Change> changes;
+  NodePtr node;
+  {
+    WriteLock lock(tree_->mutex);
+    node = tree_->find(names);
+    if (!node) {
+      if (options.create == p::ByteStreamCreate::MustExist)
+        refuse(ErrorCode::ResourceNotFound, file, u"openStream", "no such file");
+      NodePtr parent = writableParent(*tree_, names, file, u"openStream");
+      node = std::make_shared<Node>(false, names.back());
+      parent->children.emplace(tree_->key(names.back()), node);
+      parent->modified = Tree::now();
+      changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::File, {}});
+    } else if (node->isFolder) {
+      refuse(ErrorCode::ResourceNotFound, file, u"openStream", "a folder, not a file");
+    } else if (!node->writable) {
+      refuse(ErrorCode::PermissionDenied, file, u"openStream", "the file is read-only");
+    }
+    if (options.truncate == p::ByteStreamTruncate::Truncate && !node->content.empty()) {
+      tree_->resize(*node, 0, file);
+      node->modified = Tree::now();
+      if (changes.empty()) changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
+    }
+  }
+  tree_->notify(changes);
+  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
+  return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, mode);
+}
+
+std::unique_ptr<p::ByteStream> MemoryProvider::openReadOnlyStream(p::StorageIRI const& file) {
+  Names names = tree_->namesOf(file, u"openReadOnlyStream");
+  NodePtr node;
+  {
+    ReadLock lock(tree_->mutex);
+    node = existingFile(*tree_, names, file, u"openReadOnlyStream");
+  }
+  return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, StreamMode{true, false, false});
+}
+
+std::unique_ptr<p::TransactionalStream> MemoryProvider::openTransactionalStream(p::StorageIRI const& file,
+                                                                                p::ByteStreamOpenOptions const& options) {
+  checkOptions(options, file, u"openTransactionalStream");
+  Names names = tree_->namesOf(file, u"openTransactionalStream");
+  std::vector<char> initial;
+  {
+    ReadLock lock(tree_->mutex);
+    NodePtr node = tree_->find(names);
+    if (node && node->isFolder) refuse(ErrorCode::ResourceNotFound, file, u"openTransactionalStream", "a folder, not a file");
+    if (!node) {
+      if (options.create == p::ByteStreamCreate::MustExist)
+        refuse(ErrorCode::ResourceNotFound, file, u"openTransactionalStream", "no such file");
+      writableParent(*tree_, names, file, u"openTransactionalStream");
+    } else {
+      if (!node->writable) refuse(ErrorCode::PermissionDenied, file, u"openTransactionalStream", "the file is read-only");
+      if (options.truncate == p::ByteStreamTruncate::Keep) initial = node->content;
+    }
+  }
+  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
+  return std::make_unique<MemoryTransactionalStream>(tree_, file, std::move(initial), mode,
+                                                     options.create == p::ByteStreamCreate::MustExist);
+}
+
+void MemoryProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, u"moveFile");
+  if (!tree_->serves(destination))
+    refuse(ErrorCode::UnsupportedOperation, destination, u"moveFile", "the destination is not in this memory provider");
+  Names from = tree_->namesOf(source, u"moveFile");
+  Names to = tree_->namesOf(destination, u"moveFile");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFile(*tree_, from, source, u"moveFile");
+    NodePtr target = tree_->find(to);
+    if (target == node) return;
+    NodePtr fromParent = writableParent(*tree_, from, source, u"moveFile");
+    NodePtr toParent = writableParent(*tree_, to, destination, u"moveFile");
+    if (target) {
+      if (policy == p::ReplacementPolicy::KeepExisting) return;
+      if (policy == p::ReplacementPolicy::FailIfExists || target->isFolder)
+        refuse(ErrorCode::ResourceAlreadyExists, destination, u"moveFile", "the destination exists");
+      std::vector<Change> replaced; // the replaced file is reported through the rename
+      tree_->detach(*target, destination, replaced);
+    }
+    p::StorageIRI oldLocation = tree_->canonical(from);
+    relink(*tree_, *fromParent, from, *toParent, to, node);
+    boost::property_tree::ptree extra;
+    extra.put("renamedFrom", oldLocation.toIRI());
+    changes.push_back({events::Kind::Renamed, tree_->canonical(to), events::EntryType::File, extra});
+  }
+  tree_->notify(changes);
+}
+
+p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                                       p::CopyFileOptions const& options) {
+  p::StorageIRI const& target = destination.getLocation();
+  if (destination.getProvider().get() != this) return p::copyFileThroughStreams(*this, source, destination, options);
+  checkPolicy(options.policy, target, u"copyFile");
+  Names from = tree_->namesOf(source, u"copyFile");
+  Names to = tree_->namesOf(target, u"copyFile");
+  std::vector<Change> changes;
+  std::uint64_t size = 0;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFile(*tree_, from, source, u"copyFile");
+    size = node->content.size();
+    NodePtr existingTarget = tree_->find(to);
+    if (existingTarget) {
+      if (options.policy == p::ReplacementPolicy::KeepExisting) return p::CopyResult::Skipped;
+      if (options.policy == p::ReplacementPolicy::FailIfExists || existingTarget->isFolder)
+        refuse(ErrorCode::ResourceAlreadyExists, target, u"copyFile", "the destination exists");
+      if (existingTarget == node)
+        refuse(ErrorCode::InvalidLocation, target, u"copyFile", "source and destination are the same file");
+      if (!existingTarget->writable) refuse(ErrorCode::PermissionDenied, target, u"copyFile", "the destination is read-only");
+      tree_->account(*existingTarget, existingTarget->content.size(), size, target);
+      existingTarget->content = node->content;
+      existingTarget->modified = Tree::now();
+      changes.push_back({events::Kind::Modified, tree_->canonical(to), events::EntryType::File, {}});
+    } else {
+      NodePtr parent = writableParent(*tree_, to, target, u"copyFile");
+      auto copy = std::make_shared<Node>(false, to.back());
+      tree_->account(*copy, 0, size, target);
+      copy->content = node->content;
+      parent->children.emplace(tree_->key(to.back()), copy);
+      parent->modified = Tree::now();
+      changes.push_back({events::Kind::Created, tree_->canonical(to), events::EntryType::File, {}});
+    }
+  }
+  if (options.progress) options.progress(size, size);
+  tree_->notify(changes);
+  return p::CopyResult::Copied;
+}
+
+void MemoryProvider::createFolder(p::StorageIRI const& folder) {
+  Names names = tree_->namesOf(folder, u"createFolder");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    if (tree_->find(names)) refuse(ErrorCode::ResourceAlreadyExists, folder, u"createFolder", "it exists already");
+    NodePtr parent = writableParent(*tree_, names, folder, u"createFolder");
+    parent->children.emplace(tree_->key(names.back()), std::make_shared<Node>(true, names.back()));
+    parent->modified = Tree::now();
+    changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::Folder, {}});
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::createFolderRecursive(p::StorageIRI const& folder) {
+  Names names = tree_->namesOf(folder, u"createFolderRecursive");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = tree_->root;
+    Names walked;
+    for (auto const& name : names) {
+      walked.push_back(name);
+      auto it = node->children.find(tree_->key(name));
+      if (it != node->children.end()) {
+        if (!it->second->isFolder)
+          refuse(ErrorCode::ResourceAlreadyExists, folder, u"createFolderRecursive", "a file is in the way");
+        node = it->second;
+        continue;
+      }
+      if (!node->writable) refuse(ErrorCode::PermissionDenied, folder, u"createFolderRecursive", "a folder is read-only");
+      auto created = std::make_shared<Node>(true, name);
+      node->children.emplace(tree_->key(name), created);
+      node->modified = Tree::now();
+      node = created;
+      changes.push_back({events::Kind::Created, tree_->canonical(walked), events::EntryType::Folder, {}});
+    }
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::removeFolder(p::StorageIRI const& folder) {
+  Names names = tree_->namesOf(folder, u"removeFolder");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFolder(*tree_, names, folder, u"removeFolder");
+    if (!node->children.empty()) refuse(ErrorCode::FolderNotEmpty, folder, u"removeFolder", "the folder is not empty");
+    NodePtr parent = writableParent(*tree_, names, folder, u"removeFolder");
+    p::StorageIRI location = tree_->canonical(names);
+    parent->children.erase(tree_->key(names.back()));
+    parent->modified = Tree::now();
+    tree_->detach(*node, location, changes);
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::removeFolderRecursively(p::StorageIRI const& folder) {
+  Names names = tree_->namesOf(folder, u"removeFolderRecursively");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFolder(*tree_, names, folder, u"removeFolderRecursively");
+    NodePtr parent = writableParent(*tree_, names, folder, u"removeFolderRecursively");
+    // All or nothing: a read-only folder anywhere below refuses before anything is removed.
+    if (!everyFolderWritable(*node))
+      refuse(ErrorCode::PermissionDenied, folder, u"removeFolderRecursively", "a folder below is read-only");
+    p::StorageIRI location = tree_->canonical(names);
+    parent->children.erase(tree_->key(names.back()));
+    parent->modified = Tree::now();
+    tree_->detach(*node, location, changes);
+  }
+  tree_->notify(changes);
+}
+
+void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, u"moveFolder");
+  if (!tree_->serves(destination))
+    refuse(ErrorCode::UnsupportedOperation, destination, u"moveFolder", "the destination is not in this memory provider");
+  Names from = tree_->namesOf(source, u"moveFolder");
+  Names to = tree_->namesOf(destination, u"moveFolder");
+  std::vector<Change> changes;
+  {
+    WriteLock lock(tree_->mutex);
+    NodePtr node = existingFolder(*tree_, from, source, u"moveFolder");
+    if (from.empty()) refuse(ErrorCode::InvalidLocation, source, u"moveFolder", "the root folder cannot be moved");
+    NodePtr target = tree_->find(to);
+    if (target == node) return;
+    bool inside = to.size() > from.size();
+    for (std::size_t i = 0; inside && i < from.size(); ++i) inside = tree_->key(from[i]) == tree_->key(to[i]);
+    if (inside) refuse(ErrorCode::InvalidLocation, destination, u"moveFolder", "a folder cannot move into itself");
+    NodePtr fromParent = writableParent(*tree_, from, source, u"moveFolder");
+    NodePtr toParent = writableParent(*tree_, to, destination, u"moveFolder");
+    if (target) {
+      bool const replaceable = policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
+                               policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;
+      if (!target->isFolder || !replaceable)
+        refuse(ErrorCode::ResourceAlreadyExists, destination, u"moveFolder", "the destination exists");
+      if (!target->children.empty())
+        refuse(ErrorCode::FolderNotEmpty, destination, u"moveFolder", "the destination folder is not empty");
+      std::vector<Change> replaced;
+      tree_->detach(*target, destination, replaced);
+    }
+    p::StorageIRI oldLocation = tree_->canonical(from);
+    relink(*tree_, *fromParent, from, *toParent, to, node);
+    boost::property_tree::ptree extra;
+    extra.put("renamedFrom", oldLocation.toIRI());
+    changes.push_back({events::Kind::Renamed, tree_->canonical(to), events::EntryType::Folder, extra});
+  }
+  tree_->notify(changes);
+}
+
+p::FilenameSensitivity MemoryProvider::getFilenameSensitivity(p::StorageIRI const&) { return tree_->sensitivity; }
+
+p::PathComparatorFunction MemoryProvider::getPathComparator(p::StorageIRI const&) {
+  return [sensitivity = tree_->sensitivity](std::u16string const& a, std::u16string const& b, p::CaseModifier modifier) {
+    bool insensitive = modifier == p::CaseModifier::CaseInsensitive ||
+                       (modifier == p::CaseModifier::ProviderDefault && sensitivity == p::FilenameSensitivity::CaseInsensitive);
+    return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
+  };
+}
+
+namespace {
+std::unique_ptr<p::IFolderEntryIterator> listing(Tree const& tree, p::StorageIRI const& folder, Kinds kinds,
+                                                 bool withAttributes, std::u16string const& pattern, bool recursive,
+                                                 char16_t const* op) {
+  Names names = tree.namesOf(folder, op);
+  std::vector<p::FolderEntry> entries;
+  {
+    ReadLock lock(tree.mutex);
+    NodePtr node = existingFolder(tree, names, folder, op);
+    listInto(*node, u"", kinds, withAttributes, pattern, recursive, entries);
+  }
+  return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
+}
+} // namespace
+
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::All, false, pattern, false, u"listAllNamesOnly");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listFilesNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::Files, false, pattern, false, u"listFilesNamesOnly");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listFoldersNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::Folders, false, pattern, false, u"listFoldersNamesOnly");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listAll(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::All, true, pattern, false, u"listAll");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listFiles(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::Files, true, pattern, false, u"listFiles");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listFolders(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::Folders, true, pattern, false, u"listFolders");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
+                                                                                   std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::All, false, pattern, true, u"listAllRecursiveNamesOnly");
+}
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*tree_, folder, Kinds::All, true, pattern, true, u"listAllRecursive");
+}
+
+bool MemoryProvider::hasFeature(p::ExtendedFeature feature) {
+  return static_cast<std::uint32_t>(feature) <= static_cast<std::uint32_t>(p::ExtendedFeature::RecursiveWildcardListing);
+}
+
+void MemoryProvider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
+  std::uint64_t capacity = 0, maxFileSize = 0;
+  {
+    ReadLock lock(tree_->mutex);
+    capacity = tree_->capacity;
+    maxFileSize = tree_->maxFileSize;
+  }
+  for (auto const& [key, value] : settings) {
+    auto number = value.get_value_optional<std::uint64_t>();
+    if (!number || !value.empty())
+      refuse(ErrorCode::InvalidLocation, location, u"configure", "\"" + key + "\" needs a number of bytes");
+    if (key == "capacity") {
+      capacity = *number;
+    } else if (key == "maxFileSize") {
+      maxFileSize = *number;
+    } else {
+      refuse(ErrorCode::InvalidLocation, location, u"configure", "unknown setting \"" + key + "\"");
+    }
+  }
+  WriteLock lock(tree_->mutex);
+  tree_->capacity = capacity;
+  tree_->maxFileSize = maxFileSize;
+}
+
+void MemoryProvider::shutdownProvider(p::StorageIRI const&) {
+  poller_.stopAll();
+  tree_->watches.clear();
+}
+
+p::StorageInfo MemoryProvider::getProviderStorageInfo(p::StorageIRI const& location) {
+  tree_->namesOf(location, u"getProviderStorageInfo");
+  p::StorageInfo info;
+  ReadLock lock(tree_->mutex);
+  bool const limited = tree_->capacity != UINT64_MAX;
+  info.totalBytes = limited ? tree_->capacity : 0;
+  info.freeBytes = info.availableBytes = limited ? tree_->capacity - std::min(tree_->capacity, tree_->used) : 0;
+  info.details.put("memory.usedBytes", tree_->used);
+  info.details.put("memory.maxFileSize", tree_->maxFileSize);
+  return info;
+}
+
+void MemoryProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
+                                       std::vector<events::Kind> const& kinds) {
+  Names names = tree_->namesOf(file, u"publishFileEvents");
+  p::StorageIRI location;
+  {
+    ReadLock lock(tree_->mutex);
+    NodePtr node = tree_->find(names);
+    if (!node || node->isFolder) throw p::ChangeEventsSubscriptionException(file, "no such file");
+    location = tree_->canonical(names);
+  }
+  tree_->watches.add(tree_->pathKey(location), file, false, false, kinds, std::move(callback));
+}
+
+void MemoryProvider::stopPublishingFileEvents(p::StorageIRI const& file) {
+  tree_->namesOf(file, u"stopPublishingFileEvents");
+  tree_->watches.remove(tree_->pathKey(file), false);
+}
+
+void MemoryProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                         std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
+  Names names = tree_->namesOf(folder, u"publishFolderEvents");
+  p::StorageIRI location;
+  {
+    ReadLock lock(tree_->mutex);
+    NodePtr node = tree_->find(names);
+    if (!node || !node->isFolder) throw p::ChangeEventsSubscriptionException(folder, "no such folder");
+    location = tree_->canonical(names);
+  }
+  tree_->watches.add(tree_->pathKey(location), folder, true, recursive == p::RecursiveWatching::Yes, kinds,
+                     std::move(callback));
+}
+
+void MemoryProvider::stopPublishingFolderEvents(p::StorageIRI const& folder) {
+  tree_->namesOf(folder, u"stopPublishingFolderEvents");
+  tree_->watches.remove(tree_->pathKey(folder), true);
+}
+
+void MemoryProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                                 std::vector<events::Kind> const& kinds,
+                                                 std::chrono::milliseconds interval, p::RecursivePolling recursive) {
+  tree_->namesOf(folder, u"startChangePollingMechanism");
+  poller_.start(folder, std::move(callback), kinds, interval, recursive);
+}
+
+void MemoryProvider::stopChangePollingMechanism(p::StorageIRI const& folder) { poller_.stop(folder); }
+
+} // namespace foundation::storage::providers::memory

@@ -1,0 +1,155 @@
+#include "memory_streams.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace foundation::storage::providers::memory::detail {
+
+namespace {
+
+std::streamsize copyOut(std::vector<char> const& content, std::uint64_t position, char* s, std::streamsize n) {
+  if (position >= content.size()) return 0;
+  auto count = static_cast<std::streamsize>(std::min<std::uint64_t>(content.size() - position, n));
+  std::memcpy(s, content.data() + position, static_cast<std::size_t>(count));
+  return count;
+}
+
+} // namespace
+
+std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way) {
+  std::int64_t base = 0;
+  if (way == std::ios_base::cur) {
+    base = static_cast<std::int64_t>(position);
+  } else if (way == std::ios_base::end) {
+    base = static_cast<std::int64_t>(size);
+  } else if (way != std::ios_base::beg) {
+    throw p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation);
+  }
+  if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
+    throw p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation);
+  return static_cast<std::uint64_t>(base + off);
+}
+
+MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode)
+    : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode) {}
+
+std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
+  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  std::shared_lock lock(tree_->mutex);
+  std::streamsize count = copyOut(file_->content, position_, s, n);
+  position_ += static_cast<std::uint64_t>(count);
+  return count;
+}
+
+std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
+  if (!mode_.write) throw p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied);
+  std::unique_lock lock(tree_->mutex);
+  std::uint64_t const at = mode_.append ? file_->content.size() : position_;
+  std::uint64_t const end = at + static_cast<std::uint64_t>(n);
+  if (end > file_->content.size()) {
+    try {
+      tree_->resize(*file_, end, location_);
+    } catch (p::Exception const& e) {
+      throw p::ByteStreamWriteFailure(e.what(), e.getErrorCode());
+    }
+  }
+  std::memcpy(file_->content.data() + at, s, static_cast<std::size_t>(n));
+  file_->modified = Tree::now();
+  position_ = end;
+  wrote_ = true;
+  return n;
+}
+
+std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
+  std::uint64_t size = 0;
+  if (way == std::ios_base::end) {
+    std::shared_lock lock(tree_->mutex);
+    size = file_->content.size();
+  }
+  position_ = seekTarget(position_, size, off, way);
+  return static_cast<std::streamoff>(position_);
+}
+
+void MemoryByteStream::doClose() {
+  if (!wrote_) return;
+  bool attached = false;
+  {
+    std::shared_lock lock(tree_->mutex);
+    attached = file_->attached;
+  }
+  if (attached) tree_->notify({{events::Kind::Modified, location_, events::EntryType::File, {}}});
+}
+
+MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree, p::StorageIRI location,
+                                                     std::vector<char> initial, StreamMode mode, bool mustExist)
+    : tree_(std::move(tree)), location_(std::move(location)), buffer_(std::move(initial)), mode_(mode),
+      mustExist_(mustExist) {}
+
+// Destroyed unclosed: the buffer is dropped and the file keeps its contents.
+MemoryTransactionalStream::~MemoryTransactionalStream() = default;
+
+std::streamsize MemoryTransactionalStream::doRead(char* s, std::streamsize n) {
+  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  std::streamsize count = copyOut(buffer_, position_, s, n);
+  position_ += static_cast<std::uint64_t>(count);
+  return count;
+}
+
+std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsize n) {
+  std::uint64_t const at = mode_.append ? buffer_.size() : position_;
+  std::uint64_t const end = at + static_cast<std::uint64_t>(n);
+  if (end > tree_->maxFileSize)
+    throw p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge);
+  if (end > buffer_.size()) buffer_.resize(end);
+  std::memcpy(buffer_.data() + at, s, static_cast<std::size_t>(n));
+  position_ = end;
+  return n;
+}
+
+std::streampos MemoryTransactionalStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
+  position_ = seekTarget(position_, buffer_.size(), off, way);
+  return static_cast<std::streamoff>(position_);
+}
+
+void MemoryTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
+  if (policy == p::StreamClosePolicy::Discard) {
+    std::vector<char>().swap(buffer_);
+    return;
+  }
+  try {
+    commit();
+  } catch (p::Exception const& e) {
+    throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
+  }
+}
+
+void MemoryTransactionalStream::commit() {
+  std::vector<Change> changes;
+  {
+    std::unique_lock lock(tree_->mutex);
+    Names names = tree_->namesOf(location_, u"commit");
+    NodePtr file = tree_->find(names);
+    if (file && file->isFolder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
+    if (!file) {
+      if (mustExist_) refuse(p::ErrorCode::ResourceNotFound, location_, u"commit", "the file was removed meanwhile");
+      NodePtr parent = tree_->findParent(names);
+      if (!parent) refuse(p::ErrorCode::ResourceNotFound, location_, u"commit", "the parent folder is missing");
+      if (!parent->writable) refuse(p::ErrorCode::PermissionDenied, location_, u"commit", "the folder is read-only");
+      auto created = std::make_shared<Node>(false, names.back());
+      tree_->account(*created, 0, buffer_.size(), location_);
+      created->content.swap(buffer_);
+      parent->children.emplace(tree_->key(names.back()), created);
+      parent->modified = Tree::now();
+      changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::File, {}});
+    } else {
+      if (!file->writable) refuse(p::ErrorCode::PermissionDenied, location_, u"commit", "the file is read-only");
+      tree_->account(*file, file->content.size(), buffer_.size(), location_);
+      file->content.swap(buffer_);
+      file->modified = Tree::now();
+      changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
+    }
+  }
+  tree_->notify(changes);
+}
+
+} // namespace foundation::storage::providers::memory::detail
