@@ -1,0 +1,129 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/exceptions.hpp>
+#include <foundation/storage/provider/forwarding_provider.hpp>
+#include <foundation/storage/providers/wrappers/operation.hpp>
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace foundation::storage::providers::wrappers {
+
+/// Which byte stream operation a stream fault breaks.
+enum class StreamOperation { Read, Write, Seek, Close };
+
+/// Which change-event failure a subscription meets.
+enum class ChangeEventsFailure { NotSupported, Subscription };
+
+/// Makes chosen calls of any provider fail, for testing error paths on real providers:
+/// - `failOn`: an operation on a location (or on every location) throws the provider
+///   Exception with a chosen code (any value, also beyond the known ones) and contexts;
+/// - `failStream`: streams opened on a file afterwards fail on read, write, seek or close,
+///   optionally after some bytes went through;
+/// - `failChangeEvents`: subscriptions on a location throw a change-event failure;
+/// - `vanishAfterListing`: a folder disappears (answers as missing, with everything below
+///   it) as soon as its parent has been listed, as if removed concurrently;
+/// - `denyListing`: a folder cannot be listed (PermissionDenied unless told otherwise).
+/// The faults are checked before the call reaches the wrapped provider, which therefore
+/// sees no call and changes nothing. Thread-safe.
+class FOUNDATION_API FaultInjectingProvider final : public provider::ForwardingProvider {
+public:
+  using ForwardingProvider::ForwardingProvider;
+  ~FaultInjectingProvider() override;
+
+  /// `op` on `location` fails `times` times (negative: every time). An empty location
+  /// matches every location. Operations with two locations match their first.
+  void failOn(Operation op, provider::StorageIRI location, provider::ErrorCode code,
+              std::deque<provider::ExceptionContext> contexts = {}, int times = -1);
+  /// Streams opened on `file` from now on fail on `op` once `afterBytes` bytes were read or
+  /// written through them (0: at once).
+  void failStream(provider::StorageIRI file, StreamOperation op, provider::ErrorCode code,
+                  std::string message = "injected stream failure", std::uint64_t afterBytes = 0);
+  void failChangeEvents(provider::StorageIRI location, ChangeEventsFailure failure);
+  void vanishAfterListing(provider::StorageIRI folder);
+  void denyListing(provider::StorageIRI folder, provider::ErrorCode code = provider::ErrorCode::PermissionDenied);
+  /// Removes every fault and brings vanished folders back.
+  void clear();
+
+  provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
+  provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
+  bool fileExists(provider::StorageIRI const& location) override;
+  bool folderExists(provider::StorageIRI const& location) override;
+  provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
+  provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
+  void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
+  void setWritable(provider::StorageIRI const& location, bool writable) override;
+  void createFile(provider::StorageIRI const& file) override;
+  void removeFile(provider::StorageIRI const& file) override;
+  void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
+  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
+  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void createFolder(provider::StorageIRI const& folder) override;
+  void createFolderRecursive(provider::StorageIRI const& folder) override;
+  void removeFolder(provider::StorageIRI const& folder) override;
+  void removeFolderRecursively(provider::StorageIRI const& folder) override;
+  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
+  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  bool hasFeature(provider::ExtendedFeature feature) override;
+  void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  void shutdownProvider(provider::StorageIRI const& location) override;
+  provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void stopPublishingFileEvents(provider::StorageIRI const& file) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
+  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
+  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
+
+  struct StreamFault {
+    StreamOperation op;
+    provider::ErrorCode code;
+    std::string message;
+    std::uint64_t afterBytes;
+  };
+
+private:
+  struct Fault {
+    Operation op;
+    provider::StorageIRI location;
+    provider::ErrorCode code;
+    std::deque<provider::ExceptionContext> contexts;
+    int remaining;
+  };
+
+  void check(Operation op, provider::StorageIRI const& location);
+  void checkPresent(provider::StorageIRI const& location, char16_t const* op);
+  void checkChangeEvents(provider::StorageIRI const& location);
+  bool isVanished(provider::StorageIRI const& location);
+  void listed(provider::StorageIRI const& folder);
+  std::unique_ptr<provider::ByteStream> faulty(provider::StorageIRI const& file, std::unique_ptr<provider::ByteStream> stream);
+  std::unique_ptr<provider::TransactionalStream> faulty(provider::StorageIRI const& file,
+                                                        std::unique_ptr<provider::TransactionalStream> stream);
+  boost::optional<StreamFault> streamFaultFor(provider::StorageIRI const& file);
+
+  std::mutex mutex_;
+  std::vector<Fault> faults_;
+  std::vector<std::pair<provider::StorageIRI, StreamFault>> streamFaults_;
+  std::vector<std::pair<provider::StorageIRI, ChangeEventsFailure>> changeEventFaults_;
+  std::vector<provider::StorageIRI> armedVanishing_;
+  std::vector<provider::StorageIRI> vanished_;
+};
+
+} // namespace foundation::storage::providers::wrappers
