@@ -36,7 +36,8 @@ bool isUtf8(std::string const& encoding) {
 std::string codecvt_ustring_to_string(std::u16string_view text, std::string const& encoding) {
   if (isUtf8(encoding)) return to_utf8(text);
   try {
-    return conv::from_utf(text.data(), text.data() + text.size(), encoding, conv::skip);
+    // Distribution builds of Boost.Locale convert charsets from UTF-8 only, not UTF-16.
+    return conv::from_utf(to_utf8(text), encoding, conv::skip);
   } catch (conv::invalid_charset_error const&) {
     throw std::runtime_error("unknown encoding: " + encoding);
   }
@@ -45,7 +46,7 @@ std::string codecvt_ustring_to_string(std::u16string_view text, std::string cons
 std::u16string codecvt_string_to_ustring(std::string_view text, std::string const& encoding) {
   if (isUtf8(encoding)) return to_ustring(text);
   try {
-    return conv::to_utf<char16_t>(text.data(), text.data() + text.size(), encoding, conv::skip);
+    return to_ustring(conv::to_utf<char>(text.data(), text.data() + text.size(), encoding, conv::skip));
   } catch (conv::invalid_charset_error const&) {
     throw std::runtime_error("unknown encoding: " + encoding);
   }

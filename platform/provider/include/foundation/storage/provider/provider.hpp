@@ -4,6 +4,7 @@
 #include <foundation/storage/events/kinds.hpp>
 #include <foundation/storage/provider/attributes.hpp>
 #include <foundation/storage/provider/byte_stream.hpp>
+#include <foundation/storage/provider/exceptions.hpp>
 #include <foundation/storage/provider/folder_entry.hpp>
 #include <foundation/storage/provider/storage_iri.hpp>
 #include <foundation/storage/provider/types.hpp>
