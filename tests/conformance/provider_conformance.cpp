@@ -1,0 +1,80 @@
+#include "provider_conformance.hpp"
+
+#include <fl/i18n/i18n.hpp>
+
+#include <algorithm>
+
+namespace conformance {
+
+std::string toUtf8(std::u16string const& s) { return fl::i18n::to_utf8(s); }
+
+p::ChangeCallback EventLog::callback() {
+  return [this](events::Kind const& kind, p::StorageIRI const&, p::StorageIRI const& item, events::EntryType const& type,
+                boost::property_tree::ptree extra) {
+    std::lock_guard lock(mutex_);
+    records_.push_back({kind, item.toString(), type, extra.get("renamedFrom", std::string())});
+    arrived_.notify_all();
+  };
+}
+
+bool EventLog::waitFor(std::size_t count, std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return arrived_.wait_for(lock, timeout, [&] { return records_.size() >= count; });
+}
+
+std::vector<EventLog::Record> EventLog::records() const {
+  std::lock_guard lock(mutex_);
+  return records_;
+}
+
+void ProviderConformance::SetUp() { workspace_ = GetParam().make(); }
+
+void ProviderConformance::TearDown() {
+  if (workspace_.cleanup) workspace_.cleanup();
+}
+
+p::StorageItem ProviderConformance::item(std::u16string const& relative) const {
+  return p::StorageItem(p::StorageItem(workspace_.provider, workspace_.root), relative);
+}
+
+p::StorageItem ProviderConformance::foreignItem(std::u16string const& relative) const {
+  return p::StorageItem(p::StorageItem(workspace_.foreign, workspace_.foreignRoot), relative);
+}
+
+void ProviderConformance::write(p::StorageItem const& file, std::string const& bytes) const {
+  auto stream = file.openStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                 p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
+  stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  stream->close();
+}
+
+std::string ProviderConformance::read(p::StorageItem const& file) const {
+  auto stream = file.openReadOnlyStream();
+  std::string bytes;
+  char buffer[1024];
+  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
+  stream->close();
+  return bytes;
+}
+
+void ListingConformance::SetUp() {
+  ProviderConformance::SetUp();
+  item(u"top/sub/deeper").createFolderRecursive();
+  write(item(u"top/a.txt"), "aaa");
+  write(item(u"top/b.log"), "b");
+  write(item(u"top/sub/c.txt"), "cc");
+  write(item(u"top/sub/deeper/d.txt"), "d");
+}
+
+std::vector<std::string> ProviderConformance::names(std::unique_ptr<p::IFolderEntryIterator> cursor) {
+  std::vector<std::string> out;
+  while (cursor->hasNext()) {
+    cursor->next();
+    auto entry = cursor->current();
+    out.push_back(toUtf8(entry.getName()) + (entry.isFile() ? "" : "/"));
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+} // namespace conformance
