@@ -66,7 +66,7 @@ void ListingConformance::SetUp() {
   write(item(u"top/sub/deeper/d.txt"), "d");
 }
 
-std::vector<std::string> ProviderConformance::names(std::unique_ptr<p::IFolderEntryIterator> cursor) {
+std::vector<std::string> sortedNames(std::unique_ptr<p::IFolderEntryIterator> cursor) {
   std::vector<std::string> out;
   while (cursor->hasNext()) {
     cursor->next();

@@ -45,6 +45,10 @@ struct ProviderUnderTest {
   Capabilities capabilities;
 };
 
+std::string toUtf8(std::u16string const& s);
+/// The names of a whole listing, "name/" for folders, sorted.
+std::vector<std::string> sortedNames(std::unique_ptr<p::IFolderEntryIterator> cursor);
+
 inline void PrintTo(ProviderUnderTest const& provider, std::ostream* os) { *os << provider.name; }
 
 /// Collects change notifications from any thread.
@@ -78,8 +82,9 @@ protected:
   p::StorageItem foreignItem(std::u16string const& relative) const;
   void write(p::StorageItem const& file, std::string const& bytes) const;
   std::string read(p::StorageItem const& file) const;
-  /// "name" for files, "name/" for folders, of a whole listing, sorted.
-  static std::vector<std::string> names(std::unique_ptr<p::IFolderEntryIterator> cursor);
+  static std::vector<std::string> names(std::unique_ptr<p::IFolderEntryIterator> cursor) {
+    return sortedNames(std::move(cursor));
+  }
 
   Workspace workspace_;
 };
@@ -90,7 +95,7 @@ protected:
   void SetUp() override;
 };
 
-std::string toUtf8(std::u16string const& s);
+
 
 } // namespace conformance
 

@@ -233,6 +233,7 @@ std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& f
   Names names = tree_->namesOf(file, u"openStream");
   std::vector<Change> changes;
   NodePtr node;
+  bool truncated = false;
   {
     WriteLock lock(tree_->mutex);
     node = tree_->find(names);
@@ -249,15 +250,16 @@ std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& f
     } else if (!node->writable) {
       refuse(ErrorCode::PermissionDenied, file, u"openStream", "the file is read-only");
     }
-    if (options.truncate == p::ByteStreamTruncate::Truncate && !node->content.empty()) {
+    // A truncation is reported with the stream's other changes, as one Modified on close.
+    if (options.truncate == p::ByteStreamTruncate::Truncate && !node->content.empty() && changes.empty()) {
       tree_->resize(*node, 0, file);
       node->modified = Tree::now();
-      if (changes.empty()) changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
+      truncated = true;
     }
   }
   tree_->notify(changes);
   StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
-  return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, mode);
+  return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, mode, truncated);
 }
 
 std::unique_ptr<p::ByteStream> MemoryProvider::openReadOnlyStream(p::StorageIRI const& file) {
@@ -304,9 +306,10 @@ void MemoryProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& 
     WriteLock lock(tree_->mutex);
     NodePtr node = existingFile(*tree_, from, source, u"moveFile");
     NodePtr target = tree_->find(to);
-    if (target == node) return;
+    if (target == node && node->name == to.back()) return;
     NodePtr fromParent = writableParent(*tree_, from, source, u"moveFile");
     NodePtr toParent = writableParent(*tree_, to, destination, u"moveFile");
+    if (target == node) target = nullptr; // a case-only rename of the same file
     if (target) {
       if (policy == p::ReplacementPolicy::KeepExisting) return;
       if (policy == p::ReplacementPolicy::FailIfExists || target->isFolder)
@@ -450,12 +453,13 @@ void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const
     NodePtr node = existingFolder(*tree_, from, source, u"moveFolder");
     if (from.empty()) refuse(ErrorCode::InvalidLocation, source, u"moveFolder", "the root folder cannot be moved");
     NodePtr target = tree_->find(to);
-    if (target == node) return;
+    if (target == node && node->name == to.back()) return;
     bool inside = to.size() > from.size();
     for (std::size_t i = 0; inside && i < from.size(); ++i) inside = tree_->key(from[i]) == tree_->key(to[i]);
     if (inside) refuse(ErrorCode::InvalidLocation, destination, u"moveFolder", "a folder cannot move into itself");
     NodePtr fromParent = writableParent(*tree_, from, source, u"moveFolder");
     NodePtr toParent = writableParent(*tree_, to, destination, u"moveFolder");
+    if (target == node) target = nullptr; // a case-only rename of the same folder
     if (target) {
       bool const replaceable = policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
                                policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;

@@ -30,8 +30,9 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::stream
   return static_cast<std::uint64_t>(base + off);
 }
 
-MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode)
-    : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode) {}
+MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode,
+                                   bool modified)
+    : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode), modified_(modified) {}
 
 std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
   if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
@@ -56,7 +57,7 @@ std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
   std::memcpy(file_->content.data() + at, s, static_cast<std::size_t>(n));
   file_->modified = Tree::now();
   position_ = end;
-  wrote_ = true;
+  modified_ = true;
   return n;
 }
 
@@ -71,7 +72,7 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
 }
 
 void MemoryByteStream::doClose() {
-  if (!wrote_) return;
+  if (!modified_) return;
   bool attached = false;
   {
     std::shared_lock lock(tree_->mutex);

@@ -17,7 +17,9 @@ struct StreamMode {
 /// provider destroyed (the tree lives as long as the stream).
 class MemoryByteStream final : public p::ByteStream {
 public:
-  MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode);
+  /// `modified`: the file was already changed on opening (truncated).
+  MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode,
+                   bool modified = false);
 
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override;
@@ -31,7 +33,7 @@ private:
   p::StorageIRI location_;
   StreamMode mode_;
   std::uint64_t position_ = 0;
-  bool wrote_ = false;
+  bool modified_;
 };
 
 /// A stream on a private buffer that replaces the file's contents on commit, under the

@@ -1,0 +1,167 @@
+#include "../conformance/provider_conformance.hpp"
+
+#include <foundation/storage/providers/memory/memory_provider.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+namespace p = conformance::p;
+namespace events = conformance::events;
+using foundation::storage::providers::memory::MemoryProvider;
+using Code = p::ErrorCode;
+using conformance::EventLog;
+
+namespace {
+
+p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
+
+class MemoryProviderTest : public ::testing::Test {
+protected:
+  p::StorageItem item(std::u16string const& path) const { return p::StorageItem(provider_, p::StorageIRI(u"mem:///" + path)); }
+  void write(p::StorageItem const& file, std::string const& bytes) const {
+    auto stream = file.openStream(replaceAll);
+    stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    stream->close();
+  }
+  std::string read(p::StorageItem const& file) const {
+    auto stream = file.openReadOnlyStream();
+    std::string bytes(file.getFileAttributes().getSize(), '\0');
+    stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+  }
+  void configure(std::string const& key, std::string const& value) const {
+    boost::property_tree::ptree settings;
+    settings.put(key, value);
+    item(u"").configure(settings);
+  }
+
+  std::shared_ptr<MemoryProvider> provider_ = std::make_shared<MemoryProvider>();
+};
+
+class CaseInsensitiveMemoryTest : public MemoryProviderTest {
+protected:
+  CaseInsensitiveMemoryTest() { provider_ = std::make_shared<MemoryProvider>(p::FilenameSensitivity::CaseInsensitive); }
+};
+
+} // namespace
+
+TEST_F(CaseInsensitiveMemoryTest, KeepsLetterCaseButIgnoresItInLookups) {
+  write(item(u"ReadMe.TXT"), "x");
+  EXPECT_EQ(item(u"readme.txt").exists(), p::ExistsResult::File);
+  EXPECT_EQ(item(u"READme.txt").getCanonicalLocation(), p::StorageIRI(u"mem:///ReadMe.TXT"));
+  EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, item(u"README.TXT").createFile());
+  auto cursor = item(u"").listAllNamesOnly(u"");
+  ASSERT_TRUE(cursor->hasNext());
+  cursor->next();
+  EXPECT_EQ(cursor->current().getName(), u"ReadMe.TXT");
+  item(u"Ümlaut").createFolder();
+  EXPECT_TRUE(item(u"ümlaut").folderExists());
+}
+
+TEST_F(CaseInsensitiveMemoryTest, RenamesByLetterCaseOnly) {
+  write(item(u"ReadMe.TXT"), "x");
+  item(u"readme.txt").moveFile(p::StorageIRI(u"mem:///README.txt"), p::ReplacementPolicy::FailIfExists);
+  EXPECT_EQ(item(u"readme.TXT").getCanonicalLocation(), p::StorageIRI(u"mem:///README.txt"));
+  EXPECT_EQ(read(item(u"README.txt")), "x");
+  item(u"Docs").createFolder();
+  item(u"docs").moveFolder(p::StorageIRI(u"mem:///DOCS"), p::ReplacementPolicy::FailIfExists);
+  EXPECT_EQ(item(u"docs").getCanonicalLocation(), p::StorageIRI(u"mem:///DOCS"));
+}
+
+TEST_F(MemoryProviderTest, RefusesWritesBeyondItsCapacityAndKeepsOldContents) {
+  write(item(u"a.txt"), "12345");
+  configure("capacity", "9");
+  EXPECT_EQ(item(u"").getProviderStorageInfo().totalBytes, 9u);
+  EXPECT_EQ(item(u"").getProviderStorageInfo().availableBytes, 4u);
+
+  auto stream = item(u"b.txt").openStream(replaceAll);
+  try {
+    stream->write("too many bytes", 14);
+    ADD_FAILURE() << "the write should not fit";
+  } catch (p::ByteStreamWriteFailure const& e) {
+    EXPECT_EQ(e.getErrorCode(), Code::NoSpaceLeft);
+  }
+  stream->close();
+
+  auto transaction = item(u"a.txt").openTransactionalStream(replaceAll);
+  transaction->write("0123456789AB", 12);
+  try {
+    transaction->close(p::StreamClosePolicy::Commit);
+    ADD_FAILURE() << "the commit should not fit";
+  } catch (p::ByteStreamCloseFailure const& e) {
+    EXPECT_EQ(e.getErrorCode(), Code::NoSpaceLeft);
+  }
+  EXPECT_EQ(read(item(u"a.txt")), "12345");
+  EXPECT_PROVIDER_ERROR(Code::NoSpaceLeft, item(u"a.txt").copyFile(item(u"c.txt"), {}));
+  EXPECT_EQ(item(u"c.txt").exists(), p::ExistsResult::NotFound);
+
+  configure("maxFileSize", "3");
+  EXPECT_PROVIDER_ERROR(Code::FileTooLarge, item(u"a.txt").truncateToSize(4));
+}
+
+TEST_F(MemoryProviderTest, RejectsUnknownSettingsAndForeignLocations) {
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, configure("colour", "1"));
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, configure("capacity", "lots"));
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, p::StorageItem(provider_, p::StorageIRI(u"mem://other/x")).createFile());
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, p::StorageItem(provider_, p::StorageIRI(u"file:///x")).exists());
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, item(u"").removeFolder());
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, item(u"").moveFolder(p::StorageIRI(u"mem:///x"), {}));
+}
+
+TEST_F(MemoryProviderTest, OpenStreamsOutliveTheirFileAndTheProvider) {
+  write(item(u"a.txt"), "contents");
+  auto stream = item(u"a.txt").openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
+                                           p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition});
+  item(u"a.txt").removeFile();
+  provider_.reset();
+  stream->write("new", 3);
+  stream->seek(0, std::ios_base::beg);
+  char buffer[16] = {};
+  EXPECT_EQ(stream->read(buffer, sizeof buffer), 8);
+  EXPECT_EQ(std::string(buffer, 8), "newtents");
+  stream->close();
+}
+
+TEST_F(MemoryProviderTest, ReportsEachKindOfChangeNatively) {
+  write(item(u"f.txt"), "1");
+  EventLog all, attributes;
+  item(u"f.txt").publishFileEvents(all.callback(), {});
+  item(u"f.txt").publishFileEvents(all.callback(), {}); // subscribing again replaces
+  item(u"").publishFolderEvents(attributes.callback(), {events::Kind::AttributesChanged}, p::RecursiveWatching::No);
+  write(item(u"f.txt"), "22");
+  item(u"f.txt").setWritable(false);
+  item(u"f.txt").setLastModified(boost::posix_time::time_from_string("2001-02-03 04:05:06"));
+  item(u"f.txt").setWritable(true);
+  item(u"f.txt").removeFile();
+  std::vector<events::Kind> kinds;
+  for (auto const& r : all.records()) kinds.push_back(r.kind);
+  EXPECT_EQ(kinds, (std::vector<events::Kind>{events::Kind::Modified, events::Kind::AttributesChanged,
+                                              events::Kind::AttributesChanged, events::Kind::AttributesChanged,
+                                              events::Kind::Removed}));
+  EXPECT_EQ(attributes.records().size(), 3u);
+}
+
+TEST_F(MemoryProviderTest, ReportsARecursiveRemovalChildrenFirstDespiteThrowingSubscribers) {
+  item(u"tree/sub").createFolderRecursive();
+  item(u"tree/sub/x").createFile();
+  EventLog log;
+  item(u"tree").publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes);
+  item(u"tree/sub").publishFolderEvents(
+      [](auto const&, auto const&, auto const&, auto const&, auto) { throw std::runtime_error("subscriber bug"); }, {},
+      p::RecursiveWatching::No);
+  item(u"tree").removeFolderRecursively();
+  std::vector<std::u16string> removed;
+  for (auto const& r : log.records()) removed.push_back(r.item);
+  EXPECT_EQ(removed, (std::vector<std::u16string>{u"mem:///tree/sub/x", u"mem:///tree/sub", u"mem:///tree"}));
+  EXPECT_EQ(item(u"tree").exists(), p::ExistsResult::NotFound);
+}
+
+TEST_F(MemoryProviderTest, ShutdownEndsEveryWatch) {
+  EventLog log;
+  item(u"").publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes);
+  item(u"").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(1), p::RecursivePolling::Yes);
+  item(u"").shutdownProvider();
+  item(u"x").createFile();
+  EXPECT_FALSE(log.waitFor(1, std::chrono::milliseconds(30)));
+}
