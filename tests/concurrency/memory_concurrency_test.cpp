@@ -1,0 +1,132 @@
+#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/providers/memory/memory_provider.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+namespace p = foundation::storage::provider;
+namespace events = foundation::storage::events;
+using foundation::storage::providers::memory::MemoryProvider;
+
+namespace {
+
+p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
+
+p::StorageItem at(std::shared_ptr<p::IProvider> const& provider, std::u16string const& path) {
+  return p::StorageItem(provider, p::StorageIRI(u"mem:///" + path));
+}
+
+std::string readAll(p::StorageItem const& file) {
+  auto stream = file.openReadOnlyStream();
+  std::string bytes;
+  char buffer[8192];
+  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
+  return bytes;
+}
+
+} // namespace
+
+TEST(MemoryConcurrency, ThreadsWorkingOnOneTreeLoseNothing) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  at(provider, u"shared").createFolder();
+  std::atomic<int> changes{0};
+  at(provider, u"shared").publishFolderEvents([&](auto const&, auto const&, auto const&, auto const&, auto) { ++changes; }, {},
+                                              p::RecursiveWatching::Yes);
+  constexpr int threads = 4, filesEach = 50;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([&, t] {
+      auto folder = at(provider, u"shared/t" + std::u16string(1, char16_t(u'0' + t)));
+      folder.createFolder();
+      for (int i = 0; i < filesEach; ++i) {
+        p::StorageItem file(folder, u"f" + std::u16string(1, char16_t(u'A' + i % 26)) + std::u16string(1, char16_t(u'0' + i / 26)));
+        auto stream = file.openStream(replaceAll);
+        std::string payload(100 + i, static_cast<char>('a' + t));
+        stream->write(payload.data(), static_cast<std::streamsize>(payload.size()));
+        stream->close();
+        EXPECT_EQ(readAll(file), payload);
+        auto listing = at(provider, u"shared").listAllRecursive(u""); // readers alongside writers
+        while (listing->hasNext()) listing->next();
+        if (i % 5 == 0) file.removeFile();
+      }
+    });
+  }
+  for (auto& w : workers) w.join();
+  std::size_t files = 0;
+  for (auto cursor = at(provider, u"shared").listAllRecursiveNamesOnly(u""); cursor->hasNext();) {
+    cursor->next();
+    files += cursor->current().isFile() ? 1 : 0;
+  }
+  EXPECT_EQ(files, static_cast<std::size_t>(threads * (filesEach - filesEach / 5)));
+  EXPECT_GT(changes.load(), threads * filesEach);
+}
+
+TEST(MemoryConcurrency, ReadersDuringCommitsSeeOldOrNewContentsNeverAMix) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  auto file = at(provider, u"data.bin");
+  std::string const a(64 * 1024, 'A'), b(32 * 1024, 'B');
+  {
+    auto stream = file.openStream(replaceAll);
+    stream->write(a.data(), static_cast<std::streamsize>(a.size()));
+  }
+  std::atomic<bool> done{false};
+  std::atomic<int> mixed{0}, reads{0};
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 3; ++r) {
+    readers.emplace_back([&] {
+      while (!done) {
+        std::string seen = readAll(file);
+        ++reads;
+        if (seen != a && seen != b) ++mixed;
+      }
+    });
+  }
+  for (int i = 0; i < 200; ++i) {
+    auto transaction = file.openTransactionalStream(replaceAll);
+    std::string const& next = i % 2 ? a : b;
+    for (std::size_t at = 0; at < next.size(); at += 4096) transaction->write(next.data() + at, 4096);
+    transaction->close(p::StreamClosePolicy::Commit);
+  }
+  done = true;
+  for (auto& r : readers) r.join();
+  EXPECT_EQ(mixed.load(), 0) << "of " << reads.load() << " reads";
+}
+
+TEST(MemoryConcurrency, PollingCanStopFromItsOwnCallbackAndWhileChangesHappen) {
+  auto provider = std::make_shared<MemoryProvider>();
+  std::shared_ptr<p::IProvider> shared = provider;
+  at(shared, u"polled").createFolder();
+  std::atomic<int> seen{0};
+  at(shared, u"polled").startChangePollingMechanism(
+      [&](auto const&, auto const&, auto const&, auto const&, auto) {
+        if (++seen == 3) at(shared, u"polled").stopChangePollingMechanism();
+      },
+      {events::Kind::Created}, std::chrono::milliseconds(1), p::RecursivePolling::Yes);
+  std::thread writer([&] {
+    for (int i = 0; i < 200; ++i) at(shared, u"polled/f" + std::u16string(1, char16_t(u'A' + i % 26)) + std::u16string(1, char16_t(u'a' + i / 26))).createFile();
+  });
+  writer.join();
+  for (int i = 0; i < 500 && seen < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_GE(seen.load(), 3);
+  int const atStop = seen.load();
+  at(shared, u"polled/late").createFile();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(seen.load(), atStop);
+
+  // Starting and stopping from many threads at once.
+  std::vector<std::thread> starters;
+  for (int t = 0; t < 4; ++t) {
+    starters.emplace_back([&] {
+      for (int i = 0; i < 20; ++i) {
+        at(shared, u"polled").startChangePollingMechanism([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+                                                          std::chrono::milliseconds(1), p::RecursivePolling::No);
+        at(shared, u"polled").stopChangePollingMechanism();
+      }
+    });
+  }
+  for (auto& s : starters) s.join();
+}
