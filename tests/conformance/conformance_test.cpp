@@ -261,8 +261,12 @@ TEST_P(ProviderConformance, CommitReplacesTheContentsAllAtOnce) {
   auto transaction = file.openTransactionalStream(replaceAll);
   transaction->write("new", 3);
   EXPECT_EQ(read(file), "old contents"); // nothing visible before the commit
+  auto reader = file.openReadOnlyStream();
+  char head[4] = {};
+  ASSERT_EQ(reader->read(head, 4), 4);
   transaction->close(p::StreamClosePolicy::Commit);
   EXPECT_EQ(read(file), "new");
+  EXPECT_EQ(std::string(head, 4) + readAll(*reader), "old contents"); // an open reader keeps what it opened
 }
 
 TEST_P(ProviderConformance, DiscardAndAbandonedTransactionsKeepTheOldContents) {

@@ -79,7 +79,7 @@ p::FolderEntry entryOf(Node const& node, std::u16string name, bool withAttribute
   bool const hidden = isHidden(node.name);
   if (node.isFolder) return p::FolderEntry(std::move(name), p::FolderAttributes(node.modified, node.writable, hidden, false));
   return p::FolderEntry(std::move(name),
-                        p::FileAttributes(node.content.size(), node.modified, node.writable, hidden, false));
+                        p::FileAttributes(node.content->size(), node.modified, node.writable, hidden, false));
 }
 
 enum class Kinds { All, Files, Folders };
@@ -134,7 +134,7 @@ p::FileAttributes MemoryProvider::getFileAttributes(p::StorageIRI const& file) {
   Names names = tree_->namesOf(file, u"getFileAttributes");
   ReadLock lock(tree_->mutex);
   NodePtr node = existingFile(*tree_, names, file, u"getFileAttributes");
-  return p::FileAttributes(node->content.size(), node->modified, node->writable, isHidden(node->name), false);
+  return p::FileAttributes(node->content->size(), node->modified, node->writable, isHidden(node->name), false);
 }
 
 p::FolderAttributes MemoryProvider::getFolderAttributes(p::StorageIRI const& folder) {
@@ -153,7 +153,7 @@ p::ExtendedAttributes MemoryProvider::getExtendedAttributes(p::StorageIRI const&
   if (node->isFolder) {
     attributes.put("memory.children", node->children.size());
   } else {
-    attributes.put("memory.size", node->content.size());
+    attributes.put("memory.size", node->content->size());
   }
   attributes.put("memory.name", fl::i18n::to_utf8(node->name));
   return attributes;
@@ -251,7 +251,7 @@ std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& f
       refuse(ErrorCode::PermissionDenied, file, u"openStream", "the file is read-only");
     }
     // A truncation is reported with the stream's other changes, as one Modified on close.
-    if (options.truncate == p::ByteStreamTruncate::Truncate && !node->content.empty() && changes.empty()) {
+    if (options.truncate == p::ByteStreamTruncate::Truncate && !node->content->empty() && changes.empty()) {
       tree_->resize(*node, 0, file);
       node->modified = Tree::now();
       truncated = true;
@@ -287,7 +287,7 @@ std::unique_ptr<p::TransactionalStream> MemoryProvider::openTransactionalStream(
       writableParent(*tree_, names, file, u"openTransactionalStream");
     } else {
       if (!node->writable) refuse(ErrorCode::PermissionDenied, file, u"openTransactionalStream", "the file is read-only");
-      if (options.truncate == p::ByteStreamTruncate::Keep) initial = node->content;
+      if (options.truncate == p::ByteStreamTruncate::Keep) initial = *node->content;
     }
   }
   StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
@@ -338,7 +338,7 @@ p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageIt
   {
     WriteLock lock(tree_->mutex);
     NodePtr node = existingFile(*tree_, from, source, u"copyFile");
-    size = node->content.size();
+    size = node->content->size();
     NodePtr existingTarget = tree_->find(to);
     if (existingTarget) {
       if (options.policy == p::ReplacementPolicy::KeepExisting) return p::CopyResult::Skipped;
@@ -347,15 +347,15 @@ p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageIt
       if (existingTarget == node)
         refuse(ErrorCode::InvalidLocation, target, u"copyFile", "source and destination are the same file");
       if (!existingTarget->writable) refuse(ErrorCode::PermissionDenied, target, u"copyFile", "the destination is read-only");
-      tree_->account(*existingTarget, existingTarget->content.size(), size, target);
-      existingTarget->content = node->content;
+      tree_->account(*existingTarget, existingTarget->content->size(), size, target);
+      existingTarget->content = std::make_shared<std::vector<char>>(*node->content);
       existingTarget->modified = Tree::now();
       changes.push_back({events::Kind::Modified, tree_->canonical(to), events::EntryType::File, {}});
     } else {
       NodePtr parent = writableParent(*tree_, to, target, u"copyFile");
       auto copy = std::make_shared<Node>(false, to.back());
       tree_->account(*copy, 0, size, target);
-      copy->content = node->content;
+      copy->content = std::make_shared<std::vector<char>>(*node->content);
       parent->children.emplace(tree_->key(to.back()), copy);
       parent->modified = Tree::now();
       changes.push_back({events::Kind::Created, tree_->canonical(to), events::EntryType::File, {}});

@@ -32,12 +32,15 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::stream
 
 MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode,
                                    bool modified)
-    : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode), modified_(modified) {}
+    : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode), modified_(modified) {
+  std::shared_lock lock(tree_->mutex);
+  data_ = file_->content;
+}
 
 std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
   if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
   std::shared_lock lock(tree_->mutex);
-  std::streamsize count = copyOut(file_->content, position_, s, n);
+  std::streamsize count = copyOut(*data_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
   return count;
 }
@@ -45,17 +48,19 @@ std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
 std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
   if (!mode_.write) throw p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied);
   std::unique_lock lock(tree_->mutex);
-  std::uint64_t const at = mode_.append ? file_->content.size() : position_;
+  std::uint64_t const at = mode_.append ? data_->size() : position_;
   std::uint64_t const end = at + static_cast<std::uint64_t>(n);
-  if (end > file_->content.size()) {
+  bool const current = isCurrent();
+  if (end > data_->size()) {
     try {
-      tree_->resize(*file_, end, location_);
+      if (current) tree_->account(*file_, data_->size(), end, location_);
     } catch (p::Exception const& e) {
       throw p::ByteStreamWriteFailure(e.what(), e.getErrorCode());
     }
+    data_->resize(end);
   }
-  std::memcpy(file_->content.data() + at, s, static_cast<std::size_t>(n));
-  file_->modified = Tree::now();
+  std::memcpy(data_->data() + at, s, static_cast<std::size_t>(n));
+  if (current) file_->modified = Tree::now();
   position_ = end;
   modified_ = true;
   return n;
@@ -65,7 +70,7 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
   std::uint64_t size = 0;
   if (way == std::ios_base::end) {
     std::shared_lock lock(tree_->mutex);
-    size = file_->content.size();
+    size = data_->size();
   }
   position_ = seekTarget(position_, size, off, way);
   return static_cast<std::streamoff>(position_);
@@ -73,12 +78,12 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
 
 void MemoryByteStream::doClose() {
   if (!modified_) return;
-  bool attached = false;
+  bool current = false;
   {
     std::shared_lock lock(tree_->mutex);
-    attached = file_->attached;
+    current = isCurrent();
   }
-  if (attached) tree_->notify({{events::Kind::Modified, location_, events::EntryType::File, {}}});
+  if (current) tree_->notify({{events::Kind::Modified, location_, events::EntryType::File, {}}});
 }
 
 MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree, p::StorageIRI location,
@@ -138,14 +143,14 @@ void MemoryTransactionalStream::commit() {
       if (!parent->writable) refuse(p::ErrorCode::PermissionDenied, location_, u"commit", "the folder is read-only");
       auto created = std::make_shared<Node>(false, names.back());
       tree_->account(*created, 0, buffer_.size(), location_);
-      created->content.swap(buffer_);
+      created->content = std::make_shared<std::vector<char>>(std::move(buffer_));
       parent->children.emplace(tree_->key(names.back()), created);
       parent->modified = Tree::now();
       changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::File, {}});
     } else {
       if (!file->writable) refuse(p::ErrorCode::PermissionDenied, location_, u"commit", "the file is read-only");
-      tree_->account(*file, file->content.size(), buffer_.size(), location_);
-      file->content.swap(buffer_);
+      tree_->account(*file, file->content->size(), buffer_.size(), location_);
+      file->content = std::make_shared<std::vector<char>>(std::move(buffer_));
       file->modified = Tree::now();
       changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
     }

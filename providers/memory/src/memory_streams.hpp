@@ -28,8 +28,13 @@ protected:
   void doClose() override;
 
 private:
+  /// Whether the bytes this stream works on are still the file's (not replaced by a commit
+  /// or copy, not removed); only then do writes count against the capacity.
+  bool isCurrent() const { return file_->attached && file_->content == data_; }
+
   std::shared_ptr<Tree> tree_;
   NodePtr file_;
+  std::shared_ptr<std::vector<char>> data_; ///< the bytes opened, captured at construction
   p::StorageIRI location_;
   StreamMode mode_;
   std::uint64_t position_ = 0;

@@ -88,13 +88,13 @@ void Tree::account(Node const& file, std::uint64_t oldSize, std::uint64_t newSiz
 }
 
 void Tree::resize(Node& file, std::uint64_t newSize, p::StorageIRI const& location) {
-  account(file, file.content.size(), newSize, location);
-  file.content.resize(newSize);
+  account(file, file.content->size(), newSize, location);
+  file.content->resize(newSize);
 }
 
 void Tree::detach(Node& node, p::StorageIRI const& location, std::vector<Change>& changes) {
   for (auto& [k, child] : node.children) detach(*child, p::StorageIRI(location, child->name), changes);
-  if (!node.isFolder && node.attached) used -= node.content.size();
+  if (!node.isFolder && node.attached) used -= node.content->size();
   node.attached = false;
   changes.push_back({events::Kind::Removed, location,
                      node.isFolder ? events::EntryType::Folder : events::EntryType::File, {}});

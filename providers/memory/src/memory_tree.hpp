@@ -28,7 +28,9 @@ struct Node {
   boost::posix_time::ptime modified;
   bool writable = true;
   bool attached = true; ///< false once removed; open streams keep working on it
-  std::vector<char> content;
+  /// A file's bytes, shared like an inode: open streams keep the bytes they opened, and a
+  /// commit or copy installs new ones, so a reader never sees a mix of two versions.
+  std::shared_ptr<std::vector<char>> content = std::make_shared<std::vector<char>>();
   std::map<std::u16string, std::shared_ptr<Node>> children; ///< by key (see Tree::key)
 };
 using NodePtr = std::shared_ptr<Node>;
