@@ -4,6 +4,7 @@
 
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
 
 namespace p = foundation::storage::provider;
@@ -60,7 +61,9 @@ int main() {
   for (auto cursor = notes.listFilesNamesOnly(u"*.txt"); cursor->hasNext();) {
     cursor->next();
     p::StorageItem file(notes, cursor->current().getName());
-    std::cout << "  " << file.getLocation() << ":\n    " << readText(file);
+    std::cout << "  " << file.getLocation() << ":\n";
+    std::istringstream lines(readText(file));
+    for (std::string line; std::getline(lines, line);) std::cout << "    " << line << "\n";
   }
 
   try {

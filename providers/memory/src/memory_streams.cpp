@@ -104,8 +104,12 @@ std::streamsize MemoryTransactionalStream::doRead(char* s, std::streamsize n) {
 std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsize n) {
   std::uint64_t const at = mode_.append ? buffer_.size() : position_;
   std::uint64_t const end = at + static_cast<std::uint64_t>(n);
-  if (end > tree_->maxFileSize)
-    throw p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge);
+  std::uint64_t maxFileSize = 0;
+  {
+    std::shared_lock lock(tree_->mutex); // the limit may be reconfigured meanwhile
+    maxFileSize = tree_->maxFileSize;
+  }
+  if (end > maxFileSize) throw p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge);
   if (end > buffer_.size()) buffer_.resize(end);
   std::memcpy(buffer_.data() + at, s, static_cast<std::size_t>(n));
   position_ = end;
