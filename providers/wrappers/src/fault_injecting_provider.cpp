@@ -1,5 +1,7 @@
 #include <foundation/storage/providers/wrappers/fault_injecting_provider.hpp>
 
+#include <fl/i18n/i18n.hpp>
+
 #include <algorithm>
 
 namespace foundation::storage::providers::wrappers {
@@ -152,9 +154,9 @@ bool FaultInjectingProvider::isVanished(p::StorageIRI const& location) {
   return std::ranges::any_of(vanished_, [&](p::StorageIRI const& f) { return atOrBelow(f, location); });
 }
 
-void FaultInjectingProvider::checkPresent(p::StorageIRI const& location, char16_t const* op) {
+void FaultInjectingProvider::checkPresent(p::StorageIRI const& location, char const* op) {
   if (isVanished(location))
-    p::fail(p::ErrorCode::ResourceNotFound, location, std::u16string(u"fault.") + op, "the folder vanished");
+    p::fail(p::ErrorCode::ResourceNotFound, location, u"fault." + fl::i18n::to_ustring(op), "the folder vanished");
 }
 
 void FaultInjectingProvider::checkChangeEvents(p::StorageIRI const& location) {
@@ -199,283 +201,88 @@ std::unique_ptr<p::TransactionalStream> FaultInjectingProvider::faulty(p::Storag
   return std::make_unique<FaultyTransactionalStream>(std::move(stream), *fault);
 }
 
-provider::StorageIRI FaultInjectingProvider::getCanonicalLocation(provider::StorageIRI const& location) {
-  check(Operation::GetCanonicalLocation, location);
-  checkPresent(location, u"getCanonicalLocation");
-  return ForwardingProvider::getCanonicalLocation(location);
+void FaultInjectingProvider::beforeCall(Operation op, p::StorageIRI const& location) {
+  check(op, location);
+  checkPresent(location, toString(op));
 }
 
-provider::ExistsResult FaultInjectingProvider::exists(provider::StorageIRI const& location) {
+// Existence questions answer "missing" for a vanished folder instead of failing.
+p::ExistsResult FaultInjectingProvider::exists(p::StorageIRI const& location) {
   check(Operation::Exists, location);
-  if (isVanished(location)) return provider::ExistsResult::NotFound;
-  return ForwardingProvider::exists(location);
+  return isVanished(location) ? p::ExistsResult::NotFound : inner().exists(location);
 }
-
-provider::ExtendedExistsResult FaultInjectingProvider::existsExtended(provider::StorageIRI const& location) {
+p::ExtendedExistsResult FaultInjectingProvider::existsExtended(p::StorageIRI const& location) {
   check(Operation::ExistsExtended, location);
-  if (isVanished(location)) return provider::ExtendedExistsResult::NotFound;
-  return ForwardingProvider::existsExtended(location);
+  return isVanished(location) ? p::ExtendedExistsResult::NotFound : inner().existsExtended(location);
 }
-
-bool FaultInjectingProvider::fileExists(provider::StorageIRI const& location) {
+bool FaultInjectingProvider::fileExists(p::StorageIRI const& location) {
   check(Operation::FileExists, location);
-  if (isVanished(location)) return false;
-  return ForwardingProvider::fileExists(location);
+  return !isVanished(location) && inner().fileExists(location);
 }
-
-bool FaultInjectingProvider::folderExists(provider::StorageIRI const& location) {
+bool FaultInjectingProvider::folderExists(p::StorageIRI const& location) {
   check(Operation::FolderExists, location);
-  if (isVanished(location)) return false;
-  return ForwardingProvider::folderExists(location);
+  return !isVanished(location) && inner().folderExists(location);
 }
 
-provider::FileAttributes FaultInjectingProvider::getFileAttributes(provider::StorageIRI const& file) {
-  check(Operation::GetFileAttributes, file);
-  checkPresent(file, u"getFileAttributes");
-  return ForwardingProvider::getFileAttributes(file);
-}
-
-provider::FolderAttributes FaultInjectingProvider::getFolderAttributes(provider::StorageIRI const& folder) {
-  check(Operation::GetFolderAttributes, folder);
-  checkPresent(folder, u"getFolderAttributes");
-  return ForwardingProvider::getFolderAttributes(folder);
-}
-
-provider::ExtendedAttributes FaultInjectingProvider::getExtendedAttributes(provider::StorageIRI const& location) {
-  check(Operation::GetExtendedAttributes, location);
-  checkPresent(location, u"getExtendedAttributes");
-  return ForwardingProvider::getExtendedAttributes(location);
-}
-
-void FaultInjectingProvider::setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) {
-  check(Operation::SetLastModified, location);
-  checkPresent(location, u"setLastModified");
-  ForwardingProvider::setLastModified(location, time);
-}
-
-void FaultInjectingProvider::setWritable(provider::StorageIRI const& location, bool writable) {
-  check(Operation::SetWritable, location);
-  checkPresent(location, u"setWritable");
-  ForwardingProvider::setWritable(location, writable);
-}
-
-void FaultInjectingProvider::createFile(provider::StorageIRI const& file) {
-  check(Operation::CreateFile, file);
-  checkPresent(file, u"createFile");
-  ForwardingProvider::createFile(file);
-}
-
-void FaultInjectingProvider::removeFile(provider::StorageIRI const& file) {
-  check(Operation::RemoveFile, file);
-  checkPresent(file, u"removeFile");
-  ForwardingProvider::removeFile(file);
-}
-
-void FaultInjectingProvider::truncateToSize(provider::StorageIRI const& file, std::uint64_t size) {
-  check(Operation::TruncateToSize, file);
-  checkPresent(file, u"truncateToSize");
-  ForwardingProvider::truncateToSize(file, size);
-}
-
-std::unique_ptr<provider::ByteStream> FaultInjectingProvider::openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) {
-  check(Operation::OpenStream, file);
-  checkPresent(file, u"openStream");
+std::unique_ptr<p::ByteStream> FaultInjectingProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   return faulty(file, ForwardingProvider::openStream(file, options));
 }
-
-std::unique_ptr<provider::ByteStream> FaultInjectingProvider::openReadOnlyStream(provider::StorageIRI const& file) {
-  check(Operation::OpenReadOnlyStream, file);
-  checkPresent(file, u"openReadOnlyStream");
+std::unique_ptr<p::ByteStream> FaultInjectingProvider::openReadOnlyStream(p::StorageIRI const& file) {
   return faulty(file, ForwardingProvider::openReadOnlyStream(file));
 }
-
-std::unique_ptr<provider::TransactionalStream> FaultInjectingProvider::openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) {
-  check(Operation::OpenTransactionalStream, file);
-  checkPresent(file, u"openTransactionalStream");
+std::unique_ptr<p::TransactionalStream> FaultInjectingProvider::openTransactionalStream(p::StorageIRI const& file,
+                                                                                       p::ByteStreamOpenOptions const& options) {
   return faulty(file, ForwardingProvider::openTransactionalStream(file, options));
 }
 
-void FaultInjectingProvider::moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) {
-  check(Operation::MoveFile, source);
-  checkPresent(source, u"moveFile");
-  checkPresent(destination, u"moveFile");
+// Operations on two locations: the hook sees the first, the second is checked here.
+void FaultInjectingProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPresent(destination, "moveFile");
   ForwardingProvider::moveFile(source, destination, policy);
 }
-
-provider::CopyResult FaultInjectingProvider::copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) {
-  check(Operation::CopyFile, source);
-  checkPresent(source, u"copyFile");
-  checkPresent(destination.getLocation(), u"copyFile");
+p::CopyResult FaultInjectingProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                                               p::CopyFileOptions const& options) {
+  checkPresent(destination.getLocation(), "copyFile");
   return ForwardingProvider::copyFile(source, destination, options);
 }
-
-void FaultInjectingProvider::createFolder(provider::StorageIRI const& folder) {
-  check(Operation::CreateFolder, folder);
-  checkPresent(folder, u"createFolder");
-  ForwardingProvider::createFolder(folder);
-}
-
-void FaultInjectingProvider::createFolderRecursive(provider::StorageIRI const& folder) {
-  check(Operation::CreateFolderRecursive, folder);
-  checkPresent(folder, u"createFolderRecursive");
-  ForwardingProvider::createFolderRecursive(folder);
-}
-
-void FaultInjectingProvider::removeFolder(provider::StorageIRI const& folder) {
-  check(Operation::RemoveFolder, folder);
-  checkPresent(folder, u"removeFolder");
-  ForwardingProvider::removeFolder(folder);
-}
-
-void FaultInjectingProvider::removeFolderRecursively(provider::StorageIRI const& folder) {
-  check(Operation::RemoveFolderRecursively, folder);
-  checkPresent(folder, u"removeFolderRecursively");
-  ForwardingProvider::removeFolderRecursively(folder);
-}
-
-void FaultInjectingProvider::moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) {
-  check(Operation::MoveFolder, source);
-  checkPresent(source, u"moveFolder");
-  checkPresent(destination, u"moveFolder");
+void FaultInjectingProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPresent(destination, "moveFolder");
   ForwardingProvider::moveFolder(source, destination, policy);
 }
 
-provider::FilenameSensitivity FaultInjectingProvider::getFilenameSensitivity(provider::StorageIRI const& location) {
-  check(Operation::GetFilenameSensitivity, location);
-  checkPresent(location, u"getFilenameSensitivity");
-  return ForwardingProvider::getFilenameSensitivity(location);
-}
+// Listings arm the folders that vanish once their parent was listed.
+#define FAULT_INJECTING_LISTING(name)                                                                         \
+  std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::name(p::StorageIRI const& folder,          \
+                                                                        std::u16string const& pattern) {      \
+    auto cursor = ForwardingProvider::name(folder, pattern);                                                  \
+    listed(folder);                                                                                           \
+    return cursor;                                                                                            \
+  }
+FAULT_INJECTING_LISTING(listAllNamesOnly)
+FAULT_INJECTING_LISTING(listFilesNamesOnly)
+FAULT_INJECTING_LISTING(listFoldersNamesOnly)
+FAULT_INJECTING_LISTING(listAll)
+FAULT_INJECTING_LISTING(listFiles)
+FAULT_INJECTING_LISTING(listFolders)
+FAULT_INJECTING_LISTING(listAllRecursiveNamesOnly)
+FAULT_INJECTING_LISTING(listAllRecursive)
+#undef FAULT_INJECTING_LISTING
 
-provider::PathComparatorFunction FaultInjectingProvider::getPathComparator(provider::StorageIRI const& location) {
-  check(Operation::GetPathComparator, location);
-  checkPresent(location, u"getPathComparator");
-  return ForwardingProvider::getPathComparator(location);
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListAllNamesOnly, folder);
-  checkPresent(folder, u"listAllNamesOnly");
-  auto cursor = ForwardingProvider::listAllNamesOnly(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListFilesNamesOnly, folder);
-  checkPresent(folder, u"listFilesNamesOnly");
-  auto cursor = ForwardingProvider::listFilesNamesOnly(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListFoldersNamesOnly, folder);
-  checkPresent(folder, u"listFoldersNamesOnly");
-  auto cursor = ForwardingProvider::listFoldersNamesOnly(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listAll(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListAll, folder);
-  checkPresent(folder, u"listAll");
-  auto cursor = ForwardingProvider::listAll(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListFiles, folder);
-  checkPresent(folder, u"listFiles");
-  auto cursor = ForwardingProvider::listFiles(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListFolders, folder);
-  checkPresent(folder, u"listFolders");
-  auto cursor = ForwardingProvider::listFolders(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListAllRecursiveNamesOnly, folder);
-  checkPresent(folder, u"listAllRecursiveNamesOnly");
-  auto cursor = ForwardingProvider::listAllRecursiveNamesOnly(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-std::unique_ptr<provider::IFolderEntryIterator> FaultInjectingProvider::listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) {
-  check(Operation::ListAllRecursive, folder);
-  checkPresent(folder, u"listAllRecursive");
-  auto cursor = ForwardingProvider::listAllRecursive(folder, pattern);
-  listed(folder);
-  return cursor;
-}
-
-bool FaultInjectingProvider::hasFeature(provider::ExtendedFeature feature) {
-  check(Operation::HasFeature, provider::StorageIRI());
-  return ForwardingProvider::hasFeature(feature);
-}
-
-void FaultInjectingProvider::configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) {
-  check(Operation::Configure, location);
-  checkPresent(location, u"configure");
-  ForwardingProvider::configure(location, std::move(settings));
-}
-
-void FaultInjectingProvider::shutdownProvider(provider::StorageIRI const& location) {
-  check(Operation::ShutdownProvider, location);
-  checkPresent(location, u"shutdownProvider");
-  ForwardingProvider::shutdownProvider(location);
-}
-
-provider::StorageInfo FaultInjectingProvider::getProviderStorageInfo(provider::StorageIRI const& location) {
-  check(Operation::GetProviderStorageInfo, location);
-  checkPresent(location, u"getProviderStorageInfo");
-  return ForwardingProvider::getProviderStorageInfo(location);
-}
-
-void FaultInjectingProvider::publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) {
-  check(Operation::PublishFileEvents, file);
+void FaultInjectingProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
+                                               std::vector<events::Kind> const& kinds) {
   checkChangeEvents(file);
-  checkPresent(file, u"publishFileEvents");
   ForwardingProvider::publishFileEvents(file, std::move(callback), kinds);
 }
-
-void FaultInjectingProvider::stopPublishingFileEvents(provider::StorageIRI const& file) {
-  check(Operation::StopPublishingFileEvents, file);
-  checkPresent(file, u"stopPublishingFileEvents");
-  ForwardingProvider::stopPublishingFileEvents(file);
-}
-
-void FaultInjectingProvider::publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) {
-  check(Operation::PublishFolderEvents, folder);
+void FaultInjectingProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                                 std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
   checkChangeEvents(folder);
-  checkPresent(folder, u"publishFolderEvents");
   ForwardingProvider::publishFolderEvents(folder, std::move(callback), kinds, recursive);
 }
-
-void FaultInjectingProvider::stopPublishingFolderEvents(provider::StorageIRI const& folder) {
-  check(Operation::StopPublishingFolderEvents, folder);
-  checkPresent(folder, u"stopPublishingFolderEvents");
-  ForwardingProvider::stopPublishingFolderEvents(folder);
-}
-
-void FaultInjectingProvider::startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) {
-  check(Operation::StartChangePollingMechanism, folder);
+void FaultInjectingProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                                         std::vector<events::Kind> const& kinds,
+                                                         std::chrono::milliseconds interval, p::RecursivePolling recursive) {
   checkChangeEvents(folder);
-  checkPresent(folder, u"startChangePollingMechanism");
   ForwardingProvider::startChangePollingMechanism(folder, std::move(callback), kinds, interval, recursive);
-}
-
-void FaultInjectingProvider::stopChangePollingMechanism(provider::StorageIRI const& folder) {
-  check(Operation::StopChangePollingMechanism, folder);
-  checkPresent(folder, u"stopChangePollingMechanism");
-  ForwardingProvider::stopChangePollingMechanism(folder);
 }
 
 } // namespace foundation::storage::providers::wrappers

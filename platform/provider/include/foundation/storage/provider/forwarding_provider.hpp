@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/operation.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <memory>
@@ -8,7 +9,7 @@
 namespace foundation::storage::provider {
 
 /// Passes every operation to a wrapped provider, so that a wrapper overrides only what it
-/// changes. The optional extensions are forwarded when the wrapped provider has them and
+/// changes. Every call first passes `beforeCall`, the one place to count, check or fail calls. The optional extensions are forwarded when the wrapped provider has them and
 /// do nothing otherwise. A copy whose destination is served by this wrapper reaches the
 /// wrapped provider with the destination unwrapped, so native copies stay native.
 class FOUNDATION_API ForwardingProvider : public IProvider,
@@ -68,6 +69,11 @@ public:
   void flushFilesystem() override;
 
 protected:
+  /// Runs before every forwarded call with the operation and its (first) location; the
+  /// location is empty for `hasFeature`. Throwing here fails the call before the wrapped
+  /// provider sees it. Does nothing by default.
+  virtual void beforeCall(Operation op, StorageIRI const& location);
+
   IProvider& inner() const noexcept { return *inner_; }
   /// `item` with this wrapper replaced by the wrapped provider, when it is served by this.
   StorageItem unwrap(StorageItem const& item) const;

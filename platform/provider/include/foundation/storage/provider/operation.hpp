@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <iosfwd>
 
-namespace foundation::storage::providers::wrappers {
+namespace foundation::storage::provider {
 
-/// One operation of the provider interface, for wrappers that count or fail calls.
+/// One operation of the provider interface, for wrappers that count, check or fail calls.
 enum class Operation {
   GetCanonicalLocation,
   Exists,
@@ -60,4 +60,4 @@ inline constexpr std::size_t operationCount = static_cast<std::size_t>(Operation
 FOUNDATION_API char const* toString(Operation op) noexcept;
 FOUNDATION_API std::ostream& operator<<(std::ostream& os, Operation op);
 
-} // namespace foundation::storage::providers::wrappers
+} // namespace foundation::storage::provider

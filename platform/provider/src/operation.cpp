@@ -1,8 +1,8 @@
-#include <foundation/storage/providers/wrappers/operation.hpp>
+#include <foundation/storage/provider/operation.hpp>
 
 #include <ostream>
 
-namespace foundation::storage::providers::wrappers {
+namespace foundation::storage::provider {
 
 char const* toString(Operation op) noexcept {
   switch (op) {
@@ -55,4 +55,4 @@ char const* toString(Operation op) noexcept {
 
 std::ostream& operator<<(std::ostream& os, Operation op) { return os << toString(op); }
 
-} // namespace foundation::storage::providers::wrappers
+} // namespace foundation::storage::provider
