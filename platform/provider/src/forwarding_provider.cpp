@@ -239,4 +239,8 @@ void ForwardingProvider::flushFilesystem() {
   if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(inner_.get())) flushable->flushFilesystem();
 }
 
+void ForwardingProvider::flushFilesystem(StorageIRI const& location) {
+  if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(inner_.get())) flushable->flushFilesystem(location);
+}
+
 } // namespace foundation::storage::provider

@@ -6,6 +6,7 @@ namespace foundation::storage::provider {
 IProvider::~IProvider() = default;
 extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
+void extensions::IFlushableFilesystem::flushFilesystem(StorageIRI const&) { flushFilesystem(); }
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)
     : provider_(std::move(provider)), location_(std::move(location)) {
@@ -89,7 +90,8 @@ void StorageItem::configure(boost::property_tree::ptree settings) const {
 void StorageItem::shutdownProvider() const { provider_->shutdownProvider(location_); }
 StorageInfo StorageItem::getProviderStorageInfo() const { return provider_->getProviderStorageInfo(location_); }
 void StorageItem::flushFilesystem() const {
-  if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(provider_.get())) flushable->flushFilesystem();
+  if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(provider_.get()))
+    flushable->flushFilesystem(location_);
 }
 
 void StorageItem::publishFileEvents(ChangeCallback callback, std::vector<events::Kind> const& kinds) const {

@@ -67,6 +67,7 @@ public:
 
   void invalidate(StorageIRI const& location) override;
   void flushFilesystem() override;
+  void flushFilesystem(StorageIRI const& location) override;
 
 protected:
   /// Runs before every forwarded call with the operation and its (first) location; the

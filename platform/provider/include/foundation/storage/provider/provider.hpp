@@ -142,11 +142,14 @@ public:
   virtual void invalidate(StorageIRI const& location) = 0;
 };
 
-/// Flushes pending writes of the whole file system behind the provider.
+/// Flushes pending writes of the file systems behind the provider.
 class FOUNDATION_API IFlushableFilesystem {
 public:
   virtual ~IFlushableFilesystem();
+  /// Every file system the provider writes to.
   virtual void flushFilesystem() = 0;
+  /// The file system holding `location`; by default every one.
+  virtual void flushFilesystem(StorageIRI const& location);
 };
 
 } // namespace extensions

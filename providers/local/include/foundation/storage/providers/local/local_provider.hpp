@@ -1,0 +1,117 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/provider/storage_item.hpp>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace foundation::storage::providers::local {
+
+namespace detail {
+class InotifyWatcher;
+struct UserIdentity;
+} // namespace detail
+
+/// How the provider renames: `renameat` (with `noReplace`: fail with EEXIST rather than
+/// replace); returns 0 or an errno value. A seam for tests, which simulate a move across
+/// file systems (EXDEV) with it.
+using RenameFunction = std::function<int(int fromDir, char const* from, int toDir, char const* to, bool noReplace)>;
+
+struct LocalProviderOptions {
+  /// Empty: the system's own rename.
+  RenameFunction rename;
+};
+
+/// The provider of the local file system: locations `file:///absolute/path`, POSIX calls.
+///
+/// - Listings read folders with getdents64 (readdir elsewhere) and take each entry's kind
+///   from the folder itself; only listings with attributes (and entries of unknown kind)
+///   cost a stat. Names that are not valid UTF-8 cannot be written as locations and are
+///   left out.
+/// - Symbolic links are followed for attributes and kinds, and reported with their symlink
+///   flag; recursive listings and recursive removal never enter a linked folder, so links
+///   cannot make them loop or reach outside the tree.
+/// - Transactional streams write a temporary file in the target's folder and commit with
+///   fsync and rename, keeping the target's permissions. Copies land the same way, so a
+///   failed copy leaves no partial destination. Copies use reflinks where the file system
+///   shares extents, else copy_file_range, else read/write.
+/// - Moves rename within one file system; across file systems (EXDEV) they fail with
+///   UnsupportedOperation so that callers copy and remove instead.
+/// - Changes are reported with inotify (recursive watches follow new subfolders; after a
+///   kernel queue overflow the watched folders are rescanned and the differences
+///   reported); polling uses the platform's watcher.
+/// - "writable" means writable for the current user; the superuser can write anything.
+/// Thread-safe.
+class FOUNDATION_API LocalProvider final : public provider::IProvider,
+                                           public provider::extensions::IFlushableFilesystem,
+                                           public provider::extensions::IInvalidatable {
+public:
+  explicit LocalProvider(LocalProviderOptions options = {});
+  ~LocalProvider() override;
+
+  provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
+  provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
+  bool fileExists(provider::StorageIRI const& location) override;
+  bool folderExists(provider::StorageIRI const& location) override;
+  provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
+  provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
+  void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
+  void setWritable(provider::StorageIRI const& location, bool writable) override;
+  void createFile(provider::StorageIRI const& file) override;
+  void removeFile(provider::StorageIRI const& file) override;
+  void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
+  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
+  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void createFolder(provider::StorageIRI const& folder) override;
+  void createFolderRecursive(provider::StorageIRI const& folder) override;
+  void removeFolder(provider::StorageIRI const& folder) override;
+  void removeFolderRecursively(provider::StorageIRI const& folder) override;
+  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
+  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  bool hasFeature(provider::ExtendedFeature feature) override;
+  void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  void shutdownProvider(provider::StorageIRI const& location) override;
+  provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void stopPublishingFileEvents(provider::StorageIRI const& file) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
+  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
+  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
+
+  /// sync: every file system.
+  void flushFilesystem() override;
+  /// syncfs: the file system holding `location`.
+  void flushFilesystem(provider::StorageIRI const& location) override;
+  /// Nothing is cached: does nothing.
+  void invalidate(provider::StorageIRI const& location) override;
+
+private:
+  int rename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) const;
+  detail::InotifyWatcher& inotify();
+
+  LocalProviderOptions options_;
+  std::unique_ptr<detail::UserIdentity> user_;
+  std::mutex inotifyMutex_;
+  std::unique_ptr<detail::InotifyWatcher> inotify_;
+  provider::ChangePollingWatcher poller_;
+};
+
+} // namespace foundation::storage::providers::local

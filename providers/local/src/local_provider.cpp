@@ -1,0 +1,526 @@
+#include <foundation/storage/providers/local/local_provider.hpp>
+
+#include "directory_reader.hpp"
+#include "inotify_watcher.hpp"
+#include "local_listing.hpp"
+#include "local_streams.hpp"
+#include "local_support.hpp"
+#include "posix_calls.hpp"
+
+#include <foundation/storage/provider/stream_copy.hpp>
+
+#include <fl/i18n/i18n.hpp>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace foundation::storage::providers::local {
+
+using namespace detail;
+using p::ErrorCode;
+
+namespace {
+
+int const folderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+/// The folder holding a path's last name, opened, and that name.
+struct Placement {
+  UniqueFd folder;
+  std::string name;
+};
+
+Placement place(std::string const& path, p::StorageIRI const& location, char const* op) {
+  auto slash = path.rfind('/');
+  std::string name = path.substr(slash + 1);
+  if (name.empty()) refuse(ErrorCode::InvalidLocation, location, op, "the root folder has no parent");
+  std::string const parent = slash == 0 ? std::string("/") : path.substr(0, slash);
+  int fd = openAt(AT_FDCWD, parent.c_str(), folderFlags);
+  if (fd < 0) failErrno(-fd, location, op);
+  return {UniqueFd(fd), std::move(name)};
+}
+
+/// stat (following links); false when nothing is there.
+bool statIfPresent(std::string const& path, struct stat& st, p::StorageIRI const& location, char const* op,
+                   bool follow = true) {
+  int error = statAt(AT_FDCWD, path.c_str(), st, follow);
+  if (error == ENOENT || error == ENOTDIR) return false;
+  if (error != 0) failErrno(error, location, op);
+  return true;
+}
+
+void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char const* op) {
+  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(p::ReplacementPolicy::KeepExisting))
+    refuse(ErrorCode::InvalidLocation, location, op, "unknown replacement policy");
+}
+
+void checkOptions(p::ByteStreamOpenOptions const& options, p::StorageIRI const& location, char const* op) {
+  if (!p::isValid(options)) refuse(ErrorCode::InvalidLocation, location, op, "unknown open options");
+}
+
+/// Removes a named temporary file unless dismissed (an unnamed one vanishes with its
+/// descriptor).
+class TemporaryFileGuard {
+public:
+  TemporaryFileGuard(int folder, std::string const& name) : folder_(folder), name_(name) {}
+  ~TemporaryFileGuard() {
+    if (armed_ && !name_.empty()) ::unlinkat(folder_, name_.c_str(), 0);
+  }
+  TemporaryFileGuard(TemporaryFileGuard const&) = delete;
+  TemporaryFileGuard& operator=(TemporaryFileGuard const&) = delete;
+  void dismiss() noexcept { armed_ = false; }
+
+private:
+  int folder_;
+  std::string const& name_;
+  bool armed_ = true;
+};
+
+bool isLocal(p::StorageIRI const& location) {
+  return location.getScheme() == u"file" && location.getAuthority().empty() && !location.hasInnerIRI() &&
+         location.hasPath();
+}
+
+p::FilenameSensitivity sensitivityOf([[maybe_unused]] std::string const& path) {
+#if defined(__APPLE__) && defined(_PC_CASE_SENSITIVE)
+  if (::pathconf(path.c_str(), _PC_CASE_SENSITIVE) == 0) return p::FilenameSensitivity::CaseInsensitive;
+#endif
+  return p::FilenameSensitivity::CaseSensitive;
+}
+
+std::unique_ptr<p::IFolderEntryIterator> list(std::string const& path, p::StorageIRI const& location,
+                                              ListingRequest const& request, UserIdentity const& user, char const* op) {
+  int fd = openAt(AT_FDCWD, path.c_str(), folderFlags);
+  if (fd < 0) failErrno(-fd, location, op);
+  UniqueFd folder(fd);
+  std::vector<p::FolderEntry> entries;
+  listFolder(folder.get(), request, user, location, entries);
+  return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
+}
+
+} // namespace
+
+LocalProvider::LocalProvider(LocalProviderOptions options)
+    : options_(std::move(options)), user_(std::make_unique<UserIdentity>(UserIdentity::current())), poller_(*this) {}
+
+LocalProvider::~LocalProvider() {
+  poller_.stopAll();
+  inotify_.reset();
+}
+
+int LocalProvider::rename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) const {
+  if (options_.rename) return options_.rename(fromDir, from, toDir, to, noReplace);
+  return renameAt(fromDir, from, toDir, to, noReplace);
+}
+
+InotifyWatcher& LocalProvider::inotify() {
+  std::lock_guard lock(inotifyMutex_);
+  if (!inotify_) inotify_ = std::make_unique<InotifyWatcher>();
+  return *inotify_;
+}
+
+p::StorageIRI LocalProvider::getCanonicalLocation(p::StorageIRI const& location) {
+  return p::toCanonicalizedStorageIRI(u"file", fl::filesystem::path(pathOf(location, "canonical")));
+}
+
+p::ExistsResult LocalProvider::exists(p::StorageIRI const& location) {
+  std::string const path = pathOf(location, "exists");
+  struct stat st {};
+  if (statIfPresent(path, st, location, "exists")) return S_ISDIR(st.st_mode) ? p::ExistsResult::Folder : p::ExistsResult::File;
+  // A broken link is an entry, though not one to open.
+  return statIfPresent(path, st, location, "exists", false) ? p::ExistsResult::File : p::ExistsResult::NotFound;
+}
+
+p::ExtendedExistsResult LocalProvider::existsExtended(p::StorageIRI const& location) {
+  std::string const path = pathOf(location, "existsExtended");
+  struct stat st {};
+  if (!statIfPresent(path, st, location, "existsExtended", false)) return p::ExtendedExistsResult::NotFound;
+  if (S_ISLNK(st.st_mode)) {
+    if (!statIfPresent(path, st, location, "existsExtended")) return p::ExtendedExistsResult::BrokenSymlink;
+    return S_ISDIR(st.st_mode) ? p::ExtendedExistsResult::SymlinkToFolder : p::ExtendedExistsResult::SymlinkToFile;
+  }
+  if (S_ISDIR(st.st_mode)) return p::ExtendedExistsResult::Folder;
+  return S_ISREG(st.st_mode) ? p::ExtendedExistsResult::File : p::ExtendedExistsResult::Special;
+}
+
+bool LocalProvider::fileExists(p::StorageIRI const& location) {
+  struct stat st {};
+  return statIfPresent(pathOf(location, "fileExists"), st, location, "fileExists") && !S_ISDIR(st.st_mode);
+}
+
+bool LocalProvider::folderExists(p::StorageIRI const& location) {
+  struct stat st {};
+  return statIfPresent(pathOf(location, "folderExists"), st, location, "folderExists") && S_ISDIR(st.st_mode);
+}
+
+p::FileAttributes LocalProvider::getFileAttributes(p::StorageIRI const& file) {
+  std::string const path = pathOf(file, "getFileAttributes");
+  struct stat st {};
+  if (!statIfPresent(path, st, file, "getFileAttributes", false)) refuse(ErrorCode::ResourceNotFound, file, "getFileAttributes", "no such file");
+  bool const symlink = S_ISLNK(st.st_mode);
+  if (symlink && !statIfPresent(path, st, file, "getFileAttributes"))
+    refuse(ErrorCode::ResourceNotFound, file, "getFileAttributes", "a broken symbolic link");
+  if (S_ISDIR(st.st_mode)) refuse(ErrorCode::ResourceNotFound, file, "getFileAttributes", "a folder, not a file");
+  return fileAttributes(st, baseName(path), symlink, *user_);
+}
+
+p::FolderAttributes LocalProvider::getFolderAttributes(p::StorageIRI const& folder) {
+  std::string const path = pathOf(folder, "getFolderAttributes");
+  struct stat st {};
+  if (!statIfPresent(path, st, folder, "getFolderAttributes", false))
+    refuse(ErrorCode::ResourceNotFound, folder, "getFolderAttributes", "no such folder");
+  bool const symlink = S_ISLNK(st.st_mode);
+  if ((symlink && !statIfPresent(path, st, folder, "getFolderAttributes")) || !S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, folder, "getFolderAttributes", "no such folder");
+  return folderAttributes(st, baseName(path), symlink, *user_);
+}
+
+p::ExtendedAttributes LocalProvider::getExtendedAttributes(p::StorageIRI const& location) {
+  std::string const path = pathOf(location, "getExtendedAttributes");
+  struct stat st {};
+  if (!statIfPresent(path, st, location, "getExtendedAttributes", false))
+    refuse(ErrorCode::ResourceNotFound, location, "getExtendedAttributes", "no such file or folder");
+  bool const symlink = S_ISLNK(st.st_mode);
+  if (symlink) statIfPresent(path, st, location, "getExtendedAttributes"); // a broken link describes itself
+  return extendedAttributes(st, symlink);
+}
+
+void LocalProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
+  if (time.is_special()) refuse(ErrorCode::InvalidLocation, location, "setLastModified", "not a point in time");
+  std::string const path = pathOf(location, "setLastModified");
+  // Setting both times (the access time to what it is) makes this an attribute change for
+  // watchers; setting the modification time alone reads as a change of contents.
+  struct stat st {};
+  if (int error = statAt(AT_FDCWD, path.c_str(), st, true)) failErrno(error, location, "stat");
+  timespec const times[2] = {accessTime(st), toTimespec(time)};
+  if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) failErrno(errno, location, "utimensat");
+}
+
+void LocalProvider::setWritable(p::StorageIRI const& location, bool writable) {
+  std::string const path = pathOf(location, "setWritable");
+  struct stat st {};
+  if (!statIfPresent(path, st, location, "setWritable")) refuse(ErrorCode::ResourceNotFound, location, "setWritable", "no such file or folder");
+  // Making writable gives the owner write access; making read-only takes it from everyone.
+  mode_t const mode = writable ? (st.st_mode | S_IWUSR) : (st.st_mode & ~mode_t{0222});
+  if (::chmod(path.c_str(), mode & 07777) != 0) failErrno(errno, location, "chmod");
+}
+
+void LocalProvider::createFile(p::StorageIRI const& file) {
+  Placement at = place(pathOf(file, "createFile"), file, "createFile");
+  int fd = openAt(at.folder.get(), at.name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
+  if (fd < 0) failErrno(-fd, file, "createFile");
+  ::close(fd);
+}
+
+void LocalProvider::removeFile(p::StorageIRI const& file) {
+  std::string const path = pathOf(file, "removeFile");
+  struct stat st {};
+  if (!statIfPresent(path, st, file, "removeFile", false) || S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, file, "removeFile", "no such file");
+  if (::unlink(path.c_str()) != 0) failErrno(errno, file, "unlink");
+}
+
+void LocalProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
+  std::string const path = pathOf(file, "truncateToSize");
+  if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()))
+    refuse(ErrorCode::FileTooLarge, file, "truncate", "beyond the largest file size");
+  struct stat st {};
+  if (!statIfPresent(path, st, file, "truncateToSize") || S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, file, "truncateToSize", "no such file");
+  if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0) failErrno(errno, file, "truncate");
+}
+
+std::unique_ptr<p::ByteStream> LocalProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  checkOptions(options, file, "openStream");
+  std::string const path = pathOf(file, "openStream");
+  bool const readable = options.access == p::ByteStreamAccess::ReadWrite;
+  int flags = O_CLOEXEC | (readable ? O_RDWR : O_WRONLY);
+  if (options.create == p::ByteStreamCreate::CreateIfMissing) flags |= O_CREAT;
+  if (options.truncate == p::ByteStreamTruncate::Truncate) flags |= O_TRUNC;
+  if (options.append == p::ByteStreamAppend::Append) flags |= O_APPEND;
+  int fd = openAt(AT_FDCWD, path.c_str(), flags, 0666);
+  if (fd < 0) failErrno(-fd, file, "open");
+  return std::make_unique<LocalByteStream>(UniqueFd(fd), readable, true);
+}
+
+std::unique_ptr<p::ByteStream> LocalProvider::openReadOnlyStream(p::StorageIRI const& file) {
+  int fd = openAt(AT_FDCWD, pathOf(file, "openReadOnlyStream").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) failErrno(-fd, file, "open");
+  UniqueFd opened(fd);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) failErrno(errno, file, "fstat");
+  if (S_ISDIR(st.st_mode)) refuse(ErrorCode::ResourceNotFound, file, "open", "a folder, not a file");
+  return std::make_unique<LocalByteStream>(std::move(opened), true, false);
+}
+
+std::unique_ptr<p::TransactionalStream> LocalProvider::openTransactionalStream(p::StorageIRI const& file,
+                                                                               p::ByteStreamOpenOptions const& options) {
+  checkOptions(options, file, "openTransactionalStream");
+  Placement at = place(pathOf(file, "openTransactionalStream"), file, "openTransactionalStream");
+  struct stat target {};
+  int const missing = statAt(at.folder.get(), at.name.c_str(), target, true);
+  if (missing == 0) {
+    if (S_ISDIR(target.st_mode)) refuse(ErrorCode::ResourceNotFound, file, "openTransactionalStream", "a folder, not a file");
+    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0) failErrno(errno, file, "access");
+  } else if (missing != ENOENT || options.create == p::ByteStreamCreate::MustExist) {
+    failErrno(missing, file, "openTransactionalStream");
+  }
+  UniqueFd temporary;
+  std::string temporaryName;
+  if (int error = openTemporaryFile(at.folder.get(), 0666, temporary, temporaryName)) failErrno(error, file, "open.temporary");
+  TemporaryFileGuard guard{at.folder.get(), temporaryName};
+  if (missing == 0 && options.truncate == p::ByteStreamTruncate::Keep) {
+    int fd = openAt(at.folder.get(), at.name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) failErrno(-fd, file, "open");
+    UniqueFd old(fd);
+    if (int error = copyContents(old.get(), temporary.get(), static_cast<std::uint64_t>(target.st_size), [](std::uint64_t) {}))
+      failErrno(error, file, "copy");
+  }
+  if (options.append == p::ByteStreamAppend::Append && ::fcntl(temporary.get(), F_SETFL, O_APPEND) != 0)
+    failErrno(errno, file, "fcntl");
+  guard.dismiss();
+  return std::make_unique<LocalTransactionalStream>(std::move(at.folder), std::move(at.name), std::move(temporary),
+                                                    std::move(temporaryName), file,
+                                                    options.access == p::ByteStreamAccess::ReadWrite,
+                                                    options.create == p::ByteStreamCreate::MustExist);
+}
+
+void LocalProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, "moveFile");
+  if (!isLocal(destination))
+    refuse(ErrorCode::UnsupportedOperation, destination, "moveFile", "the destination is not on the local file system");
+  std::string const from = pathOf(source, "moveFile"), to = pathOf(destination, "moveFile");
+  struct stat st {}, existing {};
+  if (!statIfPresent(from, st, source, "moveFile", false) || S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, source, "moveFile", "no such file");
+  if (statIfPresent(to, existing, destination, "moveFile", false)) {
+    if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return; // the same file
+    if (policy == p::ReplacementPolicy::KeepExisting) return;
+    if (policy == p::ReplacementPolicy::FailIfExists || S_ISDIR(existing.st_mode))
+      refuse(ErrorCode::ResourceAlreadyExists, destination, "moveFile", "the destination exists");
+  }
+  Placement fromAt = place(from, source, "moveFile"), toAt = place(to, destination, "moveFile");
+  if (int error = rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(),
+                         policy == p::ReplacementPolicy::FailIfExists))
+    failErrno(error, destination, "rename");
+}
+
+p::CopyResult LocalProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                                      p::CopyFileOptions const& options) {
+  if (destination.getProvider().get() != this) return p::copyFileThroughStreams(*this, source, destination, options);
+  p::StorageIRI const& target = destination.getLocation();
+  checkPolicy(options.policy, target, "copyFile");
+  std::string const from = pathOf(source, "copyFile"), to = pathOf(target, "copyFile");
+  int fd = openAt(AT_FDCWD, from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) failErrno(-fd, source, "open");
+  UniqueFd in(fd);
+  struct stat st {};
+  if (::fstat(in.get(), &st) != 0) failErrno(errno, source, "fstat");
+  if (S_ISDIR(st.st_mode)) refuse(ErrorCode::ResourceNotFound, source, "copyFile", "a folder, not a file");
+
+  Placement at = place(to, target, "copyFile");
+  struct stat existing {};
+  bool const exists = statAt(at.folder.get(), at.name.c_str(), existing, true) == 0;
+  if (exists) {
+    if (options.policy == p::ReplacementPolicy::KeepExisting) return p::CopyResult::Skipped;
+    if (options.policy == p::ReplacementPolicy::FailIfExists || S_ISDIR(existing.st_mode))
+      refuse(ErrorCode::ResourceAlreadyExists, target, "copyFile", "the destination exists");
+    if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino)
+      refuse(ErrorCode::InvalidLocation, target, "copyFile", "source and destination are the same file");
+    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0) failErrno(errno, target, "access");
+  }
+  // The copy lands all at once: written to a temporary file beside the destination, then
+  // renamed over it. A failure leaves the destination as it was.
+  UniqueFd out;
+  std::string temporaryName;
+  if (int error = openTemporaryFile(at.folder.get(), 0600, out, temporaryName)) failErrno(error, target, "open.temporary");
+  TemporaryFileGuard guard{at.folder.get(), temporaryName};
+  auto const size = static_cast<std::uint64_t>(st.st_size);
+  int error = copyContents(in.get(), out.get(), size, [&](std::uint64_t done) {
+    if (options.progress) options.progress(done, size);
+  });
+  if (error == 0 && ::fchmod(out.get(), (exists ? existing.st_mode : st.st_mode) & 07777) != 0) error = errno;
+  if (error == 0) error = nameTemporaryFile(out.get(), at.folder.get(), temporaryName);
+  if (error == 0)
+    error = renameAt(at.folder.get(), temporaryName.c_str(), at.folder.get(), at.name.c_str(),
+                     options.policy == p::ReplacementPolicy::FailIfExists);
+  if (error != 0) failErrno(error, target, "copyFile");
+  guard.dismiss();
+  if (size == 0 && options.progress) options.progress(0, 0);
+  return p::CopyResult::Copied;
+}
+
+void LocalProvider::createFolder(p::StorageIRI const& folder) {
+  if (::mkdir(pathOf(folder, "createFolder").c_str(), 0777) != 0) failErrno(errno, folder, "mkdir");
+}
+
+void LocalProvider::createFolderRecursive(p::StorageIRI const& folder) {
+  std::string const path = pathOf(folder, "createFolderRecursive");
+  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    std::string const prefix = path.substr(0, slash);
+    if (::mkdir(prefix.c_str(), 0777) != 0) {
+      int const error = errno;
+      struct stat st {};
+      if (error != EEXIST) failErrno(error, folder, "mkdir");
+      if (statAt(AT_FDCWD, prefix.c_str(), st, true) != 0 || !S_ISDIR(st.st_mode))
+        refuse(ErrorCode::ResourceAlreadyExists, folder, "mkdir", "a file is in the way: " + prefix);
+    }
+    if (slash == std::string::npos) break;
+  }
+}
+
+void LocalProvider::removeFolder(p::StorageIRI const& folder) {
+  std::string const path = pathOf(folder, "removeFolder");
+  struct stat st {};
+  if (!statIfPresent(path, st, folder, "removeFolder", false) || !S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, folder, "removeFolder", "no such folder");
+  if (::rmdir(path.c_str()) != 0) failErrno(errno == EEXIST ? ENOTEMPTY : errno, folder, "rmdir");
+}
+
+void LocalProvider::removeFolderRecursively(p::StorageIRI const& folder) {
+  std::string const path = pathOf(folder, "removeFolderRecursively");
+  struct stat st {};
+  if (!statIfPresent(path, st, folder, "removeFolderRecursively", false) || !S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, folder, "removeFolderRecursively", "no such folder");
+  if (int error = removeTree(path.c_str())) failErrno(error, folder, "removeFolderRecursively");
+}
+
+void LocalProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, "moveFolder");
+  if (!isLocal(destination))
+    refuse(ErrorCode::UnsupportedOperation, destination, "moveFolder", "the destination is not on the local file system");
+  std::string const from = pathOf(source, "moveFolder"), to = pathOf(destination, "moveFolder");
+  struct stat st {}, existing {};
+  if (!statIfPresent(from, st, source, "moveFolder") || !S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, source, "moveFolder", "no such folder");
+  bool const replace = policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
+                       policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;
+  if (statIfPresent(to, existing, destination, "moveFolder", false)) {
+    if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return;
+    if (!S_ISDIR(existing.st_mode) || !replace)
+      refuse(ErrorCode::ResourceAlreadyExists, destination, "moveFolder", "the destination exists");
+  }
+  Placement fromAt = place(from, source, "moveFolder"), toAt = place(to, destination, "moveFolder");
+  int error = rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(), !replace);
+  if (error == EEXIST && replace) error = ENOTEMPTY; // POSIX lets rename say either for a full folder
+  if (error != 0) failErrno(error, destination, "rename");
+}
+
+p::FilenameSensitivity LocalProvider::getFilenameSensitivity(p::StorageIRI const& location) {
+  return sensitivityOf(pathOf(location, "getFilenameSensitivity"));
+}
+
+p::PathComparatorFunction LocalProvider::getPathComparator(p::StorageIRI const& location) {
+  return [sensitivity = getFilenameSensitivity(location)](std::u16string const& a, std::u16string const& b,
+                                                           p::CaseModifier modifier) {
+    bool const insensitive = modifier == p::CaseModifier::CaseInsensitive ||
+                             (modifier == p::CaseModifier::ProviderDefault && sensitivity == p::FilenameSensitivity::CaseInsensitive);
+    return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
+  };
+}
+
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listAllNamesOnly"), folder, {Kinds::All, false, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listFilesNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listFilesNamesOnly"), folder, {Kinds::Files, false, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listFoldersNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listFoldersNamesOnly"), folder, {Kinds::Folders, false, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listAll(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listAll"), folder, {Kinds::All, true, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listFiles(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listFiles"), folder, {Kinds::Files, true, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listFolders(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listFolders"), folder, {Kinds::Folders, true, pattern, false}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
+                                                                                  std::u16string const& pattern) {
+  return list(pathOf(folder, "listAllRecursiveNamesOnly"), folder, {Kinds::All, false, pattern, true}, *user_, "open");
+}
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return list(pathOf(folder, "listAllRecursive"), folder, {Kinds::All, true, pattern, true}, *user_, "open");
+}
+
+bool LocalProvider::hasFeature(p::ExtendedFeature feature) {
+  return static_cast<std::uint32_t>(feature) <= static_cast<std::uint32_t>(p::ExtendedFeature::RecursiveWildcardListing);
+}
+
+void LocalProvider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
+  if (!settings.empty())
+    refuse(ErrorCode::InvalidLocation, location, "configure", "unknown setting \"" + settings.begin()->first + "\"");
+}
+
+void LocalProvider::shutdownProvider(p::StorageIRI const&) {
+  poller_.stopAll();
+  std::lock_guard lock(inotifyMutex_);
+  inotify_.reset();
+}
+
+p::StorageInfo LocalProvider::getProviderStorageInfo(p::StorageIRI const& location) {
+  struct statvfs vfs {};
+  if (::statvfs(pathOf(location, "getProviderStorageInfo").c_str(), &vfs) != 0) failErrno(errno, location, "statvfs");
+  p::StorageInfo info;
+  info.totalBytes = static_cast<std::uint64_t>(vfs.f_blocks) * vfs.f_frsize;
+  info.freeBytes = static_cast<std::uint64_t>(vfs.f_bfree) * vfs.f_frsize;
+  info.availableBytes = static_cast<std::uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+  info.details.put("posix.blockSize", vfs.f_frsize);
+  info.details.put("posix.maxNameLength", vfs.f_namemax);
+  info.details.put("posix.filesAvailable", vfs.f_favail);
+  info.details.put("posix.readOnly", (vfs.f_flag & ST_RDONLY) != 0);
+  return info;
+}
+
+void LocalProvider::flushFilesystem() { ::sync(); }
+
+void LocalProvider::flushFilesystem(p::StorageIRI const& location) {
+  int fd = openAt(AT_FDCWD, pathOf(location, "flushFilesystem").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) failErrno(-fd, location, "open");
+  UniqueFd opened(fd);
+  if (int error = syncFilesystem(opened.get())) failErrno(error, location, "syncfs");
+}
+
+void LocalProvider::invalidate(p::StorageIRI const&) {}
+
+void LocalProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
+                                      std::vector<events::Kind> const& kinds) {
+  std::string const path = pathOf(file, "publishFileEvents");
+  struct stat st {};
+  if (statAt(AT_FDCWD, path.c_str(), st, true) != 0 || S_ISDIR(st.st_mode))
+    throw p::ChangeEventsSubscriptionException(file, "no such file");
+  inotify().watch(file, path, false, false, std::move(callback), kinds);
+}
+
+void LocalProvider::stopPublishingFileEvents(p::StorageIRI const& file) {
+  pathOf(file, "stopPublishingFileEvents");
+  inotify().unwatch(file);
+}
+
+void LocalProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                        std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
+  std::string const path = pathOf(folder, "publishFolderEvents");
+  struct stat st {};
+  if (statAt(AT_FDCWD, path.c_str(), st, true) != 0 || !S_ISDIR(st.st_mode))
+    throw p::ChangeEventsSubscriptionException(folder, "no such folder");
+  inotify().watch(folder, path, true, recursive == p::RecursiveWatching::Yes, std::move(callback), kinds);
+}
+
+void LocalProvider::stopPublishingFolderEvents(p::StorageIRI const& folder) {
+  pathOf(folder, "stopPublishingFolderEvents");
+  inotify().unwatch(folder);
+}
+
+void LocalProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                                std::vector<events::Kind> const& kinds,
+                                                std::chrono::milliseconds interval, p::RecursivePolling recursive) {
+  pathOf(folder, "startChangePollingMechanism");
+  poller_.start(folder, std::move(callback), kinds, interval, recursive);
+}
+
+void LocalProvider::stopChangePollingMechanism(p::StorageIRI const& folder) { poller_.stop(folder); }
+
+} // namespace foundation::storage::providers::local
