@@ -179,6 +179,22 @@ struct InotifyWatcher::Impl {
     return 0;
   }
 
+  /// Watches `folder` and then reads it, level by level, so that nothing created meanwhile
+  /// escapes both the watch and the reading. Adds what it finds to `snapshot`, and the
+  /// folders to `folders`; 0 or the errno of the first watch that failed.
+  int watchAndScan(std::string const& folder, Snapshot& snapshot, std::set<std::string>& folders) {
+    if (int error = addWatch(folder)) return error;
+    folders.insert(folder);
+    Snapshot level;
+    scanBelow(folder, false, level, nullptr);
+    for (auto const& [path, state] : level) {
+      snapshot[path] = state;
+      if (state.folder)
+        if (int error = watchAndScan(path, snapshot, folders)) return error;
+    }
+    return 0;
+  }
+
   /// Drops watches no subscription needs any more.
   void pruneWatches() {
     std::set<std::string> needed;
@@ -227,10 +243,9 @@ struct InotifyWatcher::Impl {
   void adoptFolder(std::string const& folder, std::vector<Delivery>& out, bool report) {
     for (auto const& [location, s] : subscriptions) {
       if (!s->recursive || !isBelow(folder, s->path)) continue;
-      std::set<std::string> folders{folder};
+      std::set<std::string> folders;
       Snapshot inside;
-      scanBelow(folder, true, inside, &folders);
-      for (auto const& f : folders) addWatch(f);
+      watchAndScan(folder, inside, folders);
       s->folders.insert(folders.begin(), folders.end());
       for (auto const& [path, state] : inside) {
         if (isTemporaryName(path) || s->snapshot.contains(path)) continue;
@@ -298,11 +313,8 @@ struct InotifyWatcher::Impl {
   void rescan(std::vector<Delivery>& out) {
     for (auto const& [location, s] : subscriptions) {
       if (s->recursive) {
-        std::set<std::string> folders{s->path};
         Snapshot ignored;
-        scanBelow(s->path, true, ignored, &folders);
-        for (auto const& f : folders) addWatch(f);
-        s->folders.insert(folders.begin(), folders.end());
+        watchAndScan(s->path, ignored, s->folders);
       }
       Snapshot fresh = s->scan();
       Snapshot before = s->snapshot;
@@ -435,24 +447,26 @@ void InotifyWatcher::watch(p::StorageIRI const& location, std::string const& pat
   s->recursive = folder && recursive;
   s->callback = std::move(callback);
   s->kinds = std::move(kinds);
-  s->folders.insert(folder ? path : parentOf(path));
-  if (s->recursive) {
-    Snapshot ignored;
-    scanBelow(path, true, ignored, &s->folders);
-  }
+  // One lock scope: watches that no registered subscription needs yet would be pruned by a
+  // concurrent unwatch.
+  std::lock_guard lock(impl_->mutex);
+  impl_->open();
   {
-    std::lock_guard lock(impl_->mutex);
-    impl_->open();
-    for (auto const& f : s->folders) {
-      if (int error = impl_->addWatch(f)) {
-        impl_->pruneWatches();
-        throw p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error));
-      }
+    int error = 0;
+    if (s->recursive) {
+      Snapshot ignored;
+      error = impl_->watchAndScan(path, ignored, s->folders);
+    } else {
+      s->folders.insert(folder ? path : parentOf(path));
+      error = impl_->addWatch(*s->folders.begin());
+    }
+    if (error != 0) {
+      impl_->pruneWatches();
+      throw p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error));
     }
   }
   // Snapshot after the watches are in place: a change in between is seen by both.
   s->snapshot = s->scan();
-  std::lock_guard lock(impl_->mutex);
   if (auto it = impl_->subscriptions.find(location); it != impl_->subscriptions.end()) it->second->active = false;
   impl_->subscriptions[location] = s;
   impl_->pruneWatches();
