@@ -1,6 +1,11 @@
-// Creates, writes, lists and reads back files on the memory provider, printing each step.
+// Creates, writes, lists and reads back files on the memory provider, then copies them to
+// the local file system, printing each step.
 
+#include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
+
+#include <filesystem>
+#include <stdlib.h>
 
 #include <iostream>
 #include <memory>
@@ -8,6 +13,7 @@
 #include <string>
 
 namespace p = foundation::storage::provider;
+using foundation::storage::providers::local::LocalProvider;
 using foundation::storage::providers::memory::MemoryProvider;
 
 namespace {
@@ -71,5 +77,21 @@ int main() {
   } catch (p::Exception const& e) {
     std::cout << "\nopening a missing file fails cleanly: " << e.what() << "\n";
   }
+
+  // The same operations on the local file system, in a temporary folder.
+  std::string scratch = (std::filesystem::temp_directory_path() / "vfs-quickstart-XXXXXX").string();
+  if (!::mkdtemp(scratch.data())) return 1;
+  auto local = std::make_shared<LocalProvider>();
+  p::StorageItem disk(local, p::toStorageIRI(u"file", fl::filesystem::path(scratch)));
+  std::cout << "\ncopying the notes to " << disk.getLocation() << ":\n";
+  for (auto cursor = notes.listFiles(u""); cursor->hasNext();) {
+    cursor->next();
+    p::StorageItem from(notes, cursor->current().getName());
+    p::StorageItem to(disk, cursor->current().getName());
+    from.copyFile(to, {p::ReplacementPolicy::FailIfExists, {}}); // across providers: through streams
+    std::cout << "  " << to.getLocation() << "  (" << to.getFileAttributes().getSize() << " bytes on disk)\n";
+  }
+  disk.removeFolderRecursively();
+  std::cout << "removed " << disk.getLocation() << "\n";
   return 0;
 }
