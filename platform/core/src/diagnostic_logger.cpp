@@ -8,6 +8,7 @@
 #include <boost/log/sinks/text_ostream_backend.hpp>
 #include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
+#include <boost/log/trivial.hpp>
 
 #include <ostream>
 
@@ -27,8 +28,16 @@ char const* toString(Severity s) noexcept {
 
 std::ostream& operator<<(std::ostream& os, Severity s) { return os << toString(s); }
 
+namespace {
+/// Boost.Log's own levels, in the same order, so that its default sink (used when the
+/// application configures none) prints the right level.
+boost::log::trivial::severity_level toBoost(Severity s) noexcept {
+  return static_cast<boost::log::trivial::severity_level>(static_cast<int>(s));
+}
+} // namespace
+
 struct basic_diagnostic_logger<char>::Impl {
-  boost::log::sources::severity_channel_logger_mt<Severity, std::string> source;
+  boost::log::sources::severity_channel_logger_mt<boost::log::trivial::severity_level, std::string> source;
   explicit Impl(std::string const& name) : source(boost::log::keywords::channel = name) {}
 };
 
@@ -40,7 +49,7 @@ basic_diagnostic_logger<char>::~basic_diagnostic_logger() = default;
 void basic_diagnostic_logger<char>::log(Severity s, std::string_view message) const noexcept {
   if (!isEnabled(s)) return;
   try {
-    if (auto record = impl_->source.open_record(boost::log::keywords::severity = s)) {
+    if (auto record = impl_->source.open_record(boost::log::keywords::severity = toBoost(s))) {
       boost::log::record_ostream stream(record);
       stream << message;
       stream.flush();
@@ -52,7 +61,7 @@ void basic_diagnostic_logger<char>::log(Severity s, std::string_view message) co
 }
 
 namespace {
-BOOST_LOG_ATTRIBUTE_KEYWORD(severityKeyword, "Severity", Severity)
+BOOST_LOG_ATTRIBUTE_KEYWORD(severityKeyword, "Severity", boost::log::trivial::severity_level)
 BOOST_LOG_ATTRIBUTE_KEYWORD(channelKeyword, "Channel", std::string)
 using StreamSink = boost::log::sinks::synchronous_sink<boost::log::sinks::text_ostream_backend>;
 } // namespace
