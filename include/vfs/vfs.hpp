@@ -1,3 +1,9 @@
 #pragma once
 
-// Every public header of the library. The families join here as they are built.
+// Every public header of the library.
+
+#include <vfs/absolute_iri.hpp>
+#include <vfs/exceptions.hpp>
+#include <vfs/file.hpp>
+#include <vfs/folder.hpp>
+#include <vfs/storage_system.hpp>

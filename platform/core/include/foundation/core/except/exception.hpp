@@ -2,9 +2,12 @@
 
 #include <foundation/core/visibility.hpp>
 
+#include <boost/exception/exception.hpp>
+
 #include <exception>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace foundation::core::except {
@@ -69,10 +72,17 @@ public:
 
 namespace detail {
 
+struct NoBoostException {};
+
+/// Boost error information (a nested cause, say) can be attached to every anonymous
+/// internal exception; `T` may already provide the container.
+template <class T>
+using BoostExceptionBase = std::conditional_t<std::is_base_of_v<boost::exception, T>, NoBoostException, boost::exception>;
+
 /// Wraps any exception type `T` as an internal exception without a throw location, so that
 /// handlers for `T` (for example `std::runtime_error`) still catch it.
 template <class T>
-class FOUNDATION_API AnonymousInternalException final : public T, public IInternalException {
+class FOUNDATION_API AnonymousInternalException final : public T, public IInternalException, public BoostExceptionBase<T> {
 public:
   template <class... Args>
   explicit AnonymousInternalException(Args&&... args) : T(std::forward<Args>(args)...) {}
