@@ -54,7 +54,7 @@ AbsoluteIRI AbsoluteIRI::getParent() const { return AbsoluteIRI(iri_.getParent()
 
 AbsoluteIRI AbsoluteIRI::getResolvedIRI() const {
   try {
-    return AbsoluteIRI(provider::StorageIRI(iri_, getResolvedPath()), false);
+    return AbsoluteIRI(iri_.withPath(getResolvedPath()), false);
   } catch (...) {
     throw InvalidIRIException(toString());
   }

@@ -80,6 +80,9 @@ TEST(StorageIRI, AnswersPathQueries) {
   EXPECT_EQ(nested.getParent(), StorageIRI(u"zip:file:///data/a.zip!/dir"));
   EXPECT_EQ(StorageIRI(u"zip", StorageIRI(u"file:///data/a.zip"), u"/dir/x.txt"), nested);
   EXPECT_EQ(codeOf([] { StorageIRI(u"mem:///a").getInnerIRI(); }), p::ErrorCode::InvalidLocation);
+  EXPECT_EQ(nested.withPath(u"/other/y"), StorageIRI(u"zip:file:///data/a.zip!/other/y"));
+  EXPECT_FALSE(nested.withPath(u"").hasPath());
+  EXPECT_EQ(codeOf([&] { nested.withPath(u"relative"); }), p::ErrorCode::InvalidLocation);
 }
 
 TEST(StorageIRI, BuildsChildrenKeepingDotSegmentsUntilResolved) {

@@ -33,7 +33,10 @@ StorageIRI toStorageIRI(std::u16string const& scheme, fl::filesystem::path const
 }
 
 StorageIRI toCanonicalizedStorageIRI(std::u16string const& scheme, fl::filesystem::path const& path) {
-  StorageIRI location = toStorageIRI(scheme, path);
+  // As realpath: a relative path is taken from the current folder.
+  std::error_code ignored;
+  std::filesystem::path const absolute = std::filesystem::absolute(path.std_path(), ignored);
+  StorageIRI location = toStorageIRI(scheme, fl::filesystem::path(absolute.empty() ? path.std_path() : absolute));
   std::error_code error;
   std::filesystem::path canonical = std::filesystem::canonical(path.std_path(), error);
   if (error) failWithErrno(error.value(), location, u"iri.canonical");

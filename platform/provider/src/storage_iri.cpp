@@ -192,6 +192,16 @@ std::u16string StorageIRI::makePathRelativeTo(StorageIRI const& base) const {
   return relative;
 }
 
+StorageIRI StorageIRI::withPath(std::u16string const& path) const {
+  if (!path.empty() && path[0] != u'/') invalid(*this, u"iri.withPath", "a path must start with '/'");
+  auto rep = std::make_shared<Rep>(this->rep());
+  rep->hasPath = !path.empty();
+  rep->path.clear();
+  if (rep->hasPath) iri::appendNames(rep->path, path);
+  iri::seal(*rep);
+  return StorageIRI(std::move(rep));
+}
+
 StorageIRI StorageIRI::getInnerIRI() const {
   if (!hasInnerIRI()) invalid(*this, u"iri.getInnerIRI", "the location is not nested");
   return StorageIRI(rep().inner);

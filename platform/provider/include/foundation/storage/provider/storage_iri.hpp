@@ -66,6 +66,9 @@ public:
   StorageIRI getInnerIRI() const;
   /// Same scheme, authority and inner IRI.
   bool hasSameRoot(StorageIRI const& other) const noexcept;
+  /// The location with the same root and the decoded `path` (empty, or starting with
+  /// "/"); InvalidLocation otherwise.
+  StorageIRI withPath(std::u16string const& path) const;
 
   /// The normalised IRI; `StorageIRI(x.toString()) == x` always.
   std::u16string toString() const;
@@ -99,7 +102,8 @@ FOUNDATION_API std::ostream& operator<<(std::ostream& os, StorageIRI const& iri)
 /// path, a NUL or a name that is not valid UTF-8 is InvalidLocation.
 FOUNDATION_API StorageIRI toStorageIRI(std::u16string const& scheme, fl::filesystem::path const& path);
 /// As `toStorageIRI`, after resolving symbolic links and dot segments on the local file
-/// system (realpath). A missing path is ResourceNotFound; other failures map from errno.
+/// system (realpath; a relative path is taken from the current folder). A missing path is
+/// ResourceNotFound; other failures map from errno.
 FOUNDATION_API StorageIRI toCanonicalizedStorageIRI(std::u16string const& scheme,
                                                     fl::filesystem::path const& path);
 /// The local path of a location; InvalidLocation for a nested IRI or one without path.
