@@ -1,33 +1,30 @@
-// Creates, writes, lists and reads back files on the memory provider, then copies them to
-// the local file system, printing each step.
+// The main job: files and folders on the memory provider and on the local file system,
+// through the same File and Folder handles, printing each step.
 
-#include <foundation/storage/providers/local/local_provider.hpp>
-#include <foundation/storage/providers/memory/memory_provider.hpp>
+#include <foundation/storage/systems/standard_storage_system.hpp>
+#include <vfs/vfs.hpp>
 
 #include <filesystem>
-#include <stdlib.h>
-
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
 
 namespace p = foundation::storage::provider;
-using foundation::storage::providers::local::LocalProvider;
-using foundation::storage::providers::memory::MemoryProvider;
+namespace vfs = foundation::storage::vfs;
 
 namespace {
 
-void writeText(p::StorageItem const& file, std::string const& text) {
+void writeText(vfs::File const& file, std::string const& text) {
   // A transactional write: the file shows the new text all at once, or keeps the old.
-  auto stream = file.openTransactionalStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+  auto device = file.openTransactionalStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
                                               p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
-  stream->write(text.data(), static_cast<std::streamsize>(text.size()));
-  stream->close(p::StreamClosePolicy::Commit);
+  device.write(text.data(), static_cast<std::streamsize>(text.size()));
+  device.close(p::StreamClosePolicy::Commit);
 }
 
-std::string readText(p::StorageItem const& file) {
-  p::ByteStreamDevice device(file.openReadOnlyStream());
+std::string readText(vfs::File const& file) {
+  auto device = file.openReadOnly();
   std::string text;
   char buffer[4096];
   for (std::streamsize n; (n = device.read(buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(n));
@@ -35,63 +32,68 @@ std::string readText(p::StorageItem const& file) {
   return text;
 }
 
+void printIndented(std::string const& text) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) std::cout << "      " << line << "\n";
+}
+
+/// The names in a folder, from the provider that serves it.
+void listFolder(vfs::StorageSystem const& system, vfs::Folder const& folder) {
+  auto provider = vfs::buildProvider(system, folder.getLocation().toStorageIRI());
+  for (auto cursor = provider->listAllRecursive(folder.getLocation().toStorageIRI(), u""); cursor->hasNext();) {
+    cursor->next();
+    auto entry = cursor->current();
+    vfs::AbsoluteIRI location(folder.getLocation(), entry.getName());
+    if (entry.isFile()) {
+      std::cout << "    file   " << location << "  (" << entry.getFileAttributes()->getSize() << " bytes)\n";
+    } else {
+      std::cout << "    folder " << location << "\n";
+    }
+  }
+}
+
 } // namespace
 
 int main() {
-  auto provider = std::make_shared<MemoryProvider>();
-  p::StorageItem home(provider, p::StorageIRI(u"mem:///home/demo"));
+  auto system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  vfs::StorageSystemReference reference{std::weak_ptr<vfs::StorageSystem>(system)};
+
+  std::cout << "== in memory\n";
+  vfs::Folder home(vfs::AbsoluteIRI(u"mem:///home/demo"), reference);
   home.createFolderRecursive();
-  std::cout << "created folder " << home.getLocation() << "\n";
-
-  p::StorageItem notes(home, u"notes");
+  vfs::Folder notes(home, u"notes");
   notes.createFolder();
-  writeText(p::StorageItem(home, u"hello.txt"), "Hello, storage!\n");
-  writeText(p::StorageItem(notes, u"todo.txt"), "1. list files\n2. read them back\n");
-  writeText(p::StorageItem(notes, u"Grüße & 100%.txt"), "names with spaces, % and umlauts work\n");
-  std::cout << "wrote 3 files\n";
-
-  std::cout << "\nrecursive listing of " << home.getLocation() << ":\n";
-  for (auto cursor = home.listAllRecursive(u""); cursor->hasNext();) {
-    cursor->next();
-    p::FolderEntry entry = cursor->current();
-    p::StorageItem item(home, entry.getName());
-    if (entry.isFile()) {
-      std::cout << "  file   " << item.getLocation().toAsciiString() << "  (" << entry.getFileAttributes()->getSize()
-                << " bytes)\n";
-    } else {
-      std::cout << "  folder " << item.getLocation().toAsciiString() << "\n";
-    }
-  }
-
-  std::cout << "\n*.txt files in " << notes.getLocation() << ":\n";
-  for (auto cursor = notes.listFilesNamesOnly(u"*.txt"); cursor->hasNext();) {
-    cursor->next();
-    p::StorageItem file(notes, cursor->current().getName());
-    std::cout << "  " << file.getLocation() << ":\n";
-    std::istringstream lines(readText(file));
-    for (std::string line; std::getline(lines, line);) std::cout << "    " << line << "\n";
-  }
-
+  std::cout << "  created " << home << " and " << notes << "\n";
+  writeText(vfs::File(home, u"hello.txt"), "Hello, storage!\n");
+  writeText(vfs::File(notes, u"todo.txt"), "1. write files\n2. read them back\n");
+  writeText(vfs::File(notes, u"Grüße & 100%.txt"), "names with spaces, % and umlauts work\n");
+  std::cout << "  wrote 3 files; the tree now:\n";
+  listFolder(*system, home);
+  vfs::File todo(notes, u"todo.txt");
+  std::cout << "  " << todo << " (extension " << fl::i18n::to_utf8(todo.getExtension()) << ") reads:\n";
+  printIndented(readText(todo));
   try {
-    p::StorageItem(home, u"missing.txt").openReadOnlyStream();
-  } catch (p::Exception const& e) {
-    std::cout << "\nopening a missing file fails cleanly: " << e.what() << "\n";
+    vfs::File(home, u"missing.txt").openReadOnly();
+  } catch (vfs::Exception const& e) {
+    std::cout << "  opening a missing file fails cleanly: " << foundation::core::except::toString(e) << "\n";
   }
 
-  // The same operations on the local file system, in a temporary folder.
+  std::cout << "\n== on the local file system\n";
   std::string scratch = (std::filesystem::temp_directory_path() / "vfs-quickstart-XXXXXX").string();
   if (!::mkdtemp(scratch.data())) return 1;
-  auto local = std::make_shared<LocalProvider>();
-  p::StorageItem disk(local, p::toStorageIRI(u"file", fl::filesystem::path(scratch)));
-  std::cout << "\ncopying the notes to " << disk.getLocation() << ":\n";
-  for (auto cursor = notes.listFiles(u""); cursor->hasNext();) {
-    cursor->next();
-    p::StorageItem from(notes, cursor->current().getName());
-    p::StorageItem to(disk, cursor->current().getName());
-    from.copyFile(to, {p::ReplacementPolicy::FailIfExists, {}}); // across providers: through streams
-    std::cout << "  " << to.getLocation() << "  (" << to.getFileAttributes().getSize() << " bytes on disk)\n";
+  vfs::Folder disk(vfs::toAbsoluteIRI(u"file", fl::filesystem::path(scratch)), reference);
+  for (auto const& name : {u"todo.txt", u"Grüße & 100%.txt"}) {
+    vfs::File from(notes, name), to(disk, name);
+    from.copyFile(to, p::ReplacementPolicy::FailIfExists); // across providers
+    std::cout << "  copied " << from << "\n      to " << to << " (" << to.getAttributes().getSize() << " bytes)\n";
   }
-  disk.removeFolderRecursively();
-  std::cout << "removed " << disk.getLocation() << "\n";
+  vfs::File moved(disk, u"done.txt");
+  vfs::File(disk, u"todo.txt").moveFile(moved, p::ReplacementPolicy::FailIfExists);
+  std::cout << "  renamed todo.txt to " << fl::i18n::to_utf8(moved.getName()) << "; the folder now:\n";
+  listFolder(*system, disk);
+  std::cout << "  kind of " << disk.getLocation() << ": "
+            << (vfs::makeFileOrFolder(disk.getLocation(), reference).which() == 1 ? "folder" : "file") << "\n";
+  disk.removeFolder(vfs::FolderRemovalPolicy::Recursive);
+  std::cout << "  removed " << disk << " (exists: " << std::boolalpha << disk.folderExists() << ")\n";
   return 0;
 }

@@ -12,6 +12,9 @@ cmake --preset release >/dev/null
 cmake --build --preset release
 ctest --preset release
 
+step "install, then build and run an application against the installed package"
+./scripts/check-install.sh
+
 step "ASan + UBSan build and tests"
 cmake --preset asan >/dev/null
 cmake --build --preset asan
