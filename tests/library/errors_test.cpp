@@ -17,8 +17,9 @@ TEST(ErrorCodes, PrintEveryValueAndMapProviderCodesByTheTable) {
   }
   EXPECT_EQ(vfs::toString(static_cast<ErrorCode>(13)), "Unhandled ErrorCode");
   std::ostringstream text;
-  text << ErrorCode::NoSpaceLeft;
-  EXPECT_EQ(text.str(), "ErrorCode::NoSpaceLeft");
+  text << ErrorCode::NoSpaceLeft << " " << vfs::FolderRemovalPolicy::Recursive;
+  EXPECT_EQ(text.str(), "ErrorCode::NoSpaceLeft FolderRemovalPolicy::Recursive");
+  EXPECT_EQ(vfs::toString(vfs::FolderRemovalPolicy::NonRecursive), "FolderRemovalPolicy::NonRecursive");
 
   EXPECT_EQ(vfs::getConvertedCode(p::ErrorCode::FileTooLarge), ErrorCode::FileTooLarge);
   EXPECT_EQ(vfs::getConvertedCode(p::ErrorCode::ResourceInUse), ErrorCode::ResourceInUse);

@@ -161,12 +161,13 @@ struct InotifyWatcher::Impl {
       if (f >= 0) ::close(f);
   }
 
-  void open() {
+  /// Starts inotify on first use; a failure is reported for the location being watched.
+  void open(p::StorageIRI const& location) {
     if (fd >= 0) return;
     fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0) throw p::ChangeEventsNotSupportedException(p::StorageIRI(), std::generic_category().message(errno));
+    if (fd < 0) throw p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno));
     if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0)
-      throw p::ChangeEventsNotSupportedException(p::StorageIRI(), std::generic_category().message(errno));
+      throw p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno));
   }
 
   /// Watches a folder (once, however many subscriptions need it); 0 or errno.
@@ -450,7 +451,7 @@ void InotifyWatcher::watch(p::StorageIRI const& location, std::string const& pat
   // One lock scope: watches that no registered subscription needs yet would be pruned by a
   // concurrent unwatch.
   std::lock_guard lock(impl_->mutex);
-  impl_->open();
+  impl_->open(location);
   {
     int error = 0;
     if (s->recursive) {
