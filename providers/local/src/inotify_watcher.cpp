@@ -222,7 +222,12 @@ struct InotifyWatcher::Impl {
       if (!renamedFrom.empty()) std::erase_if(s->snapshot, [&](auto const& e) { return e.first == renamedFrom || isBelow(e.first, renamedFrom); });
       if (kind == events::Kind::Removed) {
         std::erase_if(s->snapshot, [&](auto const& e) { return e.first == path || isBelow(e.first, path); });
-      } else if (ItemState state; s->covers(path) && stateOf(path, state)) {
+      } else if (s->covers(path)) {
+        // The event says the item is there; its size and time are read when still possible
+        // (it may be gone again by the time the event is handled).
+        ItemState state;
+        state.folder = folder;
+        stateOf(path, state);
         s->snapshot[path] = state;
       }
       if (!s->wants(kind)) continue;
