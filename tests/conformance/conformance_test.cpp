@@ -3,6 +3,7 @@
 #include <foundation/storage/provider/exceptions.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/iostreams/stream.hpp>
 
 using namespace conformance;
 using Code = p::ErrorCode;
@@ -230,6 +231,22 @@ TEST_P(ProviderConformance, DevicesSignalEndOfDataWithMinusOne) {
   EXPECT_EQ(device.read(buffer, sizeof buffer), -1);
   EXPECT_EQ(device.read(buffer, 0), 0);
   device.close();
+}
+
+TEST_P(ProviderConformance, DevicesServeBoostIostreams) {
+  {
+    boost::iostreams::stream<p::ByteStreamDevice> out(p::ByteStreamDevice(item(u"lines.txt").openStream(replaceAll)));
+    out << "first line\nsecond line\n";
+  } // closing the stream closes the device
+  boost::iostreams::stream<p::ByteStreamDevice> in(p::ByteStreamDevice(item(u"lines.txt").openReadOnlyStream()));
+  std::string line;
+  std::vector<std::string> lines;
+  while (std::getline(in, line)) lines.push_back(line);
+  EXPECT_EQ(lines, (std::vector<std::string>{"first line", "second line"}));
+  in.clear();
+  in.seekg(6, std::ios_base::beg);
+  std::getline(in, line);
+  EXPECT_EQ(line, "line");
 }
 
 TEST_P(ProviderConformance, RejectsUnknownOpenOptionsWithoutCreatingAnything) {

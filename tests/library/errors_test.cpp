@@ -146,6 +146,20 @@ TEST_P(Translation, TurnsStreamFailuresIntoIOExceptionsAndLetsOthersPass) {
     EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceInUse);
     EXPECT_NE(std::string(e.what()).find("locked by another process"), std::string::npos);
   }
+  // Every stream failure becomes its IO exception with the converted code.
+  EXPECT_THROW(translated([] { throw p::ByteStreamWriteFailure("w", p::ErrorCode::NoSpaceLeft); }), vfs::IOWriteException);
+  EXPECT_THROW(translated([] { throw p::ByteStreamSeekFailure("s", p::ErrorCode::InvalidLocation); }), vfs::IOSeekException);
+  try {
+    translated([] { throw p::ByteStreamCloseFailure("c", p::ErrorCode::ReadOnlyProvider); });
+  } catch (vfs::IOCloseException const& e) {
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::ReadOnlyProvider);
+  }
+  try {
+    translated([&] { throw p::ChangeEventsSubscriptionException(h.at(u"f.txt").toStorageIRI(), "watch limit"); });
+  } catch (vfs::ChangeEventsSubscriptionException const& e) {
+    EXPECT_EQ(e.getLocation(), h.at(u"f.txt"));
+    EXPECT_NE(boost::get_error_info<boost::errinfo_nested_exception>(e), nullptr);
+  }
   EXPECT_THROW(translated([] { throw std::logic_error("a programming error"); }), std::logic_error);
   EXPECT_THROW(translated([] { throw std::bad_alloc(); }), std::bad_alloc);
   EXPECT_THROW(translated([] { throw vfs::Exception(ErrorCode::IOError, vfs::AbsoluteIRI(u"mem:///x")); }), vfs::Exception);
