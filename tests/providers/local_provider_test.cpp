@@ -175,6 +175,14 @@ TEST_F(LocalProviderTest, RoundTripsUnusualNamesBetweenPathsAndLocations) {
   EXPECT_EQ(conformance::sortedNames(item(u"").listAllNamesOnly(u"")).size(), 7u); // the unnamable one is left out
 }
 
+TEST_F(LocalProviderTest, OpensAFifoWithoutWaitingForAWriter) {
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(item(u"pipe").existsExtended(), p::ExtendedExistsResult::Special);
+  auto stream = item(u"pipe").openReadOnlyStream(); // would block forever in open(2)
+  char byte;
+  EXPECT_EQ(stream->read(&byte, 1), 0); // no writer: end of data
+}
+
 TEST_F(LocalProviderTest, KeepsTimesAndModesPrecisely) {
   writeFile(path("f.txt"), "x");
   auto const when = boost::posix_time::time_from_string("2019-05-06 07:08:09.654321");

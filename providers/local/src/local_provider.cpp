@@ -77,6 +77,17 @@ private:
   bool armed_ = true;
 };
 
+/// Opens a file for reading without blocking on a FIFO that has no writer yet (open(2)
+/// would wait for one); reads then block as usual.
+int openForReading(std::string const& path) {
+  int fd = openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd >= 0) {
+    int const flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  }
+  return fd;
+}
+
 bool isLocal(p::StorageIRI const& location) {
   return location.getScheme() == u"file" && location.getAuthority().empty() && !location.hasInnerIRI() &&
          location.hasPath();
@@ -245,7 +256,7 @@ std::unique_ptr<p::ByteStream> LocalProvider::openStream(p::StorageIRI const& fi
 }
 
 std::unique_ptr<p::ByteStream> LocalProvider::openReadOnlyStream(p::StorageIRI const& file) {
-  int fd = openAt(AT_FDCWD, pathOf(file, "openReadOnlyStream").c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = openForReading(pathOf(file, "openReadOnlyStream"));
   if (fd < 0) failErrno(-fd, file, "open");
   UniqueFd opened(fd);
   struct stat st {};
@@ -312,7 +323,7 @@ p::CopyResult LocalProvider::copyFile(p::StorageIRI const& source, p::StorageIte
   p::StorageIRI const& target = destination.getLocation();
   checkPolicy(options.policy, target, "copyFile");
   std::string const from = pathOf(source, "copyFile"), to = pathOf(target, "copyFile");
-  int fd = openAt(AT_FDCWD, from.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = openForReading(from);
   if (fd < 0) failErrno(-fd, source, "open");
   UniqueFd in(fd);
   struct stat st {};
