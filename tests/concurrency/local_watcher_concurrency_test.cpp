@@ -1,3 +1,5 @@
+#include "../support/temporary_folder.hpp"
+
 #include <foundation/storage/providers/local/local_provider.hpp>
 
 #include <gtest/gtest.h>
@@ -18,20 +20,12 @@ namespace {
 
 class LocalWatcherConcurrency : public ::testing::Test {
 protected:
-  void SetUp() override {
-    std::string folder = (fs::temp_directory_path() / "vfs-watch-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-    root_ = folder;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
   p::StorageItem item(std::string const& relative) const {
     return p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(root_ / relative)));
   }
 
-  fs::path root_;
+  testsupport::TemporaryFolder folder_{"vfs-watch"};
+  fs::path root_ = folder_.path();
   std::shared_ptr<p::IProvider> provider_ = std::make_shared<LocalProvider>();
 };
 

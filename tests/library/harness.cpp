@@ -1,10 +1,10 @@
 #include "harness.hpp"
 
+#include "../support/temporary_folder.hpp"
+
 #include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 
-#include <filesystem>
-#include <stdlib.h>
 
 namespace harness {
 
@@ -25,13 +25,9 @@ Harness make(std::string const& scheme) {
     h.root = vfs::AbsoluteIRI(u"mem:///work");
     real->createFolder(h.root.toStorageIRI());
   } else {
-    std::string folder = (std::filesystem::temp_directory_path() / "vfs-library-XXXXXX").string();
-    if (!::mkdtemp(folder.data())) throw std::runtime_error("mkdtemp failed");
-    h.root = vfs::toAbsoluteIRI(u"file", fl::filesystem::path(folder));
-    h.cleanup = [folder] {
-      std::error_code ignored;
-      std::filesystem::remove_all(folder, ignored);
-    };
+    testsupport::TemporaryFolder folder("vfs-library");
+    h.root = vfs::toAbsoluteIRI(u"file", fl::filesystem::path(folder.path()));
+    h.cleanup = [folder] {}; // the folder goes with the last copy of this
   }
   return h;
 }

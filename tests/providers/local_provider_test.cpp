@@ -1,4 +1,5 @@
 #include "../conformance/provider_conformance.hpp"
+#include "../support/temporary_folder.hpp"
 
 #include <foundation/storage/providers/local/local_provider.hpp>
 
@@ -33,15 +34,6 @@ p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::Byt
 
 class LocalProviderTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    std::string folder = (fs::temp_directory_path() / "vfs-local-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-    root_ = folder;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
 
   p::StorageItem item(std::u16string const& relative) const {
     return p::StorageItem(p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(root_))), relative);
@@ -71,7 +63,8 @@ protected:
     return names;
   }
 
-  fs::path root_;
+  testsupport::TemporaryFolder folder_{"vfs-local"};
+  fs::path root_ = folder_.path();
   std::shared_ptr<p::IProvider> provider_ = std::make_shared<LocalProvider>();
 };
 
