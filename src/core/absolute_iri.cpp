@@ -116,14 +116,22 @@ bool startsWithScheme(std::u32string_view s) {
   return startsWithScheme(s.substr(i + 1)); // a nested form: the innermost must go on with "/"
 }
 
+/// Logs the exception in flight; composing the text may fail too, and then nothing is logged.
+void logCaughtException() noexcept {
+  try {
+    detail::getLogger().log(foundation::log::Severity::Warning,
+                            "Exception caught: " + boost::current_exception_diagnostic_information());
+  } catch (...) {
+  }
+}
+
 } // namespace
 
 bool hasIRIPrefix(std::u32string const& s) noexcept {
   try {
     return startsWithScheme(s);
   } catch (...) {
-    detail::getLogger().log(foundation::log::Severity::Warning,
-                            "Exception caught: " + boost::current_exception_diagnostic_information());
+    logCaughtException();
     return false;
   }
 }
@@ -132,8 +140,7 @@ bool hasIRIPrefix(std::u16string const& s) noexcept {
   try {
     return hasIRIPrefix(fl::i18n::to_u32string(s));
   } catch (...) {
-    detail::getLogger().log(foundation::log::Severity::Warning,
-                            "Exception caught: " + boost::current_exception_diagnostic_information());
+    logCaughtException();
     return false;
   }
 }
