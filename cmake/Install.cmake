@@ -11,9 +11,9 @@ set(vfs_installed_targets
 
 set(vfs_target_names)
 foreach(pair IN LISTS vfs_installed_targets)
-  string(REPLACE ":" ";" parts "${pair}")
-  list(GET parts 0 target)
-  list(GET parts 1 export_name)
+  string(REPLACE ":" ";" fields "${pair}")
+  list(GET fields 0 target)
+  list(GET fields 1 export_name)
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${export_name})
   list(APPEND vfs_target_names ${target})
 endforeach()
