@@ -126,12 +126,15 @@ struct ChangePollingWatcher::Impl {
   std::shared_ptr<Subscription> polling; ///< the subscription whose callback may be running
   std::thread thread;
   bool stopping = false;
+  /// Which thread is current: one stopped from its own callback is detached and must end
+  /// even if polling starts again meanwhile.
+  std::uint64_t generation = 0;
 
   explicit Impl(IProvider& p) : provider(p) {}
 
-  void run() {
+  void run(std::uint64_t mine) {
     std::unique_lock lock(mutex);
-    while (!stopping) {
+    while (!stopping && generation == mine) {
       auto next = Clock::time_point::max();
       std::shared_ptr<Subscription> due;
       for (auto const& [folder, s] : subscriptions) {
@@ -211,7 +214,10 @@ void ChangePollingWatcher::start(StorageIRI const& folder, ChangeCallback callba
   if (auto it = impl_->subscriptions.find(folder); it != impl_->subscriptions.end()) it->second->active = false;
   impl_->subscriptions[folder] = s;
   impl_->stopping = false;
-  if (!impl_->thread.joinable()) impl_->thread = std::thread([this] { impl_->run(); });
+  if (!impl_->thread.joinable()) {
+    auto const generation = ++impl_->generation;
+    impl_->thread = std::thread([this, generation] { impl_->run(generation); });
+  }
   impl_->wake.notify_all();
 }
 
