@@ -83,24 +83,29 @@ void setLastModified(FileOrFolder const& item, boost::posix_time::ptime const& t
   dispatch(item, [&](File const& f) { f.setLastModified(time); }, [&](Folder const& d) { d.setLastModified(time); });
 }
 
-provider::ExistsResult exists(AbsoluteIRI const& iri, StorageSystemReference const& system) {
+namespace {
+
+/// Asks the provider for `iri` what stands there; its not-found failure is `nothing`.
+template <class Answer>
+Answer askWhatIsThere(AbsoluteIRI const& iri, StorageSystemReference const& system,
+                      Answer (provider::IProvider::*query)(provider::StorageIRI const&), Answer nothing) {
   auto const provider = buildProvider(system, iri.toStorageIRI());
   try {
-    return provider->exists(iri.toStorageIRI());
+    return ((*provider).*query)(iri.toStorageIRI());
   } catch (provider::Exception const& failure) {
-    if (failure.getErrorCode() == provider::ErrorCode::ResourceNotFound) return provider::ExistsResult::NotFound;
+    if (failure.getErrorCode() == provider::ErrorCode::ResourceNotFound) return nothing;
     handleException();
   }
 }
 
+} // namespace
+
+provider::ExistsResult exists(AbsoluteIRI const& iri, StorageSystemReference const& system) {
+  return askWhatIsThere(iri, system, &provider::IProvider::exists, provider::ExistsResult::NotFound);
+}
+
 provider::ExtendedExistsResult existsExtended(AbsoluteIRI const& iri, StorageSystemReference const& system) {
-  auto const provider = buildProvider(system, iri.toStorageIRI());
-  try {
-    return provider->existsExtended(iri.toStorageIRI());
-  } catch (provider::Exception const& failure) {
-    if (failure.getErrorCode() == provider::ErrorCode::ResourceNotFound) return provider::ExtendedExistsResult::NotFound;
-    handleException();
-  }
+  return askWhatIsThere(iri, system, &provider::IProvider::existsExtended, provider::ExtendedExistsResult::NotFound);
 }
 
 FileOrFolder makeFileOrFolder(AbsoluteIRI const& iri, StorageSystemReference const& system) {

@@ -1,3 +1,4 @@
+#include "../support/item_io.hpp"
 #include <foundation/storage/provider/change_polling_watcher.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 
@@ -11,22 +12,17 @@ namespace p = foundation::storage::provider;
 namespace events = foundation::storage::events;
 using foundation::storage::providers::memory::MemoryProvider;
 
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
 namespace {
 
-p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
 
 p::StorageItem at(std::shared_ptr<p::IProvider> const& provider, std::u16string const& path) {
   return p::StorageItem(provider, p::StorageIRI(u"mem:///" + path));
 }
 
-std::string readAll(p::StorageItem const& file) {
-  auto stream = file.openReadOnlyStream();
-  std::string bytes;
-  char buffer[8192];
-  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
-  return bytes;
-}
 
 } // namespace
 
@@ -48,7 +44,7 @@ TEST(MemoryConcurrency, ThreadsWorkingOnOneTreeLoseNothing) {
         std::string payload(100 + i, static_cast<char>('a' + t));
         stream->write(payload.data(), static_cast<std::streamsize>(payload.size()));
         stream->close();
-        EXPECT_EQ(readAll(file), payload);
+        EXPECT_EQ(readFile(file), payload);
         auto listing = at(provider, u"shared").listAllRecursive(u""); // readers alongside writers
         while (listing->hasNext()) listing->next();
         if (i % 5 == 0) file.removeFile();
@@ -79,7 +75,7 @@ TEST(MemoryConcurrency, ReadersDuringCommitsSeeOldOrNewContentsNeverAMix) {
   for (int r = 0; r < 3; ++r) {
     readers.emplace_back([&] {
       while (!done) {
-        std::string seen = readAll(file);
+        std::string seen = readFile(file);
         ++reads;
         if (seen != a && seen != b) ++mixed;
       }

@@ -1,5 +1,7 @@
 #include "provider_conformance.hpp"
 
+#include "../support/item_io.hpp"
+
 #include <foundation/storage/provider/exceptions.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -8,6 +10,9 @@
 using namespace conformance;
 using Code = p::ErrorCode;
 using Strings = std::vector<std::string>;
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
 
 namespace {
 
@@ -18,15 +23,6 @@ p::ByteStreamOpenOptions options(p::ByteStreamAccess access, p::ByteStreamCreate
 
 p::ByteStreamOpenOptions const readWriteKeep = options(p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing,
                                                        p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition);
-p::ByteStreamOpenOptions const replaceAll = options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                                    p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition);
-
-std::string readAll(p::ByteStream& stream) {
-  std::string bytes;
-  char buffer[7]; // small on purpose: reads cross buffer boundaries
-  for (std::streamsize n; (n = stream.read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
-  return bytes;
-}
 
 } // namespace
 
@@ -78,22 +74,22 @@ TEST_P(ProviderConformance, RefusesCreationOverExistingItemsAndInMissingFolders)
 
 TEST_P(ProviderConformance, RemovalNeedsTheRightKindAndAnEmptyFolder) {
   item(u"d").createFolder();
-  write(item(u"d/keep.txt"), "kept");
+  writeFile(item(u"d/keep.txt"), "kept");
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing").removeFile());
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing").removeFolder());
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"d").removeFile());
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"d/keep.txt").removeFolder());
   EXPECT_PROVIDER_ERROR(Code::FolderNotEmpty, item(u"d").removeFolder());
-  EXPECT_EQ(read(item(u"d/keep.txt")), "kept");
+  EXPECT_EQ(readFile(item(u"d/keep.txt")), "kept");
 }
 
 TEST_P(ProviderConformance, CreatesAndRemovesWholeTrees) {
   item(u"a/b/c").createFolderRecursive();
   EXPECT_TRUE(item(u"a/b/c").folderExists());
   item(u"a/b/c").createFolderRecursive(); // an existing folder is fine
-  write(item(u"a/b/file"), "x");
+  writeFile(item(u"a/b/file"), "x");
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, item(u"a/b/file/deeper").createFolderRecursive());
-  write(item(u"a/b/c/deep.txt"), "deep");
+  writeFile(item(u"a/b/c/deep.txt"), "deep");
 
   ASSERT_TRUE(workspace_.provider->hasFeature(p::ExtendedFeature::NativeRecursiveRemoval));
   item(u"a").removeFolderRecursively();
@@ -104,7 +100,7 @@ TEST_P(ProviderConformance, CreatesAndRemovesWholeTrees) {
 // --- attributes -------------------------------------------------------------------------
 
 TEST_P(ProviderConformance, ReportsAndSetsAttributes) {
-  write(item(u"data.bin"), std::string(1000, 'x'));
+  writeFile(item(u"data.bin"), std::string(1000, 'x'));
   item(u".hidden").createFile();
   item(u"folder").createFolder();
 
@@ -133,29 +129,29 @@ TEST_P(ProviderConformance, ReportsAndSetsAttributes) {
 TEST_P(ProviderConformance, ReadOnlyFilesRefuseChangesAndKeepTheirContents) {
   if (!capabilities().enforcesPermissions) GTEST_SKIP() << "read-only flags are not enforced for this user";
   auto file = item(u"locked.txt");
-  write(file, "original");
+  writeFile(file, "original");
   file.setWritable(false);
   EXPECT_FALSE(file.getFileAttributes().isWritable());
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, file.openStream(readWriteKeep));
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, file.openTransactionalStream(replaceAll));
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, file.truncateToSize(0));
-  EXPECT_EQ(read(file), "original");
+  EXPECT_EQ(readFile(file), "original");
   file.setWritable(true);
-  write(file, "changed");
-  EXPECT_EQ(read(file), "changed");
+  writeFile(file, "changed");
+  EXPECT_EQ(readFile(file), "changed");
 }
 
 TEST_P(ProviderConformance, ReadOnlyFoldersRefuseNewAndRemovedChildren) {
   if (!capabilities().enforcesPermissions) GTEST_SKIP() << "read-only flags are not enforced for this user";
   auto folder = item(u"locked");
   folder.createFolder();
-  write(item(u"locked/inside.txt"), "inside");
+  writeFile(item(u"locked/inside.txt"), "inside");
   folder.setWritable(false);
   EXPECT_FALSE(folder.getFolderAttributes().isWritable());
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"locked/new.txt").createFile());
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"locked/inside.txt").removeFile());
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"locked").removeFolderRecursively());
-  EXPECT_EQ(read(item(u"locked/inside.txt")), "inside");
+  EXPECT_EQ(readFile(item(u"locked/inside.txt")), "inside");
   folder.setWritable(true);
 }
 
@@ -178,24 +174,24 @@ TEST_P(ProviderConformance, OpenOptionsCreateOrRequireTheFile) {
 
 TEST_P(ProviderConformance, OpenOptionsTruncateOrKeepAndAppendOrWriteInPlace) {
   auto file = item(u"f.txt");
-  write(file, "0123456789");
+  writeFile(file, "0123456789");
 
   auto keep = file.openStream(readWriteKeep);
   keep->write("ab", 2);
   keep->close();
-  EXPECT_EQ(read(file), "ab23456789");
+  EXPECT_EQ(readFile(file), "ab23456789");
 
   auto append = file.openStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist,
                                         p::ByteStreamTruncate::Keep, p::ByteStreamAppend::Append));
   append->seek(0, std::ios_base::beg);
   append->write("XY", 2); // appended despite the seek
   append->close();
-  EXPECT_EQ(read(file), "ab23456789XY");
+  EXPECT_EQ(readFile(file), "ab23456789XY");
 
   file.openStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist, p::ByteStreamTruncate::Truncate,
                           p::ByteStreamAppend::AtPosition))
       ->close();
-  EXPECT_EQ(read(file), "");
+  EXPECT_EQ(readFile(file), "");
 }
 
 TEST_P(ProviderConformance, StreamsReadWriteAndSeekAsTheirModeAllows) {
@@ -203,7 +199,7 @@ TEST_P(ProviderConformance, StreamsReadWriteAndSeekAsTheirModeAllows) {
   auto stream = file.openStream(readWriteKeep);
   EXPECT_EQ(stream->write("hello world", 11), 11);
   EXPECT_EQ(stream->seek(0, std::ios_base::beg), std::streampos(0));
-  EXPECT_EQ(readAll(*stream), "hello world");
+  EXPECT_EQ(testsupport::readAll(*stream, 7), "hello world");
   char byte;
   EXPECT_EQ(stream->read(&byte, 1), 0); // end of data
   EXPECT_EQ(stream->seek(-5, std::ios_base::end), std::streampos(6));
@@ -214,7 +210,7 @@ TEST_P(ProviderConformance, StreamsReadWriteAndSeekAsTheirModeAllows) {
   stream->close();
   stream->close(); // a second close does nothing
   EXPECT_THROW(stream->read(&byte, 1), p::ByteStreamReadFailure);
-  EXPECT_EQ(read(file), std::string("hello world") + std::string(4, '\0') + "!");
+  EXPECT_EQ(readFile(file), std::string("hello world") + std::string(4, '\0') + "!");
 
   auto writeOnly = file.openStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist,
                                            p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition));
@@ -224,7 +220,7 @@ TEST_P(ProviderConformance, StreamsReadWriteAndSeekAsTheirModeAllows) {
 }
 
 TEST_P(ProviderConformance, DevicesSignalEndOfDataWithMinusOne) {
-  write(item(u"f.txt"), "abc");
+  writeFile(item(u"f.txt"), "abc");
   p::ByteStreamDevice device(item(u"f.txt").openReadOnlyStream());
   char buffer[8];
   EXPECT_EQ(device.read(buffer, sizeof buffer), 3);
@@ -262,11 +258,11 @@ TEST_P(ProviderConformance, RejectsUnknownOpenOptionsWithoutCreatingAnything) {
 
 TEST_P(ProviderConformance, TruncatesAndExtendsFiles) {
   auto file = item(u"f.txt");
-  write(file, "0123456789");
+  writeFile(file, "0123456789");
   file.truncateToSize(4);
-  EXPECT_EQ(read(file), "0123");
+  EXPECT_EQ(readFile(file), "0123");
   file.truncateToSize(6);
-  EXPECT_EQ(read(file), std::string("0123") + std::string(2, '\0'));
+  EXPECT_EQ(readFile(file), std::string("0123") + std::string(2, '\0'));
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing").truncateToSize(1));
 }
 
@@ -274,30 +270,30 @@ TEST_P(ProviderConformance, TruncatesAndExtendsFiles) {
 
 TEST_P(ProviderConformance, CommitReplacesTheContentsAllAtOnce) {
   auto file = item(u"t.txt");
-  write(file, "old contents");
+  writeFile(file, "old contents");
   auto transaction = file.openTransactionalStream(replaceAll);
   transaction->write("new", 3);
-  EXPECT_EQ(read(file), "old contents"); // nothing visible before the commit
+  EXPECT_EQ(readFile(file), "old contents"); // nothing visible before the commit
   auto reader = file.openReadOnlyStream();
   char head[4] = {};
   ASSERT_EQ(reader->read(head, 4), 4);
   transaction->close(p::StreamClosePolicy::Commit);
-  EXPECT_EQ(read(file), "new");
-  EXPECT_EQ(std::string(head, 4) + readAll(*reader), "old contents"); // an open reader keeps what it opened
+  EXPECT_EQ(readFile(file), "new");
+  EXPECT_EQ(std::string(head, 4) + testsupport::readAll(*reader, 7), "old contents"); // an open reader keeps what it opened
 }
 
 TEST_P(ProviderConformance, DiscardAndAbandonedTransactionsKeepTheOldContents) {
   auto file = item(u"t.txt");
-  write(file, "old");
+  writeFile(file, "old");
   auto discarded = file.openTransactionalStream(replaceAll);
   discarded->write("new", 3);
   discarded->close(p::StreamClosePolicy::Discard);
-  EXPECT_EQ(read(file), "old");
+  EXPECT_EQ(readFile(file), "old");
   {
     auto abandoned = file.openTransactionalStream(replaceAll);
     abandoned->write("new", 3);
   }
-  EXPECT_EQ(read(file), "old");
+  EXPECT_EQ(readFile(file), "old");
 
   auto fresh = item(u"fresh.txt");
   {
@@ -313,14 +309,14 @@ TEST_P(ProviderConformance, TransactionsCreateFilesAndCanStartFromTheOldContents
   create->write("created", 7);
   EXPECT_EQ(fresh.exists(), p::ExistsResult::NotFound);
   create->close(); // a plain close commits
-  EXPECT_EQ(read(fresh), "created");
+  EXPECT_EQ(readFile(fresh), "created");
 
   auto keep = fresh.openTransactionalStream(options(p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
                                                     p::ByteStreamTruncate::Keep, p::ByteStreamAppend::Append));
-  EXPECT_EQ(readAll(*keep), "created");
+  EXPECT_EQ(testsupport::readAll(*keep, 7), "created");
   keep->write("+more", 5);
   keep->close(p::StreamClosePolicy::Commit);
-  EXPECT_EQ(read(fresh), "created+more");
+  EXPECT_EQ(readFile(fresh), "created+more");
 
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound,
                         item(u"missing.txt").openTransactionalStream(options(p::ByteStreamAccess::WriteOnly,
@@ -333,20 +329,20 @@ TEST_P(ProviderConformance, TransactionsCreateFilesAndCanStartFromTheOldContents
 // --- copy and move ----------------------------------------------------------------------
 
 TEST_P(ProviderConformance, CopiesFilesPerReplacementPolicy) {
-  write(item(u"src.txt"), "source");
-  write(item(u"dst.txt"), "destination");
+  writeFile(item(u"src.txt"), "source");
+  writeFile(item(u"dst.txt"), "destination");
   auto copy = [&](std::u16string const& to, p::ReplacementPolicy policy) {
     return item(u"src.txt").copyFile(item(to), p::CopyFileOptions{policy, {}});
   };
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, copy(u"dst.txt", p::ReplacementPolicy::FailIfExists));
-  EXPECT_EQ(read(item(u"dst.txt")), "destination");
+  EXPECT_EQ(readFile(item(u"dst.txt")), "destination");
   EXPECT_EQ(copy(u"dst.txt", p::ReplacementPolicy::KeepExisting), p::CopyResult::Skipped);
-  EXPECT_EQ(read(item(u"dst.txt")), "destination");
+  EXPECT_EQ(readFile(item(u"dst.txt")), "destination");
   EXPECT_EQ(copy(u"dst.txt", p::ReplacementPolicy::Overwrite), p::CopyResult::Copied);
-  EXPECT_EQ(read(item(u"dst.txt")), "source");
+  EXPECT_EQ(readFile(item(u"dst.txt")), "source");
   EXPECT_EQ(copy(u"new.txt", p::ReplacementPolicy::FailIfExists), p::CopyResult::Copied);
-  EXPECT_EQ(read(item(u"new.txt")), "source");
-  EXPECT_EQ(read(item(u"src.txt")), "source");
+  EXPECT_EQ(readFile(item(u"new.txt")), "source");
+  EXPECT_EQ(readFile(item(u"src.txt")), "source");
 
   item(u"folder").createFolder();
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, copy(u"folder", p::ReplacementPolicy::Overwrite));
@@ -356,7 +352,7 @@ TEST_P(ProviderConformance, CopiesFilesPerReplacementPolicy) {
 
 TEST_P(ProviderConformance, CopiesAcrossProvidersWithProgress) {
   std::string const payload(300 * 1024, 'p');
-  write(item(u"big.bin"), payload);
+  writeFile(item(u"big.bin"), payload);
   std::uint64_t lastDone = 0, lastTotal = 0;
   p::CopyFileOptions copyOptions{p::ReplacementPolicy::FailIfExists,
                                  [&](std::uint64_t done, std::uint64_t total) {
@@ -365,7 +361,7 @@ TEST_P(ProviderConformance, CopiesAcrossProvidersWithProgress) {
                                    lastTotal = total;
                                  }};
   EXPECT_EQ(item(u"big.bin").copyFile(foreignItem(u"big.bin"), copyOptions), p::CopyResult::Copied);
-  EXPECT_EQ(read(foreignItem(u"big.bin")), payload);
+  EXPECT_EQ(readFile(foreignItem(u"big.bin")), payload);
   EXPECT_EQ(lastDone, payload.size());
   EXPECT_EQ(lastTotal, payload.size());
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, item(u"big.bin").copyFile(foreignItem(u"big.bin"), {}));
@@ -375,55 +371,55 @@ TEST_P(ProviderConformance, CopiesAcrossProvidersWithProgress) {
 
 TEST_P(ProviderConformance, CopyOntoAReadOnlyFileFailsAndKeepsIt) {
   if (!capabilities().enforcesPermissions) GTEST_SKIP() << "read-only flags are not enforced for this user";
-  write(item(u"src.txt"), "source");
-  write(item(u"dst.txt"), "destination");
+  writeFile(item(u"src.txt"), "source");
+  writeFile(item(u"dst.txt"), "destination");
   item(u"dst.txt").setWritable(false);
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"src.txt").copyFile(item(u"dst.txt"), {p::ReplacementPolicy::Overwrite, {}}));
-  EXPECT_EQ(read(item(u"dst.txt")), "destination");
+  EXPECT_EQ(readFile(item(u"dst.txt")), "destination");
   item(u"dst.txt").setWritable(true);
 }
 
 TEST_P(ProviderConformance, MovesFilesPerReplacementPolicy) {
-  write(item(u"a.txt"), "a");
-  write(item(u"b.txt"), "b");
+  writeFile(item(u"a.txt"), "a");
+  writeFile(item(u"b.txt"), "b");
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists,
                         item(u"a.txt").moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::FailIfExists));
   item(u"a.txt").moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::KeepExisting);
-  EXPECT_EQ(read(item(u"a.txt")), "a");
-  EXPECT_EQ(read(item(u"b.txt")), "b");
+  EXPECT_EQ(readFile(item(u"a.txt")), "a");
+  EXPECT_EQ(readFile(item(u"b.txt")), "b");
   item(u"a.txt").moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::Overwrite);
   EXPECT_EQ(item(u"a.txt").exists(), p::ExistsResult::NotFound);
-  EXPECT_EQ(read(item(u"b.txt")), "a");
+  EXPECT_EQ(readFile(item(u"b.txt")), "a");
 
   item(u"d").createFolder();
   item(u"b.txt").moveFile(item(u"d/c.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
-  EXPECT_EQ(read(item(u"d/c.txt")), "a");
+  EXPECT_EQ(readFile(item(u"d/c.txt")), "a");
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing").moveFile(item(u"x").getLocation(), {}));
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound,
                         item(u"d/c.txt").moveFile(item(u"nowhere/c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
   EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
                         item(u"d/c.txt").moveFile(foreignItem(u"c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
-  EXPECT_EQ(read(item(u"d/c.txt")), "a");
+  EXPECT_EQ(readFile(item(u"d/c.txt")), "a");
 }
 
 TEST_P(ProviderConformance, MovesFoldersWithTheirContents) {
   item(u"src/inner").createFolderRecursive();
-  write(item(u"src/inner/x.txt"), "x");
+  writeFile(item(u"src/inner/x.txt"), "x");
   item(u"src").moveFolder(item(u"moved").getLocation(), p::ReplacementPolicy::FailIfExists);
   EXPECT_EQ(item(u"src").exists(), p::ExistsResult::NotFound);
-  EXPECT_EQ(read(item(u"moved/inner/x.txt")), "x");
+  EXPECT_EQ(readFile(item(u"moved/inner/x.txt")), "x");
 
   EXPECT_PROVIDER_ERROR(Code::InvalidLocation,
                         item(u"moved").moveFolder(item(u"moved/inner/deeper").getLocation(), p::ReplacementPolicy::Overwrite));
   item(u"full").createFolder();
-  write(item(u"full/y.txt"), "y");
+  writeFile(item(u"full/y.txt"), "y");
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists,
                         item(u"moved").moveFolder(item(u"full").getLocation(), p::ReplacementPolicy::FailIfExists));
   EXPECT_PROVIDER_ERROR(Code::FolderNotEmpty,
                         item(u"moved").moveFolder(item(u"full").getLocation(), p::ReplacementPolicy::Overwrite));
   item(u"empty").createFolder();
   item(u"moved").moveFolder(item(u"empty").getLocation(), p::ReplacementPolicy::Overwrite);
-  EXPECT_EQ(read(item(u"empty/inner/x.txt")), "x");
+  EXPECT_EQ(readFile(item(u"empty/inner/x.txt")), "x");
   EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
                         item(u"empty").moveFolder(foreignItem(u"empty").getLocation(), p::ReplacementPolicy::Overwrite));
 }
@@ -509,14 +505,14 @@ TEST_P(ListingConformance, ListingNeedsAnExistingFolder) {
 TEST_P(ProviderConformance, KeepsUnusualNamesIntact) {
   std::vector<std::u16string> const unusual{u"with space", u"100%", u"hash#tag", u"what?", u"bang!", u"Grüße",
                                             u"日本語", u"emoji \U0001F600", u"semi;colon", u"..dots.."};
-  for (auto const& name : unusual) write(item(name), toUtf8(name));
+  for (auto const& name : unusual) writeFile(item(name), toUtf8(name));
   std::vector<std::string> expected;
   for (auto const& name : unusual) expected.push_back(toUtf8(name));
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(names(item(u"").listAllNamesOnly(u"")), expected);
   for (auto const& name : unusual) {
     p::StorageIRI reparsed(item(name).getLocation().toString());
-    EXPECT_EQ(read(p::StorageItem(workspace_.provider, reparsed)), toUtf8(name));
+    EXPECT_EQ(readFile(p::StorageItem(workspace_.provider, reparsed)), toUtf8(name));
   }
 }
 
@@ -550,7 +546,7 @@ TEST_P(ProviderConformance, ReportsFolderChangesInOrderUntilStopped) {
   EventLog log;
   folder.publishFolderEvents(log.callback(), {}, p::RecursiveWatching::No);
   item(u"watched/f.txt").createFile();
-  write(item(u"watched/f.txt"), "changed");
+  writeFile(item(u"watched/f.txt"), "changed");
   item(u"watched/f.txt").moveFile(item(u"watched/g.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
   item(u"watched/g.txt").removeFile();
   ASSERT_TRUE(log.waitFor(4, capabilities().eventDelay + std::chrono::seconds(5)));
@@ -587,7 +583,7 @@ TEST_P(ProviderConformance, WatchesSubfoldersOnlyWhenRecursive) {
 
 TEST_P(ProviderConformance, PollsFoldersForChanges) {
   item(u"polled").createFolder();
-  write(item(u"polled/existing.txt"), "1");
+  writeFile(item(u"polled/existing.txt"), "1");
   EventLog log;
   item(u"polled").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::No);
   item(u"polled/new.txt").createFile();

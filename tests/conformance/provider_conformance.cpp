@@ -1,10 +1,14 @@
 #include "provider_conformance.hpp"
 
+#include "../support/item_io.hpp"
+
 #include <fl/i18n/i18n.hpp>
 
 #include <algorithm>
 
 namespace conformance {
+
+using testsupport::writeFile;
 
 std::string toUtf8(std::u16string const& s) { return fl::i18n::to_utf8(s); }
 
@@ -41,29 +45,13 @@ p::StorageItem ProviderConformance::foreignItem(std::u16string const& relative) 
   return p::StorageItem(p::StorageItem(workspace_.foreign, workspace_.foreignRoot), relative);
 }
 
-void ProviderConformance::write(p::StorageItem const& file, std::string const& bytes) const {
-  auto stream = file.openStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                 p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
-  stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  stream->close();
-}
-
-std::string ProviderConformance::read(p::StorageItem const& file) const {
-  auto stream = file.openReadOnlyStream();
-  std::string bytes;
-  char buffer[1024];
-  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
-  stream->close();
-  return bytes;
-}
-
 void ListingConformance::SetUp() {
   ProviderConformance::SetUp();
   item(u"top/sub/deeper").createFolderRecursive();
-  write(item(u"top/a.txt"), "aaa");
-  write(item(u"top/b.log"), "b");
-  write(item(u"top/sub/c.txt"), "cc");
-  write(item(u"top/sub/deeper/d.txt"), "d");
+  writeFile(item(u"top/a.txt"), "aaa");
+  writeFile(item(u"top/b.log"), "b");
+  writeFile(item(u"top/sub/c.txt"), "cc");
+  writeFile(item(u"top/sub/deeper/d.txt"), "d");
 }
 
 std::vector<std::string> sortedNames(std::unique_ptr<p::IFolderEntryIterator> cursor) {

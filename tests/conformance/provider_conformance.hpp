@@ -80,8 +80,6 @@ protected:
   Capabilities const& capabilities() const { return GetParam().capabilities; }
   p::StorageItem item(std::u16string const& relative) const;
   p::StorageItem foreignItem(std::u16string const& relative) const;
-  void write(p::StorageItem const& file, std::string const& bytes) const;
-  std::string read(p::StorageItem const& file) const;
   static std::vector<std::string> names(std::unique_ptr<p::IFolderEntryIterator> cursor) {
     return sortedNames(std::move(cursor));
   }

@@ -1,3 +1,4 @@
+#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
 #include "../support/temporary_folder.hpp"
 
@@ -27,10 +28,12 @@ using foundation::storage::providers::local::LocalProviderOptions;
 using Code = p::ErrorCode;
 using conformance::EventLog;
 
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
 namespace {
 
-p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
 
 class LocalProviderTest : public ::testing::Test {
 protected:
@@ -39,22 +42,10 @@ protected:
     return p::StorageItem(p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(root_))), relative);
   }
   fs::path path(std::string const& relative) const { return root_ / relative; }
-  static void writeFile(fs::path const& file, std::string const& bytes) { std::ofstream(file, std::ios::binary) << bytes; }
-  static std::string readFile(fs::path const& file) {
+  static void writePath(fs::path const& file, std::string const& bytes) { std::ofstream(file, std::ios::binary) << bytes; }
+  static std::string readPath(fs::path const& file) {
     std::ifstream in(file, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  std::string read(p::StorageItem const& file) const {
-    auto stream = file.openReadOnlyStream();
-    std::string bytes;
-    char buffer[4096];
-    for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
-    return bytes;
-  }
-  void write(p::StorageItem const& file, std::string const& bytes) const {
-    auto stream = file.openStream(replaceAll);
-    stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    stream->close();
   }
   std::vector<std::string> folderNames() const {
     std::vector<std::string> names;
@@ -94,8 +85,8 @@ std::size_t openDescriptors() {
 } // namespace
 
 TEST_F(LocalProviderTest, RefusesChangesToProtectedFilesEvenForTheSuperuser) {
-  writeFile(path("locked.txt"), "original");
-  writeFile(path("source.txt"), "source");
+  writePath(path("locked.txt"), "original");
+  writePath(path("source.txt"), "source");
   if (!makeImmutable(path("locked.txt"), true))
     GTEST_SKIP() << "this file system or user cannot set the immutable flag";
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"locked.txt").openStream(replaceAll));
@@ -105,7 +96,7 @@ TEST_F(LocalProviderTest, RefusesChangesToProtectedFilesEvenForTheSuperuser) {
   EXPECT_PROVIDER_ERROR(Code::PermissionDenied,
                         item(u"source.txt").copyFile(item(u"locked.txt"), {p::ReplacementPolicy::Overwrite, {}}));
   makeImmutable(path("locked.txt"), false);
-  EXPECT_EQ(readFile(path("locked.txt")), "original");
+  EXPECT_EQ(readPath(path("locked.txt")), "original");
   EXPECT_EQ(folderNames(), (std::vector<std::string>{"locked.txt", "source.txt"})); // no temporary file left
 }
 
@@ -128,8 +119,8 @@ TEST_F(LocalProviderTest, ReportsFailuresWithTheCallAndTheSystemMessage) {
 TEST_F(LocalProviderTest, FollowsSymbolicLinksWithoutLoopingOrEscaping) {
   fs::create_directories(path("tree/sub"));
   fs::create_directories(path("outside"));
-  writeFile(path("outside/precious.txt"), "keep me");
-  writeFile(path("tree/file.txt"), "f");
+  writePath(path("outside/precious.txt"), "keep me");
+  writePath(path("tree/file.txt"), "f");
   fs::create_symlink(path("tree/file.txt"), path("tree/link-to-file"));
   fs::create_directory_symlink(path("outside"), path("tree/link-to-outside"));
   fs::create_directory_symlink(path("tree"), path("tree/sub/loop"));
@@ -154,17 +145,17 @@ TEST_F(LocalProviderTest, FollowsSymbolicLinksWithoutLoopingOrEscaping) {
 
   item(u"tree").removeFolderRecursively();
   EXPECT_FALSE(fs::exists(path("tree")));
-  EXPECT_EQ(readFile(path("outside/precious.txt")), "keep me"); // links were removed, not followed
+  EXPECT_EQ(readPath(path("outside/precious.txt")), "keep me"); // links were removed, not followed
 }
 
 TEST_F(LocalProviderTest, RoundTripsUnusualNamesBetweenPathsAndLocations) {
   for (std::string name : {"with space", "100%", "hash#", "what?", "bang!", "Grüße", "日本"}) {
-    writeFile(path(name), name);
+    writePath(path(name), name);
     p::StorageIRI location = p::toStorageIRI(u"file", fl::filesystem::path(path(name)));
     EXPECT_EQ(p::fromStorageIRI(p::StorageIRI(location.toString())).std_path(), path(name));
-    EXPECT_EQ(read(p::StorageItem(provider_, p::StorageIRI::fromUtf8(location.toAsciiString()))), name);
+    EXPECT_EQ(readFile(p::StorageItem(provider_, p::StorageIRI::fromUtf8(location.toAsciiString()))), name);
   }
-  writeFile(path("bad\xff"), "not UTF-8");
+  writePath(path("bad\xff"), "not UTF-8");
   EXPECT_EQ(conformance::sortedNames(item(u"").listAllNamesOnly(u"")).size(), 7u); // the unnamable one is left out
 }
 
@@ -177,7 +168,7 @@ TEST_F(LocalProviderTest, OpensAFifoWithoutWaitingForAWriter) {
 }
 
 TEST_F(LocalProviderTest, KeepsTimesAndModesPrecisely) {
-  writeFile(path("f.txt"), "x");
+  writePath(path("f.txt"), "x");
   auto const when = boost::posix_time::time_from_string("2019-05-06 07:08:09.654321");
   item(u"f.txt").setLastModified(when);
   EXPECT_EQ(item(u"f.txt").getFileAttributes().getLastModified(), when);
@@ -213,13 +204,13 @@ TEST_F(LocalProviderTest, HandlesFilesBeyondFourGibibytes) {
 
 TEST_F(LocalProviderTest, CommitsKeepPermissionsLeaveNoTemporaryFilesAndNeverShowAMix) {
   std::string const a(256 * 1024, 'A'), b(128 * 1024, 'B');
-  writeFile(path("data.bin"), a);
+  writePath(path("data.bin"), a);
   fs::permissions(path("data.bin"), fs::perms(0640));
   std::atomic<bool> done{false};
   std::atomic<int> mixed{0}, reads{0};
   std::thread reader([&] {
     while (!done) {
-      std::string seen = read(item(u"data.bin"));
+      std::string seen = readFile(item(u"data.bin"));
       ++reads;
       if (seen != a && seen != b) ++mixed;
     }
@@ -245,13 +236,13 @@ TEST_F(LocalProviderTest, MovesAcrossFileSystemsAreLeftToTheCaller) {
   LocalProviderOptions options;
   options.rename = [](int, char const*, int, char const*, bool) { return EXDEV; };
   std::shared_ptr<p::IProvider> crossDevice = std::make_shared<LocalProvider>(options);
-  writeFile(path("a.txt"), "a");
+  writePath(path("a.txt"), "a");
   fs::create_directories(path("folder"));
   p::StorageItem file(crossDevice, item(u"a.txt").getLocation());
   p::StorageItem folder(crossDevice, item(u"folder").getLocation());
   EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation, file.moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::Overwrite));
   EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation, folder.moveFolder(item(u"moved").getLocation(), p::ReplacementPolicy::Overwrite));
-  EXPECT_EQ(readFile(path("a.txt")), "a");
+  EXPECT_EQ(readPath(path("a.txt")), "a");
   EXPECT_TRUE(fs::is_directory(path("folder")));
 }
 
@@ -262,7 +253,7 @@ TEST_F(LocalProviderTest, ReportsChangesInOrderAndFollowsNewSubfolders) {
   item(u"a.txt").setLastModified(boost::posix_time::time_from_string("2020-01-01 00:00:00"));
   item(u"a.txt").moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
   item(u"new/deeper").createFolderRecursive();
-  write(item(u"new/deeper/c.txt"), "c");
+  writeFile(item(u"new/deeper/c.txt"), "c");
   auto transaction = item(u"b.txt").openTransactionalStream(replaceAll);
   transaction->write("committed", 9);
   transaction->close();
@@ -291,7 +282,7 @@ TEST_F(LocalProviderTest, ReportsChangesInOrderAndFollowsNewSubfolders) {
 
 TEST_F(LocalProviderTest, RescansAfterTheKernelQueueOverflows) {
   char const* const limitFile = "/proc/sys/fs/inotify/max_queued_events";
-  std::string const saved = readFile(limitFile);
+  std::string const saved = readPath(limitFile);
   std::ofstream limit(limitFile);
   if (!(limit << "16" << std::flush)) GTEST_SKIP() << "cannot lower the inotify queue limit (needs root)";
   auto provider = std::make_shared<LocalProvider>(); // its inotify instance gets the small queue
@@ -307,7 +298,7 @@ TEST_F(LocalProviderTest, RescansAfterTheKernelQueueOverflows) {
         if (kind == events::Kind::Created) created.insert(item.toString());
       },
       {}, p::RecursiveWatching::No);
-  for (int i = 0; i < 100; ++i) writeFile(path("f" + std::to_string(i)), "x");
+  for (int i = 0; i < 100; ++i) writePath(path("f" + std::to_string(i)), "x");
   release = true;
   for (int i = 0; i < 500; ++i) {
     {
@@ -329,7 +320,7 @@ TEST_F(LocalProviderTest, StoppingLeaksNoDescriptorOrThread) {
     EventLog log;
     root.publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes);
     root.startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::Yes);
-    writeFile(path("x"), "x");
+    writePath(path("x"), "x");
     ASSERT_TRUE(log.waitFor(1, std::chrono::seconds(5)));
     root.stopPublishingFolderEvents();
     root.shutdownProvider();

@@ -1,3 +1,4 @@
+#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
 
 #include <foundation/storage/providers/memory/memory_provider.hpp>
@@ -11,25 +12,16 @@ using foundation::storage::providers::memory::MemoryProvider;
 using Code = p::ErrorCode;
 using conformance::EventLog;
 
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
 namespace {
 
-p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
 
 class MemoryProviderTest : public ::testing::Test {
 protected:
   p::StorageItem item(std::u16string const& path) const { return p::StorageItem(provider_, p::StorageIRI(u"mem:///" + path)); }
-  void write(p::StorageItem const& file, std::string const& bytes) const {
-    auto stream = file.openStream(replaceAll);
-    stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    stream->close();
-  }
-  std::string read(p::StorageItem const& file) const {
-    auto stream = file.openReadOnlyStream();
-    std::string bytes(file.getFileAttributes().getSize(), '\0');
-    stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-  }
   void configure(std::string const& key, std::string const& value) const {
     boost::property_tree::ptree settings;
     settings.put(key, value);
@@ -47,7 +39,7 @@ protected:
 } // namespace
 
 TEST_F(CaseInsensitiveMemoryTest, KeepsLetterCaseButIgnoresItInLookups) {
-  write(item(u"ReadMe.TXT"), "x");
+  writeFile(item(u"ReadMe.TXT"), "x");
   EXPECT_EQ(item(u"readme.txt").exists(), p::ExistsResult::File);
   EXPECT_EQ(item(u"READme.txt").getCanonicalLocation(), p::StorageIRI(u"mem:///ReadMe.TXT"));
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, item(u"README.TXT").createFile());
@@ -60,17 +52,17 @@ TEST_F(CaseInsensitiveMemoryTest, KeepsLetterCaseButIgnoresItInLookups) {
 }
 
 TEST_F(CaseInsensitiveMemoryTest, RenamesByLetterCaseOnly) {
-  write(item(u"ReadMe.TXT"), "x");
+  writeFile(item(u"ReadMe.TXT"), "x");
   item(u"readme.txt").moveFile(p::StorageIRI(u"mem:///README.txt"), p::ReplacementPolicy::FailIfExists);
   EXPECT_EQ(item(u"readme.TXT").getCanonicalLocation(), p::StorageIRI(u"mem:///README.txt"));
-  EXPECT_EQ(read(item(u"README.txt")), "x");
+  EXPECT_EQ(readFile(item(u"README.txt")), "x");
   item(u"Docs").createFolder();
   item(u"docs").moveFolder(p::StorageIRI(u"mem:///DOCS"), p::ReplacementPolicy::FailIfExists);
   EXPECT_EQ(item(u"docs").getCanonicalLocation(), p::StorageIRI(u"mem:///DOCS"));
 }
 
 TEST_F(MemoryProviderTest, RefusesWritesBeyondItsCapacityAndKeepsOldContents) {
-  write(item(u"a.txt"), "12345");
+  writeFile(item(u"a.txt"), "12345");
   configure("capacity", "9");
   EXPECT_EQ(item(u"").getProviderStorageInfo().totalBytes, 9u);
   EXPECT_EQ(item(u"").getProviderStorageInfo().availableBytes, 4u);
@@ -92,7 +84,7 @@ TEST_F(MemoryProviderTest, RefusesWritesBeyondItsCapacityAndKeepsOldContents) {
   } catch (p::ByteStreamCloseFailure const& e) {
     EXPECT_EQ(e.getErrorCode(), Code::NoSpaceLeft);
   }
-  EXPECT_EQ(read(item(u"a.txt")), "12345");
+  EXPECT_EQ(readFile(item(u"a.txt")), "12345");
   EXPECT_PROVIDER_ERROR(Code::NoSpaceLeft, item(u"a.txt").copyFile(item(u"c.txt"), {}));
   EXPECT_EQ(item(u"c.txt").exists(), p::ExistsResult::NotFound);
 
@@ -110,7 +102,7 @@ TEST_F(MemoryProviderTest, RejectsUnknownSettingsAndForeignLocations) {
 }
 
 TEST_F(MemoryProviderTest, OpenStreamsOutliveTheirFileAndTheProvider) {
-  write(item(u"a.txt"), "contents");
+  writeFile(item(u"a.txt"), "contents");
   auto stream = item(u"a.txt").openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
                                            p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition});
   item(u"a.txt").removeFile();
@@ -124,12 +116,12 @@ TEST_F(MemoryProviderTest, OpenStreamsOutliveTheirFileAndTheProvider) {
 }
 
 TEST_F(MemoryProviderTest, ReportsEachKindOfChangeNatively) {
-  write(item(u"f.txt"), "1");
+  writeFile(item(u"f.txt"), "1");
   EventLog all, attributes;
   item(u"f.txt").publishFileEvents(all.callback(), {});
   item(u"f.txt").publishFileEvents(all.callback(), {}); // subscribing again replaces
   item(u"").publishFolderEvents(attributes.callback(), {events::Kind::AttributesChanged}, p::RecursiveWatching::No);
-  write(item(u"f.txt"), "22");
+  writeFile(item(u"f.txt"), "22");
   item(u"f.txt").setWritable(false);
   item(u"f.txt").setLastModified(boost::posix_time::time_from_string("2001-02-03 04:05:06"));
   item(u"f.txt").setWritable(true);

@@ -1,3 +1,4 @@
+#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
 
 #include <foundation/storage/providers/memory/memory_provider.hpp>
@@ -11,27 +12,18 @@ using foundation::storage::providers::memory::MemoryProvider;
 using namespace foundation::storage::providers::wrappers;
 using Code = p::ErrorCode;
 
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
 namespace {
 
-p::ByteStreamOpenOptions const replaceAll{p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
 
-std::string read(p::StorageItem const& file) {
-  auto stream = file.openReadOnlyStream();
-  std::string bytes(file.getFileAttributes().getSize(), '\0');
-  stream->read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
-}
 
 /// Fault injection over call counting over memory: what the faults let through is counted.
 class FaultInjectionTest : public ::testing::Test {
 protected:
   p::StorageItem item(std::u16string const& path) const { return p::StorageItem(faults_, p::StorageIRI(u"mem:///" + path)); }
-  void write(p::StorageItem const& file, std::string const& bytes) const {
-    auto stream = file.openStream(replaceAll);
-    stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    stream->close();
-  }
 
   std::shared_ptr<CallCountingProvider> counts_ = std::make_shared<CallCountingProvider>(std::make_shared<MemoryProvider>());
   std::shared_ptr<FaultInjectingProvider> faults_ = std::make_shared<FaultInjectingProvider>(counts_);
@@ -69,7 +61,7 @@ TEST_F(FaultInjectionTest, FaultsCanBeCountedAnyLocationAndAnyCode) {
 }
 
 TEST_F(FaultInjectionTest, BrokenWritesLeaveCommittedContentsAlone) {
-  write(item(u"f.txt"), "old");
+  writeFile(item(u"f.txt"), "old");
   faults_->failStream(item(u"f.txt").getLocation(), StreamOperation::Write, Code::IOError, "disk on fire", 4);
   {
     auto transaction = item(u"f.txt").openTransactionalStream(replaceAll);
@@ -82,17 +74,17 @@ TEST_F(FaultInjectionTest, BrokenWritesLeaveCommittedContentsAlone) {
       EXPECT_STREQ(e.what(), "disk on fire");
     }
   } // abandoned after the failure
-  EXPECT_EQ(read(item(u"f.txt")), "old");
+  EXPECT_EQ(readFile(item(u"f.txt")), "old");
 
   auto plain = item(u"f.txt").openStream(replaceAll);
   EXPECT_THROW(plain->write("12345678", 8), p::ByteStreamWriteFailure);
   plain->close();
-  EXPECT_EQ(read(item(u"f.txt")), "1234"); // a plain stream has no transaction: the bytes before the fault landed
+  EXPECT_EQ(readFile(item(u"f.txt")), "1234"); // a plain stream has no transaction: the bytes before the fault landed
 }
 
 TEST_F(FaultInjectionTest, BreaksReadsSeeksAndCloses) {
-  write(item(u"r.txt"), "readable");
-  write(item(u"c.txt"), "old");
+  writeFile(item(u"r.txt"), "readable");
+  writeFile(item(u"c.txt"), "old");
   faults_->failStream(item(u"r.txt").getLocation(), StreamOperation::Read, Code::IOError, "bad sector", 3);
   faults_->failStream(item(u"c.txt").getLocation(), StreamOperation::Close, Code::NoSpaceLeft);
   auto reader = item(u"r.txt").openReadOnlyStream();
@@ -108,7 +100,7 @@ TEST_F(FaultInjectionTest, BreaksReadsSeeksAndCloses) {
   EXPECT_THROW(transaction->close(p::StreamClosePolicy::Commit), p::ByteStreamCloseFailure);
   EXPECT_FALSE(transaction->isClosed()); // a failed close can be retried
   transaction.reset();
-  EXPECT_EQ(read(item(u"c.txt")), "old");
+  EXPECT_EQ(readFile(item(u"c.txt")), "old");
 }
 
 TEST_F(FaultInjectionTest, FoldersVanishOnceTheirParentWasListed) {

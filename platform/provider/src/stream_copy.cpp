@@ -12,7 +12,7 @@ constexpr std::size_t copyBufferSize = 128 * 1024;
 CopyResult copyFileThroughStreams(IProvider& sourceProvider, StorageIRI const& source,
                                   StorageItem const& destination, CopyFileOptions const& options) {
   auto const policy = options.policy;
-  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(ReplacementPolicy::KeepExisting))
+  if (!isValid(policy))
     fail(ErrorCode::InvalidLocation, destination.getLocation(), u"copy", "unknown replacement policy");
   std::uint64_t const total = sourceProvider.getFileAttributes(source).getSize();
 

@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/types.hpp>
 
+#include <fl/i18n/i18n.hpp>
+
 #include <ostream>
 
 namespace foundation::storage::provider {
@@ -7,6 +9,18 @@ namespace foundation::storage::provider {
 bool isValid(ByteStreamOpenOptions const& o) noexcept {
   return static_cast<std::uint32_t>(o.access) <= 1 && static_cast<std::uint32_t>(o.create) <= 1 &&
          static_cast<std::uint32_t>(o.truncate) <= 1 && static_cast<std::uint32_t>(o.append) <= 1;
+}
+
+bool isValid(ReplacementPolicy policy) noexcept {
+  return static_cast<std::uint32_t>(policy) <= static_cast<std::uint32_t>(ReplacementPolicy::KeepExisting);
+}
+
+PathComparatorFunction makePathComparator(FilenameSensitivity sensitivity) {
+  return [sensitivity](std::u16string const& a, std::u16string const& b, CaseModifier modifier) {
+    bool const insensitive = modifier == CaseModifier::CaseInsensitive ||
+                             (modifier == CaseModifier::ProviderDefault && sensitivity == FilenameSensitivity::CaseInsensitive);
+    return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
+  };
 }
 
 char const* toString(ErrorCode c) noexcept {

@@ -53,12 +53,12 @@ bool isBelow(std::string const& path, std::string const& folder) {
   return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/';
 }
 
-/// The provider's own temporary files (see posix_calls.cpp), and unnamed ones (O_TMPFILE),
+/// The provider's own temporary files, and unnamed ones (O_TMPFILE),
 /// which the kernel reports as "#<inode>" though no such name exists.
 bool isTemporaryName(std::string const& path) {
   std::string_view name(path);
   name = name.substr(name.rfind('/') + 1);
-  if (name.starts_with(".vfs-") && name.ends_with(".tmp")) return true;
+  if (isTemporaryFileName(name)) return true;
   bool const unnamedLike = name.size() > 1 && name[0] == '#' &&
                            std::all_of(name.begin() + 1, name.end(), [](char c) { return c >= '0' && c <= '9'; });
   struct stat st {};

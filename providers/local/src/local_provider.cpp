@@ -1,6 +1,5 @@
 #include <foundation/storage/providers/local/local_provider.hpp>
 
-#include "directory_reader.hpp"
 #include "inotify_watcher.hpp"
 #include "local_listing.hpp"
 #include "local_streams.hpp"
@@ -8,8 +7,6 @@
 #include "posix_calls.hpp"
 
 #include <foundation/storage/provider/stream_copy.hpp>
-
-#include <fl/i18n/i18n.hpp>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -51,7 +48,7 @@ bool statIfPresent(std::string const& path, struct stat& st, p::StorageIRI const
 }
 
 void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char const* op) {
-  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(p::ReplacementPolicy::KeepExisting))
+  if (!p::isValid(policy))
     refuse(ErrorCode::InvalidLocation, location, op, "unknown replacement policy");
 }
 
@@ -86,11 +83,6 @@ int openForReading(std::string const& path) {
     if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
   }
   return fd;
-}
-
-bool isLocal(p::StorageIRI const& location) {
-  return location.getScheme() == u"file" && location.getAuthority().empty() && !location.hasInnerIRI() &&
-         location.hasPath();
 }
 
 p::FilenameSensitivity sensitivityOf([[maybe_unused]] std::string const& path) {
@@ -299,7 +291,7 @@ std::unique_ptr<p::TransactionalStream> LocalProvider::openTransactionalStream(p
 
 void LocalProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   checkPolicy(policy, destination, "moveFile");
-  if (!isLocal(destination))
+  if (!isLocalLocation(destination))
     refuse(ErrorCode::UnsupportedOperation, destination, "moveFile", "the destination is not on the local file system");
   std::string const from = pathOf(source, "moveFile"), to = pathOf(destination, "moveFile");
   struct stat st {}, existing {};
@@ -399,7 +391,7 @@ void LocalProvider::removeFolderRecursively(p::StorageIRI const& folder) {
 
 void LocalProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   checkPolicy(policy, destination, "moveFolder");
-  if (!isLocal(destination))
+  if (!isLocalLocation(destination))
     refuse(ErrorCode::UnsupportedOperation, destination, "moveFolder", "the destination is not on the local file system");
   std::string const from = pathOf(source, "moveFolder"), to = pathOf(destination, "moveFolder");
   struct stat st {}, existing {};
@@ -423,12 +415,7 @@ p::FilenameSensitivity LocalProvider::getFilenameSensitivity(p::StorageIRI const
 }
 
 p::PathComparatorFunction LocalProvider::getPathComparator(p::StorageIRI const& location) {
-  return [sensitivity = getFilenameSensitivity(location)](std::u16string const& a, std::u16string const& b,
-                                                           p::CaseModifier modifier) {
-    bool const insensitive = modifier == p::CaseModifier::CaseInsensitive ||
-                             (modifier == p::CaseModifier::ProviderDefault && sensitivity == p::FilenameSensitivity::CaseInsensitive);
-    return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
-  };
+  return p::makePathComparator(getFilenameSensitivity(location));
 }
 
 std::unique_ptr<p::IFolderEntryIterator> LocalProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {

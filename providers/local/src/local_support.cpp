@@ -15,9 +15,13 @@
 
 namespace foundation::storage::providers::local::detail {
 
+bool isLocalLocation(p::StorageIRI const& location) noexcept {
+  return location.getScheme() == u"file" && location.getAuthority().empty() && !location.hasInnerIRI() &&
+         location.hasPath();
+}
+
 std::string pathOf(p::StorageIRI const& location, char const* op) {
-  if (location.getScheme() != u"file" || !location.getAuthority().empty() || location.hasInnerIRI() ||
-      !location.hasPath())
+  if (!isLocalLocation(location))
     refuse(p::ErrorCode::InvalidLocation, location, op, "not a location of the local file system");
   return p::fromStorageIRI(location).string();
 }

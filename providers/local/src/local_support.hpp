@@ -19,6 +19,9 @@ namespace foundation::storage::providers::local::detail {
 
 namespace p = foundation::storage::provider;
 
+/// A `file:///` location with a path (no host, not nested).
+bool isLocalLocation(p::StorageIRI const& location) noexcept;
+
 /// The local path of a `file:///` location; InvalidLocation for any other location.
 std::string pathOf(p::StorageIRI const& location, char const* op);
 

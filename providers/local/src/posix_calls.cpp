@@ -36,6 +36,10 @@ std::string temporaryName() {
 
 } // namespace
 
+bool isTemporaryFileName(std::string_view name) noexcept {
+  return name.starts_with(".vfs-") && name.ends_with(".tmp");
+}
+
 int renameAt(int fromDir, char const* from, int toDir, char const* to, bool noReplace) noexcept {
 #if defined(__linux__) && defined(RENAME_NOREPLACE)
   if (noReplace) {

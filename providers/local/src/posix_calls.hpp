@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace foundation::storage::providers::local::detail {
 
@@ -19,6 +20,10 @@ int renameAt(int fromDir, char const* from, int toDir, char const* to, bool noRe
 /// An unnamed file in the folder `dirfd` (O_TMPFILE), or a hidden named one where that is
 /// not available; `name` receives the name, empty for an unnamed file.
 int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) noexcept;
+
+/// Whether `name` (a last path segment) is one that openTemporaryFile or
+/// nameTemporaryFile gives.
+bool isTemporaryFileName(std::string_view name) noexcept;
 
 /// Gives a temporary file a (hidden, unique) name in `dirfd`, so it can be renamed over a
 /// target. A named temporary file keeps its name.

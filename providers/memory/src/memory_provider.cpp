@@ -50,7 +50,7 @@ NodePtr writableParent(Tree const& tree, Names const& names, p::StorageIRI const
 }
 
 void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char16_t const* op) {
-  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(p::ReplacementPolicy::KeepExisting))
+  if (!p::isValid(policy))
     refuse(ErrorCode::InvalidLocation, location, op, "unknown replacement policy");
 }
 
@@ -482,11 +482,7 @@ void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const
 p::FilenameSensitivity MemoryProvider::getFilenameSensitivity(p::StorageIRI const&) { return tree_->sensitivity; }
 
 p::PathComparatorFunction MemoryProvider::getPathComparator(p::StorageIRI const&) {
-  return [sensitivity = tree_->sensitivity](std::u16string const& a, std::u16string const& b, p::CaseModifier modifier) {
-    bool insensitive = modifier == p::CaseModifier::CaseInsensitive ||
-                       (modifier == p::CaseModifier::ProviderDefault && sensitivity == p::FilenameSensitivity::CaseInsensitive);
-    return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
-  };
+  return p::makePathComparator(tree_->sensitivity);
 }
 
 namespace {

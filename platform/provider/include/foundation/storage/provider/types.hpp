@@ -61,6 +61,9 @@ enum class ReplacementPolicy : std::uint32_t {
   KeepExisting = 4,
 };
 
+/// True for one of the enumeration's values.
+FOUNDATION_API bool isValid(ReplacementPolicy policy) noexcept;
+
 /// Result of a provider file copy.
 enum class CopyResult : std::uint32_t {
   Copied = 0,
@@ -100,6 +103,11 @@ enum class CaseModifier : std::uint32_t { ProviderDefault = 0, CaseSensitive = 1
 /// Equality of two names or paths under a case rule (`IProvider::getPathComparator`).
 using PathComparatorFunction =
     std::function<bool(std::u16string const&, std::u16string const&, CaseModifier)>;
+
+/// The comparator of a provider whose names have `sensitivity`: equality of the two texts,
+/// after Unicode case folding when the modifier (or, for ProviderDefault, the provider)
+/// ignores case.
+FOUNDATION_API PathComparatorFunction makePathComparator(FilenameSensitivity sensitivity);
 
 /// Reports a long copy's progress: bytes copied so far, bytes in all.
 using CopyProgressCallback = std::function<void(std::uint64_t done, std::uint64_t total)>;
