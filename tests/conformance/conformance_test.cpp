@@ -97,6 +97,34 @@ TEST_P(ProviderConformance, CreatesAndRemovesWholeTrees) {
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"a").removeFolderRecursively());
 }
 
+// A location's dot segments are resolved by name before any provider acts, so "x/." and
+// "x/sub/.." name x itself: removing them removes x whole, never its contents alone.
+TEST_P(ProviderConformance, ActsOnTheFolderThatDotSegmentsName) {
+  item(u"base/sub").createFolderRecursive();
+  writeFile(item(u"base/sub/f.txt"), "f");
+  item(u"base/sub/..").removeFolderRecursively();
+  EXPECT_EQ(item(u"base").exists(), p::ExistsResult::NotFound);
+
+  item(u"other/inner").createFolderRecursive();
+  writeFile(item(u"other/inner/g.txt"), "g");
+  item(u"other/inner/.").removeFolderRecursively();
+  EXPECT_EQ(item(u"other/inner").exists(), p::ExistsResult::NotFound);
+  EXPECT_TRUE(item(u"other").folderExists());
+
+  item(u"other/./made/..").createFolderRecursive(); // names "other", which exists: nothing is made
+  EXPECT_EQ(names(item(u"other").listAllNamesOnly(u"")), Strings{});
+  item(u"other/x/..").removeFolder(); // the missing "x" is never looked at
+  EXPECT_EQ(item(u"other").exists(), p::ExistsResult::NotFound);
+
+  writeFile(item(u"d/../a.txt"), "a");
+  EXPECT_EQ(readFile(item(u"a.txt")), "a");
+  item(u"a.txt").copyFile(item(u"nowhere/../b.txt"), {});
+  item(u"b.txt").moveFile(item(u"./c.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
+  EXPECT_EQ(names(item(u"x/..").listAllNamesOnly(u"")), (Strings{"a.txt", "c.txt"}));
+  item(u"./c.txt").removeFile();
+  EXPECT_EQ(item(u"c.txt").exists(), p::ExistsResult::NotFound);
+}
+
 // --- attributes -------------------------------------------------------------------------
 
 TEST_P(ProviderConformance, ReportsAndSetsAttributes) {

@@ -23,7 +23,9 @@ bool isLocalLocation(p::StorageIRI const& location) noexcept {
 std::string pathOf(p::StorageIRI const& location, char const* op) {
   if (!isLocalLocation(location))
     refuse(p::ErrorCode::InvalidLocation, location, op, "not a location of the local file system");
-  return p::fromStorageIRI(location).string();
+  // Dot segments are resolved by name, as every provider does, so an operation acts on the
+  // folder the location names and never on "x/." as the kernel would read it.
+  return fl::i18n::to_utf8(location.getResolvedPath());
 }
 
 void refuse(p::ErrorCode code, p::StorageIRI const& location, char const* call, std::string message) {

@@ -22,7 +22,8 @@ namespace p = foundation::storage::provider;
 /// A `file:///` location with a path (no host, not nested).
 bool isLocalLocation(p::StorageIRI const& location) noexcept;
 
-/// The local path of a `file:///` location; InvalidLocation for any other location.
+/// The local path of a `file:///` location, dot segments resolved; InvalidLocation for any
+/// other location.
 std::string pathOf(p::StorageIRI const& location, char const* op);
 
 /// Throws the provider Exception for `error` with the context "local.<call>". A folder where

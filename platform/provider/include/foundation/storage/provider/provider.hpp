@@ -34,7 +34,14 @@ using ChangeCallback = std::function<void(events::Kind const&, StorageIRI const&
 /// location concerned (missing item or parent: ResourceNotFound; the item is of the other
 /// kind than the operation needs: ResourceNotFound; exists already: ResourceAlreadyExists;
 /// a read-only item or folder: PermissionDenied; bad arguments: InvalidLocation; a location
-/// of another provider: UnsupportedOperation). A failed operation changes nothing.
+/// of another provider: UnsupportedOperation). A failed operation changes nothing: what can
+/// be known to fail (a read-only parent, the root folder) is refused before anything is
+/// changed.
+///
+/// Dot segments: every provider acts on the location's resolved path
+/// (`StorageIRI::getResolvedPath`, by name, as RFC 3986 removes them), never on the text as
+/// given; so `a/b/..` is `a` and `a/.` is `a` for every operation. Errors still name the
+/// location as given.
 /// Byte streams fail with the ByteStream*Failure types. Change subscriptions fail with
 /// ChangeEventsNotSupportedException or ChangeEventsSubscriptionException.
 ///
