@@ -7,6 +7,9 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/iostreams/stream.hpp>
 
+#include <optional>
+#include <utility>
+
 using namespace conformance;
 using Code = p::ErrorCode;
 using Strings = std::vector<std::string>;
@@ -395,6 +398,65 @@ TEST_P(ProviderConformance, CopiesAcrossProvidersWithProgress) {
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, item(u"big.bin").copyFile(foreignItem(u"big.bin"), {}));
   EXPECT_EQ(item(u"big.bin").copyFile(foreignItem(u"big.bin"), {p::ReplacementPolicy::KeepExisting, {}}),
             p::CopyResult::Skipped);
+}
+
+// The replacement check and the landing are one step: a destination that appears while
+// a copy runs (here: from its progress callback) is never replaced by FailIfExists or
+// KeepExisting, within one provider, across providers, and for a transaction's commit.
+TEST_P(ProviderConformance, NeverReplacesADestinationThatAppearsMeanwhile) {
+  std::string const payload(300 * 1024, 's');
+  writeFile(item(u"src.bin"), payload);
+  writeFile(foreignItem(u"src.bin"), payload);
+  std::vector<std::pair<p::StorageItem, p::StorageItem>> const copies{
+      {item(u"src.bin"), item(u"here")}, {item(u"src.bin"), foreignItem(u"there")}, {foreignItem(u"src.bin"), item(u"back")}};
+  for (auto const& [from, toPrefix] : copies) {
+    for (auto policy : {p::ReplacementPolicy::FailIfExists, p::ReplacementPolicy::KeepExisting}) {
+      p::StorageItem const to(toPrefix.getParent(), toPrefix.getName() + (policy == p::ReplacementPolicy::KeepExisting ? u"-keep" : u"-fail"));
+      bool intruded = false, tried = false;
+      auto intrude = [&](std::uint64_t, std::uint64_t) {
+        if (std::exchange(tried, true)) return;
+        try {
+          to.createFile(); // a copy that landed already wins
+        } catch (p::Exception const&) {
+          return;
+        }
+        intruded = true;
+        writeFile(to, "intruder");
+      };
+      SCOPED_TRACE(toUtf8(to.getLocation().toString()));
+      std::optional<p::CopyResult> result;
+      std::optional<Code> error;
+      try {
+        result = from.copyFile(to, {policy, intrude});
+      } catch (p::Exception const& e) {
+        error = e.getErrorCode();
+      }
+      EXPECT_TRUE(tried);
+      if (!intruded) {
+        EXPECT_EQ(result, p::CopyResult::Copied);
+        EXPECT_EQ(readFile(to), payload);
+      } else {
+        EXPECT_EQ(readFile(to), "intruder");
+        if (policy == p::ReplacementPolicy::KeepExisting) EXPECT_EQ(result, p::CopyResult::Skipped);
+        else EXPECT_EQ(error, Code::ResourceAlreadyExists);
+      }
+    }
+  }
+
+  auto transaction = item(u"late.txt").openTransactionalStream(replaceAll);
+  transaction->write("new", 3);
+  writeFile(item(u"late.txt"), "first");
+  try {
+    transaction->close(p::StreamClosePolicy::CommitWithoutReplacing);
+    ADD_FAILURE() << "the commit replaced a file";
+  } catch (p::ByteStreamCloseFailure const& e) {
+    EXPECT_EQ(e.getErrorCode(), Code::ResourceAlreadyExists);
+  }
+  EXPECT_EQ(readFile(item(u"late.txt")), "first");
+  auto fresh = item(u"fresh.txt").openTransactionalStream(replaceAll);
+  fresh->write("fresh", 5);
+  fresh->close(p::StreamClosePolicy::CommitWithoutReplacing);
+  EXPECT_EQ(readFile(item(u"fresh.txt")), "fresh");
 }
 
 TEST_P(ProviderConformance, CopyOntoAReadOnlyFileFailsAndKeepsIt) {

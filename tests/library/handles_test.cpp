@@ -1,10 +1,16 @@
 #include "harness.hpp"
 
+#include "../support/temporary_folder.hpp"
+
+#include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/wrappers/feature_switching_provider.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <vector>
 #include <unistd.h>
 
 using namespace harness;
@@ -201,4 +207,29 @@ TEST(LocalHandles, ResolveSymbolicLinksForCanonicalLocations) {
             vfs::toCanonicalAbsoluteIRI(u"file", vfs::fromAbsoluteIRI(h.at(u"real"))));
   EXPECT_TRUE(vfs::isSymlink(vfs::FileOrFolder(h.folder(u"link"))));
   h.cleanup();
+}
+
+// A move across file systems copies, then removes the source: only once the copy is on disk.
+TEST(LocalHandles, MovesAcrossFileSystemsRemoveTheSourceOnlyOnceTheCopyIsDurable) {
+  testsupport::TemporaryFolder folder("vfs-library");
+  auto const source = folder.path() / "source.txt";
+  std::vector<bool> sourceThereAtSync;
+  foundation::storage::providers::local::LocalProviderOptions options;
+  options.rename = [](int, char const*, int, char const*, bool) { return EXDEV; };
+  options.sync = [&](int fd) {
+    sourceThereAtSync.push_back(std::filesystem::exists(source));
+    return ::fsync(fd) == 0 ? 0 : errno;
+  };
+  auto system = std::make_shared<StandardStorageSystem>();
+  auto provider = std::make_shared<foundation::storage::providers::local::LocalProvider>(options);
+  system->registerProvider(u"file", [provider](p::StorageIRI const&) { return provider; });
+  vfs::StorageSystemReference const reference{std::weak_ptr<vfs::StorageSystem>(system)};
+  auto const at = [&](char const* name) {
+    return vfs::File(vfs::toAbsoluteIRI(u"file", fl::filesystem::path(folder.path() / name)), reference);
+  };
+  std::ofstream(source) << "moved";
+  at("source.txt").moveFile(at("target.txt"), Policy::FailIfExists);
+  EXPECT_EQ(read(at("target.txt")), "moved");
+  EXPECT_FALSE(std::filesystem::exists(source));
+  EXPECT_EQ(sourceThereAtSync, (std::vector<bool>{true, true})); // the data, then the folder, before the removal
 }

@@ -1,28 +1,17 @@
-#include "../support/item_io.hpp"
-#include "../conformance/provider_conformance.hpp"
-#include "../support/temporary_folder.hpp"
+#include "local_fixture.hpp"
 
-#include <foundation/storage/providers/local/local_provider.hpp>
+#include "../support/item_io.hpp"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <set>
 #include <thread>
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
-#if defined(__linux__)
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#endif
 
-namespace p = conformance::p;
+using namespace localtest;
 namespace events = conformance::events;
-namespace fs = std::filesystem;
 using foundation::storage::providers::local::LocalProvider;
 using foundation::storage::providers::local::LocalProviderOptions;
 using Code = p::ErrorCode;
@@ -31,58 +20,6 @@ using conformance::EventLog;
 using testsupport::readFile;
 using testsupport::replaceAll;
 using testsupport::writeFile;
-
-namespace {
-
-
-class LocalProviderTest : public ::testing::Test {
-protected:
-
-  p::StorageItem item(std::u16string const& relative) const {
-    return p::StorageItem(p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(root_))), relative);
-  }
-  fs::path path(std::string const& relative) const { return root_ / relative; }
-  static void writePath(fs::path const& file, std::string const& bytes) { std::ofstream(file, std::ios::binary) << bytes; }
-  static std::string readPath(fs::path const& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  std::vector<std::string> folderNames() const {
-    std::vector<std::string> names;
-    for (auto const& e : fs::directory_iterator(root_)) names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  testsupport::TemporaryFolder folder_{"vfs-local"};
-  fs::path root_ = folder_.path();
-  std::shared_ptr<p::IProvider> provider_ = std::make_shared<LocalProvider>();
-};
-
-/// Sets the immutable flag, which refuses changes even to the superuser; false where the
-/// file system or the user cannot.
-bool makeImmutable(fs::path const& file, bool immutable) {
-#if defined(__linux__) && defined(FS_IOC_SETFLAGS)
-  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  int flags = 0;
-  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  flags = immutable ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-  ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  ::close(fd);
-  return ok;
-#else
-  (void)file;
-  (void)immutable;
-  return false;
-#endif
-}
-
-std::size_t openDescriptors() {
-  return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
-
-} // namespace
 
 TEST_F(LocalProviderTest, RefusesChangesToProtectedFilesEvenForTheSuperuser) {
   writePath(path("locked.txt"), "original");

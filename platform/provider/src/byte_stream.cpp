@@ -30,7 +30,7 @@ void ByteStream::close() {
 
 void TransactionalStream::close(StreamClosePolicy const& policy) {
   if (isClosed()) return;
-  if (policy != StreamClosePolicy::Commit && policy != StreamClosePolicy::Discard)
+  if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(StreamClosePolicy::CommitWithoutReplacing))
     throw ByteStreamCloseFailure("unknown close policy", ErrorCode::InvalidLocation);
   doClose(policy);
   markClosed();

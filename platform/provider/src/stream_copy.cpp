@@ -28,6 +28,9 @@ CopyResult copyFileThroughStreams(IProvider& sourceProvider, StorageIRI const& s
   case ExistsResult::NotFound: break;
   }
 
+  // The check above spares a useless copy; the commit below decides, atomically, since the
+  // destination may appear meanwhile.
+  bool const replace = replaces(policy);
   auto in = sourceProvider.openReadOnlyStream(source);
   auto out = destination.openTransactionalStream({ByteStreamAccess::WriteOnly, ByteStreamCreate::CreateIfMissing,
                                                   ByteStreamTruncate::Truncate, ByteStreamAppend::AtPosition});
@@ -47,7 +50,12 @@ CopyResult copyFileThroughStreams(IProvider& sourceProvider, StorageIRI const& s
       if (options.progress) options.progress(done, total);
     }
     in->close();
-    out->close(StreamClosePolicy::Commit);
+    out->close(replace ? StreamClosePolicy::Commit : StreamClosePolicy::CommitWithoutReplacing);
+  } catch (ByteStreamCloseFailure const& e) {
+    if (replace || e.getErrorCode() != ErrorCode::ResourceAlreadyExists)
+      fail(e.getErrorCode(), destination.getLocation(), u"copy.write", e.what());
+    if (policy == ReplacementPolicy::KeepExisting) return CopyResult::Skipped;
+    fail(ErrorCode::ResourceAlreadyExists, destination.getLocation(), u"copy", "the destination appeared meanwhile");
   } catch (ByteStreamFailure const& e) {
     // `out` is discarded when destroyed: the destination keeps its old contents.
     fail(e.getErrorCode(), destination.getLocation(), u"copy.write", e.what());

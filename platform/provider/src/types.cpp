@@ -15,6 +15,11 @@ bool isValid(ReplacementPolicy policy) noexcept {
   return static_cast<std::uint32_t>(policy) <= static_cast<std::uint32_t>(ReplacementPolicy::KeepExisting);
 }
 
+bool replaces(ReplacementPolicy policy) noexcept {
+  return policy == ReplacementPolicy::Overwrite || policy == ReplacementPolicy::ForceOverwrite ||
+         policy == ReplacementPolicy::OverwriteDeferringPermissionErrors;
+}
+
 PathComparatorFunction makePathComparator(FilenameSensitivity sensitivity) {
   return [sensitivity](std::u16string const& a, std::u16string const& b, CaseModifier modifier) {
     bool const insensitive = modifier == CaseModifier::CaseInsensitive ||

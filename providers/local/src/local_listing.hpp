@@ -1,6 +1,7 @@
 #pragma once
 
 #include "local_support.hpp"
+#include "unique_fd.hpp"
 
 #include <foundation/storage/provider/folder_entry.hpp>
 
@@ -17,17 +18,20 @@ struct ListingRequest {
   bool recursive;
 };
 
-/// Lists the folder open as `dirfd` into `out`, names relative to it. A symbolic link is
-/// listed as what it points to (a broken one as a file) with its symlink flag set, and a
-/// recursive listing never enters a linked folder, so links cannot make it loop. Subfolders
-/// that cannot be read or vanish meanwhile are left out; a failure to read `dirfd` itself
-/// is the provider Exception for `location`.
-void listFolder(int dirfd, ListingRequest const& request, UserIdentity const& user, p::StorageIRI const& location,
+/// Lists the folder `folder` into `out`, names relative to it. A symbolic link is listed as
+/// what it points to (a broken one as a file) with its symlink flag set, and a recursive
+/// listing never enters a linked folder, so links cannot make it loop. The provider's
+/// temporary files are left out. The walk is a loop with a bounded number of open
+/// descriptors (FolderDescent), whatever the depth. Subfolders that cannot be read or
+/// vanish meanwhile are left out; any other failure (running out of descriptors included)
+/// is the provider Exception for `location`, never a shortened listing.
+void listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user, p::StorageIRI const& location,
                 std::vector<p::FolderEntry>& out);
 
-/// Removes a folder and everything in it without following symbolic links: every level is
-/// opened relative to its parent (openat, O_NOFOLLOW), so a folder swapped for a link
-/// meanwhile is removed as a link, not followed. Returns 0 or the first errno.
-int removeTree(char const* path) noexcept;
+/// Removes the folder `name` of `parent` and everything in it without following symbolic
+/// links: every level is opened relative to its parent (O_NOFOLLOW), so a folder swapped
+/// for a link meanwhile is removed as a link, not followed. Walks in a loop with a bounded
+/// number of open descriptors. Returns 0 or the first errno.
+int removeTree(int parent, char const* name) noexcept;
 
 } // namespace foundation::storage::providers::local::detail

@@ -92,20 +92,33 @@ p::FilenameSensitivity sensitivityOf([[maybe_unused]] std::string const& path) {
   return p::FilenameSensitivity::CaseSensitive;
 }
 
+/// Throws unless the folder `st`, in the open folder `parent`, can be removed from it: what
+/// would keep the folder itself from going is refused before anything below it goes.
+void checkRemovable(int parent, struct stat const& st, UserIdentity const& user, p::StorageIRI const& folder) {
+  struct stat holder {};
+  if (::fstat(parent, &holder) != 0) failErrno(errno, folder, "fstat");
+  if (holder.st_dev != st.st_dev) refuse(ErrorCode::ResourceInUse, folder, "removeFolderRecursively", "a mount point");
+  if (::faccessat(parent, ".", W_OK | X_OK, AT_EACCESS) != 0) failErrno(errno, folder, "access");
+  bool const sticky = (holder.st_mode & S_ISVTX) != 0;
+  if (sticky && user.uid != 0 && st.st_uid != user.uid && holder.st_uid != user.uid)
+    refuse(ErrorCode::PermissionDenied, folder, "removeFolderRecursively", "the folder belongs to someone else");
+}
+
 std::unique_ptr<p::IFolderEntryIterator> list(std::string const& path, p::StorageIRI const& location,
                                               ListingRequest const& request, UserIdentity const& user, char const* op) {
   int fd = openAt(AT_FDCWD, path.c_str(), folderFlags);
   if (fd < 0) failErrno(-fd, location, op);
-  UniqueFd folder(fd);
   std::vector<p::FolderEntry> entries;
-  listFolder(folder.get(), request, user, location, entries);
+  listFolder(UniqueFd(fd), request, user, location, entries);
   return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
 }
 
 } // namespace
 
 LocalProvider::LocalProvider(LocalProviderOptions options)
-    : options_(std::move(options)), user_(std::make_unique<UserIdentity>(UserIdentity::current())), poller_(*this) {}
+    : options_(std::move(options)), user_(std::make_unique<UserIdentity>(UserIdentity::current())), poller_(*this) {
+  if (!options_.sync) options_.sync = syncFile;
+}
 
 LocalProvider::~LocalProvider() {
   poller_.stopAll();
@@ -284,7 +297,7 @@ std::unique_ptr<p::TransactionalStream> LocalProvider::openTransactionalStream(p
     failErrno(errno, file, "fcntl");
   guard.dismiss();
   return std::make_unique<LocalTransactionalStream>(std::move(at.folder), std::move(at.name), std::move(temporary),
-                                                    std::move(temporaryName), file,
+                                                    std::move(temporaryName), file, options_.sync,
                                                     options.access == p::ByteStreamAccess::ReadWrite,
                                                     options.create == p::ByteStreamCreate::MustExist);
 }
@@ -304,9 +317,10 @@ void LocalProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& d
       refuse(ErrorCode::ResourceAlreadyExists, destination, "moveFile", "the destination exists");
   }
   Placement fromAt = place(from, source, "moveFile"), toAt = place(to, destination, "moveFile");
-  if (int error = rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(),
-                         policy == p::ReplacementPolicy::FailIfExists))
-    failErrno(error, destination, "rename");
+  int const error = rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(),
+                           !p::replaces(policy));
+  if (error == EEXIST && policy == p::ReplacementPolicy::KeepExisting) return; // it appeared meanwhile: kept
+  if (error != 0) failErrno(error, destination, "rename");
 }
 
 p::CopyResult LocalProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
@@ -333,8 +347,9 @@ p::CopyResult LocalProvider::copyFile(p::StorageIRI const& source, p::StorageIte
       refuse(ErrorCode::InvalidLocation, target, "copyFile", "source and destination are the same file");
     if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0) failErrno(errno, target, "access");
   }
-  // The copy lands all at once: written to a temporary file beside the destination, then
-  // renamed over it. A failure leaves the destination as it was.
+  // The copy lands all at once and durable: written to a temporary file beside the
+  // destination, synced, then renamed over it (or linked, never replacing). A failure
+  // leaves the destination as it was.
   UniqueFd out;
   std::string temporaryName;
   if (int error = openTemporaryFile(at.folder.get(), 0600, out, temporaryName)) failErrno(error, target, "open.temporary");
@@ -344,10 +359,13 @@ p::CopyResult LocalProvider::copyFile(p::StorageIRI const& source, p::StorageIte
     if (options.progress) options.progress(done, size);
   });
   if (error == 0 && ::fchmod(out.get(), (exists ? existing.st_mode : st.st_mode) & 07777) != 0) error = errno;
-  if (error == 0) error = nameTemporaryFile(out.get(), at.folder.get(), temporaryName);
+  bool const replace = p::replaces(options.policy);
   if (error == 0)
-    error = renameAt(at.folder.get(), temporaryName.c_str(), at.folder.get(), at.name.c_str(),
-                     options.policy == p::ReplacementPolicy::FailIfExists);
+    error = commitTemporaryFile(out.get(), at.folder.get(), temporaryName, at.name.c_str(), replace, options_.sync);
+  if (error == EEXIST && !replace) { // the destination appeared while copying
+    if (options.policy == p::ReplacementPolicy::KeepExisting) return p::CopyResult::Skipped;
+    refuse(ErrorCode::ResourceAlreadyExists, target, "copyFile", "the destination appeared meanwhile");
+  }
   if (error != 0) failErrno(error, target, "copyFile");
   guard.dismiss();
   if (size == 0 && options.progress) options.progress(0, 0);
@@ -386,7 +404,9 @@ void LocalProvider::removeFolderRecursively(p::StorageIRI const& folder) {
   struct stat st {};
   if (!statIfPresent(path, st, folder, "removeFolderRecursively", false) || !S_ISDIR(st.st_mode))
     refuse(ErrorCode::ResourceNotFound, folder, "removeFolderRecursively", "no such folder");
-  if (int error = removeTree(path.c_str())) failErrno(error, folder, "removeFolderRecursively");
+  Placement at = place(path, folder, "removeFolderRecursively"); // refuses the root
+  checkRemovable(at.folder.get(), st, *user_, folder);
+  if (int error = removeTree(at.folder.get(), at.name.c_str())) failErrno(error, folder, "removeFolderRecursively");
 }
 
 void LocalProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
@@ -397,8 +417,7 @@ void LocalProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const&
   struct stat st {}, existing {};
   if (!statIfPresent(from, st, source, "moveFolder") || !S_ISDIR(st.st_mode))
     refuse(ErrorCode::ResourceNotFound, source, "moveFolder", "no such folder");
-  bool const replace = policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
-                       policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;
+  bool const replace = p::replaces(policy);
   if (statIfPresent(to, existing, destination, "moveFolder", false)) {
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return;
     if (!S_ISDIR(existing.st_mode) || !replace)

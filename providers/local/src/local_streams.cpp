@@ -51,10 +51,11 @@ void LocalByteStream::doClose() {
 }
 
 LocalTransactionalStream::LocalTransactionalStream(UniqueFd folder, std::string targetName, UniqueFd temporary,
-                                                   std::string temporaryName, p::StorageIRI location, bool canRead,
-                                                   bool mustExist)
+                                                   std::string temporaryName, p::StorageIRI location, SyncCall sync,
+                                                   bool canRead, bool mustExist)
     : folder_(std::move(folder)), targetName_(std::move(targetName)), temporary_(std::move(temporary), canRead, true),
-      temporaryName_(std::move(temporaryName)), location_(std::move(location)), mustExist_(mustExist) {}
+      temporaryName_(std::move(temporaryName)), location_(std::move(location)), sync_(std::move(sync)),
+      mustExist_(mustExist) {}
 
 LocalTransactionalStream::~LocalTransactionalStream() {
   if (!isClosed()) discard();
@@ -72,15 +73,14 @@ void LocalTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
     return;
   }
   try {
-    commit();
+    commit(policy == p::StreamClosePolicy::Commit);
   } catch (p::Exception const& e) {
     throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
   }
 }
 
-void LocalTransactionalStream::commit() {
+void LocalTransactionalStream::commit(bool replace) {
   int const fd = temporary_.descriptor();
-  if (::fsync(fd) != 0) failErrno(errno, location_, "commit.fsync");
   struct stat target {};
   int const missing = statAt(folder_.get(), targetName_.c_str(), target, true);
   if (missing == 0 && S_ISDIR(target.st_mode))
@@ -91,13 +91,10 @@ void LocalTransactionalStream::commit() {
     if (::fchmod(fd, target.st_mode & 07777) != 0) failErrno(errno, location_, "commit.fchmod");
     if (::fchown(fd, target.st_uid, target.st_gid) != 0) { /* only the superuser may; not an error */ }
   }
-  if (int error = nameTemporaryFile(fd, folder_.get(), temporaryName_)) failErrno(error, location_, "commit.link");
-  if (int error = renameAt(folder_.get(), temporaryName_.c_str(), folder_.get(), targetName_.c_str(), false)) {
+  if (int error = commitTemporaryFile(fd, folder_.get(), temporaryName_, targetName_.c_str(), replace, sync_)) {
     discard();
-    failErrno(error, location_, "commit.rename");
+    failErrno(error, location_, "commit");
   }
-  temporaryName_.clear();
-  ::fsync(folder_.get()); // the rename itself reaches the disk; a failure here loses nothing
   temporary_.close();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "local_support.hpp"
+#include "temporary_files.hpp"
 #include "unique_fd.hpp"
 
 #include <foundation/storage/provider/byte_stream.hpp>
@@ -25,13 +26,14 @@ private:
   bool canWrite_;
 };
 
-/// Writes a temporary file in the target's folder; commit flushes it to disk and renames
-/// it over the target (keeping the target's permissions), so readers see the old or the new
-/// contents, never a mix. Discard, or destruction unclosed, removes the temporary file.
+/// Writes a temporary file in the target's folder; commit makes it durable and lands it at
+/// the target (keeping the target's permissions; see commitTemporaryFile), so readers see
+/// the old or the new contents, never a mix. Discard, or destruction unclosed, removes the
+/// temporary file.
 class LocalTransactionalStream final : public p::TransactionalStream {
 public:
   LocalTransactionalStream(UniqueFd folder, std::string targetName, UniqueFd temporary, std::string temporaryName,
-                           p::StorageIRI location, bool canRead, bool mustExist);
+                           p::StorageIRI location, SyncCall sync, bool canRead, bool mustExist);
   ~LocalTransactionalStream() override;
 
 protected:
@@ -41,7 +43,7 @@ protected:
   void doClose(p::StreamClosePolicy const& policy) override;
 
 private:
-  void commit();
+  void commit(bool replace);
   void discard() noexcept;
 
   UniqueFd folder_;
@@ -49,6 +51,7 @@ private:
   LocalByteStream temporary_;
   std::string temporaryName_; ///< empty while the temporary file has no name
   p::StorageIRI location_;
+  SyncCall sync_;
   bool mustExist_;
 };
 

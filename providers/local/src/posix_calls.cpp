@@ -1,10 +1,7 @@
 #include "posix_calls.hpp"
 
-#include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
-#include <random>
 #include <unistd.h>
 
 #if defined(__linux__)
@@ -24,21 +21,7 @@ int retry(Call&& call) noexcept {
   }
 }
 
-/// ".vfs-<random>.tmp": hidden, and unlikely to meet another writer's name.
-std::string temporaryName() {
-  static std::atomic<unsigned> counter{0};
-  thread_local std::mt19937_64 random(std::random_device{}());
-  char name[64];
-  std::snprintf(name, sizeof name, ".vfs-%016llx-%u.tmp", static_cast<unsigned long long>(random()),
-                counter.fetch_add(1));
-  return name;
-}
-
 } // namespace
-
-bool isTemporaryFileName(std::string_view name) noexcept {
-  return name.starts_with(".vfs-") && name.ends_with(".tmp");
-}
 
 int renameAt(int fromDir, char const* from, int toDir, char const* to, bool noReplace) noexcept {
 #if defined(__linux__) && defined(RENAME_NOREPLACE)
@@ -59,43 +42,8 @@ int renameAt(int fromDir, char const* from, int toDir, char const* to, bool noRe
   return retry([&] { return ::renameat(fromDir, from, toDir, to); });
 }
 
-int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) noexcept {
-#if defined(O_TMPFILE)
-  int unnamed = openAt(dirfd, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode);
-  if (unnamed >= 0) {
-    fd.reset(unnamed);
-    name.clear();
-    return 0;
-  }
-  if (-unnamed != EOPNOTSUPP && -unnamed != EISDIR && -unnamed != EINVAL) return -unnamed;
-#endif
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    std::string candidate = temporaryName();
-    int named = openAt(dirfd, candidate.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, mode);
-    if (named >= 0) {
-      fd.reset(named);
-      name = std::move(candidate);
-      return 0;
-    }
-    if (-named != EEXIST) return -named;
-  }
-  return EEXIST;
-}
-
-int nameTemporaryFile(int fd, int dirfd, std::string& name) noexcept {
-  if (!name.empty()) return 0;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    std::string candidate = temporaryName();
-    char procPath[64];
-    std::snprintf(procPath, sizeof procPath, "/proc/self/fd/%d", fd);
-    int error = retry([&] { return ::linkat(AT_FDCWD, procPath, dirfd, candidate.c_str(), AT_SYMLINK_FOLLOW); });
-    if (error == 0) {
-      name = std::move(candidate);
-      return 0;
-    }
-    if (error != EEXIST) return error;
-  }
-  return EEXIST;
+int syncFile(int fd) noexcept {
+  return retry([&] { return ::fsync(fd); });
 }
 
 int syncFilesystem(int fd) noexcept {

@@ -3,6 +3,7 @@
 // System calls that differ between platforms, each behind one function with a portable
 // fallback. Every function returns 0 or an errno value and retries EINTR itself.
 
+#include "temporary_files.hpp"
 #include "unique_fd.hpp"
 
 #include <sys/stat.h>
@@ -17,23 +18,14 @@ namespace foundation::storage::providers::local::detail {
 /// renameat, or with `noReplace` one that fails with EEXIST instead of replacing.
 int renameAt(int fromDir, char const* from, int toDir, char const* to, bool noReplace) noexcept;
 
-/// An unnamed file in the folder `dirfd` (O_TMPFILE), or a hidden named one where that is
-/// not available; `name` receives the name, empty for an unnamed file.
-int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) noexcept;
-
-/// Whether `name` (a last path segment) is one that openTemporaryFile or
-/// nameTemporaryFile gives.
-bool isTemporaryFileName(std::string_view name) noexcept;
-
-/// Gives a temporary file a (hidden, unique) name in `dirfd`, so it can be renamed over a
-/// target. A named temporary file keeps its name.
-int nameTemporaryFile(int fd, int dirfd, std::string& name) noexcept;
-
 /// Copies `size` bytes from `in` to `out` (both at offset 0): reflink where the file
 /// system shares extents, else copy_file_range, else read/write. `progress(done)` is called
 /// as data moves.
 template <class Progress>
 int copyContents(int in, int out, std::uint64_t size, Progress&& progress) noexcept;
+
+/// fsync: the file's or folder's data and metadata reach the disk.
+int syncFile(int fd) noexcept;
 
 /// Flushes the file system holding `fd` (syncfs), or everything (sync) elsewhere.
 int syncFilesystem(int fd) noexcept;

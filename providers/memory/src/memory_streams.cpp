@@ -127,19 +127,20 @@ void MemoryTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
     return;
   }
   try {
-    commit();
+    commit(policy == p::StreamClosePolicy::Commit);
   } catch (p::Exception const& e) {
     throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
   }
 }
 
-void MemoryTransactionalStream::commit() {
+void MemoryTransactionalStream::commit(bool replace) {
   std::vector<Change> changes;
   {
     std::unique_lock lock(tree_->mutex);
     Names names = tree_->namesOf(location_, u"commit");
     NodePtr file = tree_->find(names);
     if (file && file->isFolder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
+    if (file && !replace) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "the file exists");
     if (!file) {
       if (mustExist_) refuse(p::ErrorCode::ResourceNotFound, location_, u"commit", "the file was removed meanwhile");
       NodePtr parent = tree_->findParent(names);

@@ -56,7 +56,8 @@ protected:
   void doClose(p::StreamClosePolicy const& policy) override;
 
 private:
-  void commit();
+  /// Lands the buffer; without `replace` only where no file is.
+  void commit(bool replace);
 
   std::shared_ptr<Tree> tree_;
   p::StorageIRI location_;

@@ -64,6 +64,10 @@ enum class ReplacementPolicy : std::uint32_t {
 /// True for one of the enumeration's values.
 FOUNDATION_API bool isValid(ReplacementPolicy policy) noexcept;
 
+/// True when the policy lets an existing destination be replaced (the Overwrite kinds);
+/// FailIfExists and KeepExisting never replace.
+FOUNDATION_API bool replaces(ReplacementPolicy policy) noexcept;
+
 /// Result of a provider file copy.
 enum class CopyResult : std::uint32_t {
   Copied = 0,
@@ -90,7 +94,13 @@ struct ByteStreamOpenOptions {
 FOUNDATION_API bool isValid(ByteStreamOpenOptions const& options) noexcept;
 
 /// How a transactional stream ends.
-enum class StreamClosePolicy : std::uint32_t { Commit = 0, Discard = 1 };
+enum class StreamClosePolicy : std::uint32_t {
+  Commit = 0,
+  Discard = 1,
+  /// Commits only if nothing is at the location, checked and landed in one atomic step;
+  /// otherwise discards and fails with ResourceAlreadyExists.
+  CommitWithoutReplacing = 2,
+};
 
 enum class RecursiveWatching : std::uint32_t { Yes = 0, No = 1 };
 enum class RecursivePolling : std::uint32_t { Yes = 0, No = 1 };

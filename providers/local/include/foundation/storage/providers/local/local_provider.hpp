@@ -20,9 +20,15 @@ struct UserIdentity;
 /// file systems (EXDEV) with it.
 using RenameFunction = std::function<int(int fromDir, char const* from, int toDir, char const* to, bool noReplace)>;
 
+/// How the provider makes an open file or folder durable (fsync); returns 0 or an errno
+/// value. A seam for tests, which observe when data reaches the disk.
+using SyncFunction = std::function<int(int fd)>;
+
 struct LocalProviderOptions {
   /// Empty: the system's own rename.
   RenameFunction rename;
+  /// Empty: the system's own fsync.
+  SyncFunction sync;
 };
 
 /// The provider of the local file system: locations `file:///absolute/path`, POSIX calls.
@@ -35,9 +41,15 @@ struct LocalProviderOptions {
 ///   flag; recursive listings and recursive removal never enter a linked folder, so links
 ///   cannot make them loop or reach outside the tree.
 /// - Transactional streams write a temporary file in the target's folder and commit with
-///   fsync and rename, keeping the target's permissions. Copies land the same way, so a
-///   failed copy leaves no partial destination. Copies use reflinks where the file system
-///   shares extents, else copy_file_range, else read/write.
+///   fsync, rename and an fsync of the folder, keeping the target's permissions. Copies land
+///   the same way, so a failed copy leaves no partial destination and a finished one is on
+///   disk before the call returns. Copies use reflinks where the file system shares extents,
+///   else copy_file_range, else read/write.
+/// - FailIfExists and KeepExisting never replace a destination, even one that appears while
+///   a copy or move runs: the check and the landing are one step (linkat of an unnamed
+///   file, renameat2 with RENAME_NOREPLACE).
+/// - Temporary files (".vfs-*.tmp") never appear in listings; a listing removes those that
+///   no live writer holds (writers flock them), such as the ones a killed process left.
 /// - Moves rename within one file system; across file systems (EXDEV) they fail with
 ///   UnsupportedOperation so that callers copy and remove instead.
 /// - Changes are reported with inotify (recursive watches follow new subfolders; after a
