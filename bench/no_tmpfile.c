@@ -8,7 +8,7 @@
 
 int openat(int dirfd, const char* path, int flags, ...) {
   static int (*real)(int, const char*, int, ...) = 0;
-  if (!real) real = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, "openat");
+  if (!real) *(void**)&real = dlsym(RTLD_NEXT, "openat"); /* POSIX's way to take a function from dlsym */
   if ((flags & O_TMPFILE) == O_TMPFILE) {
     errno = EOPNOTSUPP;
     return -1;
