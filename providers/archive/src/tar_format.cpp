@@ -9,6 +9,7 @@
 
 #include <boost/date_time/posix_time/conversion.hpp>
 
+#include <algorithm>
 #include <map>
 #include <sys/stat.h>
 
@@ -23,6 +24,8 @@ public:
   explicit TarInput(p::StorageItem const& file) : location_(file.getLocation()), buffer_(1 << 16) {
     try {
       stream_ = file.openReadOnlyStream();
+      size_ = static_cast<std::uint64_t>(stream_->seek(0, std::ios_base::end));
+      stream_->seek(0, std::ios_base::beg);
     } catch (p::ByteStreamFailure const& e) {
       p::fail(e.getErrorCode(), location_, u"tar.open", e.what());
     }
@@ -85,8 +88,11 @@ private:
   static la_int64_t skip(::archive*, void* state, la_int64_t request) {
     auto& self = *static_cast<TarInput*>(state);
     try {
-      self.stream_->seek(static_cast<std::streamoff>(request), std::ios_base::cur);
-      return request;
+      // Never past the end, so that a truncated archive shows as one.
+      auto const position = static_cast<std::uint64_t>(self.stream_->seek(0, std::ios_base::cur));
+      auto const skipped = std::min<std::uint64_t>(static_cast<std::uint64_t>(request), self.size_ - std::min(position, self.size_));
+      self.stream_->seek(static_cast<std::streamoff>(skipped), std::ios_base::cur);
+      return static_cast<la_int64_t>(skipped);
     } catch (...) {
       return 0; // libarchive reads over what it cannot skip
     }
@@ -94,6 +100,7 @@ private:
 
   p::StorageIRI location_;
   std::unique_ptr<p::ByteStream> stream_;
+  std::uint64_t size_ = 0;
   std::vector<char> buffer_;
   ::archive* archive_ = nullptr;
   std::exception_ptr failure_;
@@ -102,20 +109,27 @@ private:
 /// An entry of an uncompressed archive: its bytes, read in place.
 class PlainDecoder final : public EntryDecoder {
 public:
-  PlainDecoder(p::StorageItem const& file, std::uint64_t offset) : stream_(file.openReadOnlyStream()), offset_(offset) {
+  PlainDecoder(p::StorageItem const& file, std::uint64_t offset, std::uint64_t size)
+      : stream_(file.openReadOnlyStream()), offset_(offset), size_(size) {
     stream_->seek(static_cast<std::streamoff>(offset_), std::ios_base::beg);
   }
   std::size_t read(char* s, std::size_t n) override {
-    return static_cast<std::size_t>(stream_->read(s, static_cast<std::streamsize>(n)));
+    auto const want = static_cast<std::streamsize>(std::min<std::uint64_t>(n, size_ - position_));
+    auto const got = want > 0 ? static_cast<std::size_t>(stream_->read(s, want)) : 0;
+    position_ += got;
+    return got;
   }
   bool seekTo(std::uint64_t position) override {
     stream_->seek(static_cast<std::streamoff>(offset_ + position), std::ios_base::beg);
+    position_ = position;
     return true;
   }
 
 private:
   std::unique_ptr<p::ByteStream> stream_;
   std::uint64_t offset_;
+  std::uint64_t size_;
+  std::uint64_t position_ = 0;
 };
 
 /// An entry of a compressed archive: decompressed from the start up to it.
@@ -147,8 +161,9 @@ public:
     p::StorageItem file = file_;
     if (ref.dataOffset) {
       auto const offset = *ref.dataOffset;
-      return std::make_unique<EntryStream>([file, offset] { return std::make_unique<PlainDecoder>(file, offset); },
-                                           ref.size);
+      auto const size = ref.size;
+      return std::make_unique<EntryStream>(
+          [file, offset, size] { return std::make_unique<PlainDecoder>(file, offset, size); }, size);
     }
     auto const index = ref.index;
     return std::make_unique<EntryStream>([file, index] { return std::make_unique<CompressedDecoder>(file, index); },
