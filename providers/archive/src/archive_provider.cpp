@@ -123,7 +123,7 @@ private:
   std::vector<Change> changes_;
 };
 
-ArchiveProvider::ArchiveProvider(std::unique_ptr<ProviderCore> core) : core_(std::move(core)) {
+ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core) : core_(std::move(core)) {
   core_->poller = std::make_unique<p::ChangePollingWatcher>(*this);
   core_->self = this;
 }
@@ -135,13 +135,14 @@ ArchiveProvider::~ArchiveProvider() {
   } catch (...) {
     // Logged by commitAll; a destructor cannot report it further.
   }
+  core_->close();
 }
 
 ZipProvider::ZipProvider(OuterProviderResolver resolver, std::u16string scheme)
-    : ArchiveProvider(std::make_unique<ProviderCore>(std::move(scheme), makeZipFormat(), std::move(resolver))) {}
+    : ArchiveProvider(std::make_shared<ProviderCore>(std::move(scheme), makeZipFormat(), std::move(resolver))) {}
 
 TarProvider::TarProvider(OuterProviderResolver resolver, std::u16string scheme)
-    : ArchiveProvider(std::make_unique<ProviderCore>(std::move(scheme), makeTarFormat(), std::move(resolver))) {}
+    : ArchiveProvider(std::make_shared<ProviderCore>(std::move(scheme), makeTarFormat(), std::move(resolver))) {}
 
 // --- existence and attributes ------------------------------------------------------------
 
@@ -281,7 +282,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
   }
   StreamMode const mode{options.access == p::ByteStreamAccess::ReadWrite, true,
                         options.append == p::ByteStreamAppend::Append};
-  ProviderCore* core = core_.get();
+  std::shared_ptr<ProviderCore> core = core_;
   // Once written, the file is modified (if it is still the file the stream was opened on).
   auto closed = [core, archive, path, location, content](bool wrote) {
     if (!wrote) return;
@@ -329,7 +330,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
   }
   StreamMode const mode{options.access == p::ByteStreamAccess::ReadWrite, true,
                         options.append == p::ByteStreamAppend::Append};
-  ProviderCore* core = core_.get();
+  std::shared_ptr<ProviderCore> core = core_;
   auto commit = [core, file](std::shared_ptr<Content> content) {
     Session session(*core, file, u"commit");
     Node* node = session.node();

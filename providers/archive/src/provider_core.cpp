@@ -36,6 +36,7 @@ Place ProviderCore::locate(p::StorageIRI const& location, char16_t const* op, p:
   std::shared_ptr<Archive> archive;
   {
     std::lock_guard lock(mutex_);
+    if (closed_) p::fail(p::ErrorCode::IOError, location, key(op), "the archive provider is gone");
     auto& slot = archives_[file];
     if (!slot) {
       auto provider = resolver(file);
@@ -141,6 +142,13 @@ void ProviderCore::commit(Archive& archive) {
   archive.dirty = false;
   archive.loaded = false;
   archive.seen.reset();
+}
+
+void ProviderCore::close() {
+  std::lock_guard lock(mutex_);
+  closed_ = true;
+  archives_.clear();
+  self = nullptr;
 }
 
 void ProviderCore::commitAll() {

@@ -62,6 +62,8 @@ struct ProviderCore {
   /// thrown after the others were tried.
   void commitAll();
   std::u16string key(char16_t const* op) const { return scheme + u"." + op; }
+  /// Forgets every archive once the provider is gone; streams still open then fail.
+  void close();
 
   std::u16string const scheme;
   std::unique_ptr<ArchiveFormat> const format;
@@ -76,6 +78,7 @@ struct ProviderCore {
 private:
   std::mutex mutex_;
   std::map<p::StorageIRI, std::shared_ptr<Archive>> archives_;
+  bool closed_ = false;
 };
 
 } // namespace foundation::storage::providers::archive::detail

@@ -99,10 +99,10 @@ public:
   void invalidate(provider::StorageIRI const& location) override;
 
 protected:
-  explicit ArchiveProvider(std::unique_ptr<detail::ProviderCore> core);
+  explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
 
 private:
-  std::unique_ptr<detail::ProviderCore> core_;
+  std::shared_ptr<detail::ProviderCore> core_; ///< shared with open write streams
 };
 
 /// Zip archives, read and written (libzip), scheme "zip".
