@@ -23,7 +23,6 @@ public:
 class ArchiveFormat {
 public:
   virtual ~ArchiveFormat() = default;
-  virtual char16_t const* name() const = 0;
   virtual bool writable() const = 0;
   /// Reads the archive's entries, in archive order, into `entries`.
   virtual std::shared_ptr<ArchiveReader> open(p::StorageItem const& archive, std::vector<RawEntry>& entries) = 0;

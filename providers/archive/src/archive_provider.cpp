@@ -277,6 +277,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
     }
     content = core_->materialize(session.archive(), *node, file, u"openStream");
     archive = session.place().archive;
+    ++archive->openWriters;
     path = session.path();
     location = session.location();
   }
@@ -285,11 +286,11 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
   std::shared_ptr<ProviderCore> core = core_;
   // Once written, the file is modified (if it is still the file the stream was opened on).
   auto closed = [core, archive, path, location, content](bool wrote) {
-    if (!wrote) return;
     {
       Lock lock(*archive->lock);
+      --archive->openWriters;
       Node* node = ProviderCore::find(*archive, path);
-      if (!node || node->content != content) return;
+      if (!wrote || !node || node->content != content) return;
       node->modified = now();
       archive->dirty = true;
     }

@@ -49,33 +49,6 @@ Node::~Node() {
   }
 }
 
-std::unique_ptr<Node> Node::clone() const {
-  auto copyOf = [](Node const& from) {
-    auto to = std::make_unique<Node>();
-    to->name = from.name;
-    to->folder = from.folder;
-    to->symlink = from.symlink;
-    to->writable = from.writable;
-    to->modified = from.modified;
-    to->entry = from.entry;
-    to->mode = from.mode;
-    to->explicitEntry = from.explicitEntry;
-    if (from.content) to->content = std::make_shared<Content>(*from.content);
-    return to;
-  };
-  auto top = copyOf(*this);
-  std::vector<std::pair<Node const*, Node*>> pending{{this, top.get()}};
-  while (!pending.empty()) {
-    auto [from, to] = pending.back();
-    pending.pop_back();
-    for (auto const& [name, child] : from->children) {
-      auto& copy = to->children[name] = copyOf(*child);
-      pending.emplace_back(child.get(), copy.get());
-    }
-  }
-  return top;
-}
-
 Tree::Tree() : root_(std::make_unique<Node>()) {
   root_->folder = true;
   root_->modified = boost::posix_time::second_clock::universal_time();

@@ -60,8 +60,6 @@ struct Node {
   ~Node();
 
   std::uint64_t size() const { return content ? content->size() : entry ? entry->size : 0; }
-  /// A deep copy (contents are copied, entries shared).
-  std::unique_ptr<Node> clone() const;
 };
 
 using Segments = std::vector<std::u16string>;

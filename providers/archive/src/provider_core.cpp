@@ -138,10 +138,20 @@ void ProviderCore::commit(Archive& archive) {
   } catch (p::Exception& failure) {
     throw failure.addExceptionContext(p::ExceptionContext(key(u"commit"), "the archive was left as it was"));
   }
-  // Read back on next use: the entries now lie where the new archive put them.
   archive.dirty = false;
-  archive.loaded = false;
-  archive.seen.reset();
+  if (archive.openWriters == 0) {
+    // Read back on next use: the entries now lie where the new archive put them.
+    archive.loaded = false;
+    archive.seen.reset();
+    return;
+  }
+  // Open write streams hold the tree's contents: keep the tree (its entries still read from
+  // the previous archive) and take the new file as the one read.
+  try {
+    archive.seen = archive.file.getFileAttributes();
+  } catch (p::Exception const&) {
+    archive.seen.reset();
+  }
 }
 
 void ProviderCore::close() {

@@ -27,6 +27,7 @@ struct Archive {
   bool loaded = false;
   bool exists = false;
   bool dirty = false;                 ///< changes wait for a commit
+  std::size_t openWriters = 0;        ///< in-place write streams on the tree's contents
   std::optional<p::FileAttributes> seen; ///< the file's attributes when it was read
   std::unique_ptr<Tree> tree;
   std::shared_ptr<ArchiveReader> reader;

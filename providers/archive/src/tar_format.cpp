@@ -176,7 +176,6 @@ private:
 
 class TarFormat final : public ArchiveFormat {
 public:
-  char16_t const* name() const override { return u"tar"; }
   bool writable() const override { return false; }
 
   std::shared_ptr<ArchiveReader> open(p::StorageItem const& file, std::vector<RawEntry>& entries) override {

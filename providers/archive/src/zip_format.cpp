@@ -53,7 +53,6 @@ private:
 
 class ZipFormat final : public ArchiveFormat {
 public:
-  char16_t const* name() const override { return u"zip"; }
   bool writable() const override { return true; }
   std::shared_ptr<ArchiveReader> open(p::StorageItem const& archive, std::vector<RawEntry>& entries) override {
     return std::make_shared<ZipReader>(archive, entries);
