@@ -143,3 +143,15 @@ TEST_F(HostileArchives, TruncatedArchivesGiveClearErrors) {
         << message;
   }
 }
+
+TEST_F(HostileArchives, DeepChainsOfFoldersAreWrittenReadAndDroppedWithoutDeepRecursion) {
+  std::u16string deep = u"zip:mem:///deep.zip!/";
+  for (int level = 0; level < 1000; ++level) deep += u"d/";
+  item(deep).createFolderRecursive();
+  testsupport::writeFile(item(deep + u"x.txt"), "bottom");
+  commit();
+  auto provider = item(deep).getProvider();
+  dynamic_cast<p::extensions::IInvalidatable&>(*provider).invalidate(p::StorageIRI(deep));
+  EXPECT_EQ(tree(item(u"zip:mem:///deep.zip!/")).size(), 1001u);
+  EXPECT_EQ(readFile(item(deep + u"x.txt")), "bottom");
+}
