@@ -26,8 +26,8 @@ struct ProviderCore;
 /// only in entry paths are listed as folders. Entry names that are absolute, contain `..`
 /// segments, backslashes or NUL, are not UTF-8, or repeat an earlier entry are skipped
 /// (first wins), logged as warnings and named in the error of an access to them. Symbolic
-/// link entries are files flagged as links whose contents are the link text; they are never
-/// followed. Reading streams; an entry holding more or less data than it declares fails
+/// link entries are files flagged as links, holding what the archive stores for them (the
+/// link text in zip, nothing in tar); they are never followed. Reading streams; an entry holding more or less data than it declares fails
 /// the read.
 ///
 /// Writable formats keep a change set per archive in memory (new contents included) until
