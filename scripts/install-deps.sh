@@ -10,6 +10,7 @@ packages=(
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
+  libzip-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
 )
 
 missing=()

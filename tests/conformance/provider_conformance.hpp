@@ -37,6 +37,9 @@ struct Capabilities {
   bool caseInsensitive = false;
   /// How long native change events may take to arrive.
   std::chrono::milliseconds eventDelay{0};
+  /// Every change is ReadOnlyProvider: the workspace comes holding the listing tree and
+  /// only the rows that read run; the others check that a change is refused and skip.
+  bool readOnly = false;
 };
 
 struct ProviderUnderTest {

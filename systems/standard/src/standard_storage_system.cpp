@@ -1,5 +1,6 @@
 #include <foundation/storage/systems/standard_storage_system.hpp>
 
+#include <foundation/storage/providers/archive/archive_provider.hpp>
 #include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 
@@ -37,6 +38,10 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
                      "file locations on other hosts are not on the local file system");
     return std::make_shared<providers::local::LocalProvider>();
   });
+  // Archives reach their files through this system, whatever provider holds them.
+  auto outer = [this](provider::StorageIRI const& file) { return buildProvider(file); };
+  registerProvider(u"zip", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::ZipProvider>(outer); });
+  registerProvider(u"tar", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::TarProvider>(outer); });
 }
 
 StandardStorageSystem::~StandardStorageSystem() = default;

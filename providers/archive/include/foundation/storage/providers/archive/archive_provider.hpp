@@ -1,0 +1,122 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/provider.hpp>
+
+#include <functional>
+#include <memory>
+
+namespace foundation::storage::providers::archive {
+
+/// The provider serving a location of any scheme; an archive provider reaches the archive
+/// file through it (a storage system's `buildProvider`, for instance).
+using OuterProviderResolver = std::function<std::shared_ptr<provider::IProvider>(provider::StorageIRI const&)>;
+
+namespace detail {
+struct ProviderCore;
+}
+
+/// Archives as folders: locations `<scheme>:<outer IRI>!/path`, such as
+/// `zip:file:///data/a.zip!/dir/x.txt`. The archive is read and written only through the
+/// outer provider's byte streams, so an archive may lie on any provider, inside another
+/// archive too (`zip:zip:mem:///o.zip!/inner.zip!/x`).
+///
+/// Each archive's entry index is read once and kept; it is read again when the outer
+/// file's size or modification time changed and nothing is pending. Folders that exist
+/// only in entry paths are listed as folders. Entry names that are absolute, contain `..`
+/// segments, backslashes or NUL, are not UTF-8, or repeat an earlier entry are skipped
+/// (first wins), logged as warnings and named in the error of an access to them. Symbolic
+/// link entries are files flagged as links, holding what the archive stores for them (the
+/// link text in zip, nothing in tar); they are never followed. Reading streams; an entry holding more or less data than it declares fails
+/// the read.
+///
+/// Writable formats keep a change set per archive in memory (new contents included) until
+/// it is committed: by `flushFilesystem()` (every archive, innermost first),
+/// `flushFilesystem(location)` (that archive and the archives around it),
+/// `shutdownProvider`, and when the provider is destroyed (failures there are logged). A
+/// commit writes a whole new archive through the outer provider's transactional stream,
+/// so the outer file changes all at once or not at all. `invalidate` drops an archive's
+/// state, uncommitted changes included. Creating the root folder of a missing archive
+/// creates an empty archive. Settings (`configure`): "maxEditSize" (bytes; an entry larger
+/// than this is FileTooLarge when opened for in-place writing; default 256 MiB).
+/// Changes are reported natively; polling is available too. Thread-safe.
+class FOUNDATION_API ArchiveProvider : public provider::IProvider,
+                                       public provider::extensions::IFlushableFilesystem,
+                                       public provider::extensions::IInvalidatable {
+public:
+  ~ArchiveProvider() override;
+
+  provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
+  provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
+  bool fileExists(provider::StorageIRI const& location) override;
+  bool folderExists(provider::StorageIRI const& location) override;
+  provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
+  provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
+  void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
+  void setWritable(provider::StorageIRI const& location, bool writable) override;
+  void createFile(provider::StorageIRI const& file) override;
+  void removeFile(provider::StorageIRI const& file) override;
+  void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
+  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
+  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void createFolder(provider::StorageIRI const& folder) override;
+  void createFolderRecursive(provider::StorageIRI const& folder) override;
+  void removeFolder(provider::StorageIRI const& folder) override;
+  void removeFolderRecursively(provider::StorageIRI const& folder) override;
+  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
+  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  bool hasFeature(provider::ExtendedFeature feature) override;
+  void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  void shutdownProvider(provider::StorageIRI const& location) override;
+  provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void stopPublishingFileEvents(provider::StorageIRI const& file) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
+  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
+  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
+
+  /// Commits every pending change set, innermost archives first.
+  void flushFilesystem() override;
+  /// Commits the change set of the archive holding `location`, then those of the archives
+  /// around it.
+  void flushFilesystem(provider::StorageIRI const& location) override;
+  /// Forgets the archive holding `location`, its uncommitted changes included.
+  void invalidate(provider::StorageIRI const& location) override;
+
+protected:
+  explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
+
+private:
+  std::shared_ptr<detail::ProviderCore> core_; ///< shared with open write streams
+};
+
+/// Zip archives, read and written (libzip), scheme "zip".
+class FOUNDATION_API ZipProvider final : public ArchiveProvider {
+public:
+  explicit ZipProvider(OuterProviderResolver resolver, std::u16string scheme = u"zip");
+};
+
+/// Tar archives, plain or compressed with gzip, bzip2, xz or zstd, read only (libarchive),
+/// scheme "tar". Every change is ReadOnlyProvider. Reading an entry of an uncompressed
+/// archive seeks straight to its data.
+class FOUNDATION_API TarProvider final : public ArchiveProvider {
+public:
+  explicit TarProvider(OuterProviderResolver resolver, std::u16string scheme = u"tar");
+};
+
+} // namespace foundation::storage::providers::archive

@@ -1,0 +1,584 @@
+#include <foundation/storage/providers/archive/archive_provider.hpp>
+
+#include "archive_streams.hpp"
+#include "provider_core.hpp"
+
+#include <foundation/log/diagnostic_logger.hpp>
+#include <foundation/storage/provider/stream_copy.hpp>
+
+#include <fl/i18n/i18n.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+namespace foundation::storage::providers::archive {
+
+using namespace detail;
+using p::ErrorCode;
+
+namespace {
+
+using Lock = std::unique_lock<std::mutex>;
+
+boost::posix_time::ptime now() { return boost::posix_time::microsec_clock::universal_time(); }
+
+events::EntryType typeOf(Node const& node) { return node.folder ? events::EntryType::Folder : events::EntryType::File; }
+
+bool replaces(p::ReplacementPolicy policy) {
+  return policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
+         policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;
+}
+
+bool startsWith(Segments const& path, Segments const& prefix) {
+  return path.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
+}
+
+} // namespace
+
+/// One operation on one archive under its lock; changes are reported once it is released.
+class Session {
+public:
+  Session(ProviderCore& core, p::StorageIRI const& location, char16_t const* op,
+          ErrorCode foreign = ErrorCode::InvalidLocation)
+      : core_(core), op_(op), place_(core.locate(location, op, foreign)), lock_(*place_.archive->lock) {
+    core_.refresh(archive(), op);
+  }
+  ~Session() {
+    lock_.unlock();
+    core_.notifier.notify(changes_);
+  }
+  Session(Session const&) = delete;
+  Session& operator=(Session const&) = delete;
+
+  Archive& archive() const { return *place_.archive; }
+  Place const& place() const { return place_; }
+  Segments const& path() const { return place_.path; }
+  p::StorageIRI const& location() const { return place_.location; }
+  p::StorageIRI locationOf(Segments const& path) const { return place_.location.withPath(pathOf(path)); }
+  Node* node() const { return ProviderCore::find(archive(), path()); }
+  [[noreturn]] void fail(ErrorCode code, std::string message) const {
+    p::fail(code, location(), core_.key(op_), std::move(message));
+  }
+  Node& file() const {
+    Node* found = node();
+    if (!found || found->folder) core_.missing(place_, op_, "file");
+    return *found;
+  }
+  Node& folder() const {
+    Node* found = node();
+    if (!found || !found->folder) core_.missing(place_, op_, "folder");
+    return *found;
+  }
+  Node& existing() const {
+    Node* found = node();
+    if (!found) core_.missing(place_, op_, "file or folder");
+    return *found;
+  }
+  /// The folder that gets or loses the child at `path`: it must exist and be writable.
+  Node& writableParent(Segments const& path) const {
+    if (path.empty()) fail(ErrorCode::InvalidLocation, "the archive's root folder has no parent");
+    Node* parent = archive().exists ? archive().tree->findParent(path) : nullptr;
+    if (!parent) fail(ErrorCode::ResourceNotFound, "the parent folder is missing");
+    if (!parent->writable) fail(ErrorCode::PermissionDenied, "the parent folder is read-only");
+    return *parent;
+  }
+  void changed(events::Kind kind, Segments const& path, events::EntryType type, p::StorageIRI renamedFrom = {}) {
+    archive().dirty = true;
+    changes_.push_back({kind, locationOf(path), type, std::move(renamedFrom)});
+  }
+  /// Adds a new child at `path` in its writable parent.
+  Node& add(Segments const& path, bool folder) {
+    Node& parent = writableParent(path);
+    auto& slot = parent.children[path.back()];
+    slot = std::make_unique<Node>();
+    slot->name = path.back();
+    slot->folder = folder;
+    slot->explicitEntry = true;
+    slot->modified = parent.modified = now();
+    if (!folder) slot->content = std::make_shared<Content>();
+    changed(events::Kind::Created, path, folder ? events::EntryType::Folder : events::EntryType::File);
+    return *slot;
+  }
+  /// Takes the node at `path` out of its writable parent.
+  std::unique_ptr<Node> detach(Segments const& path) {
+    Node& parent = writableParent(path);
+    auto child = parent.children.find(path.back());
+    std::unique_ptr<Node> node = std::move(child->second);
+    parent.children.erase(child);
+    parent.modified = now();
+    return node;
+  }
+  /// Creates the empty archive if there is none.
+  void createArchive() {
+    if (archive().exists) return;
+    archive().exists = true;
+    archive().tree = std::make_unique<Tree>();
+    changed(events::Kind::Created, {}, events::EntryType::Folder);
+  }
+
+private:
+  ProviderCore& core_;
+  char16_t const* op_;
+  Place place_;
+  Lock lock_;
+  std::vector<Change> changes_;
+};
+
+ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core) : core_(std::move(core)) {
+  core_->poller = std::make_unique<p::ChangePollingWatcher>(*this);
+  core_->self = this;
+}
+
+ArchiveProvider::~ArchiveProvider() {
+  core_->poller->stopAll();
+  try {
+    core_->commitAll();
+  } catch (...) {
+    // Logged by commitAll; a destructor cannot report it further.
+  }
+  core_->close();
+}
+
+ZipProvider::ZipProvider(OuterProviderResolver resolver, std::u16string scheme)
+    : ArchiveProvider(std::make_shared<ProviderCore>(std::move(scheme), makeZipFormat(), std::move(resolver))) {}
+
+TarProvider::TarProvider(OuterProviderResolver resolver, std::u16string scheme)
+    : ArchiveProvider(std::make_shared<ProviderCore>(std::move(scheme), makeTarFormat(), std::move(resolver))) {}
+
+// --- existence and attributes ------------------------------------------------------------
+
+p::StorageIRI ArchiveProvider::getCanonicalLocation(p::StorageIRI const& location) {
+  Session session(*core_, location, u"getCanonicalLocation");
+  session.existing();
+  return session.location();
+}
+
+p::ExistsResult ArchiveProvider::exists(p::StorageIRI const& location) {
+  Session session(*core_, location, u"exists");
+  Node const* node = session.node();
+  if (!node) return p::ExistsResult::NotFound;
+  return node->folder ? p::ExistsResult::Folder : p::ExistsResult::File;
+}
+
+p::ExtendedExistsResult ArchiveProvider::existsExtended(p::StorageIRI const& location) {
+  // Link entries are files flagged as links: never followed, so never "to" anything.
+  switch (exists(location)) {
+  case p::ExistsResult::File: return p::ExtendedExistsResult::File;
+  case p::ExistsResult::Folder: return p::ExtendedExistsResult::Folder;
+  case p::ExistsResult::NotFound: break;
+  }
+  return p::ExtendedExistsResult::NotFound;
+}
+
+bool ArchiveProvider::fileExists(p::StorageIRI const& location) { return exists(location) == p::ExistsResult::File; }
+
+bool ArchiveProvider::folderExists(p::StorageIRI const& location) {
+  return exists(location) == p::ExistsResult::Folder;
+}
+
+p::FileAttributes ArchiveProvider::getFileAttributes(p::StorageIRI const& file) {
+  Session session(*core_, file, u"getFileAttributes");
+  return fileAttributesOf(session.file());
+}
+
+p::FolderAttributes ArchiveProvider::getFolderAttributes(p::StorageIRI const& folder) {
+  Session session(*core_, folder, u"getFolderAttributes");
+  return folderAttributesOf(session.folder());
+}
+
+p::ExtendedAttributes ArchiveProvider::getExtendedAttributes(p::StorageIRI const& location) {
+  Session session(*core_, location, u"getExtendedAttributes");
+  Node const& node = session.existing();
+  std::string const prefix = fl::i18n::to_utf8(core_->scheme) + ".";
+  p::ExtendedAttributes attributes;
+  attributes.put(prefix + "kind", node.folder ? "folder" : node.symlink ? "symlink" : "file");
+  attributes.put(prefix + "explicit", node.folder ? node.explicitEntry : true);
+  if (!node.folder) attributes.put(prefix + "pending", static_cast<bool>(node.content));
+  if (session.path().empty()) {
+    attributes.put(prefix + "entries", session.archive().tree->count());
+    p::ExtendedAttributes skipped;
+    for (auto const& entry : session.archive().tree->skipped()) {
+      p::ExtendedAttributes one;
+      one.put("name", entry.name);
+      one.put("reason", entry.reason);
+      skipped.push_back({"", one});
+    }
+    attributes.put(prefix + "skippedCount", session.archive().tree->skipped().size());
+    attributes.add_child(prefix + "skipped", skipped);
+  }
+  return attributes;
+}
+
+void ArchiveProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
+  core_->requireWritable(location, u"setLastModified");
+  if (time.is_special()) p::fail(ErrorCode::InvalidLocation, location, core_->key(u"setLastModified"), "not a point in time");
+  Session session(*core_, location, u"setLastModified");
+  Node& node = session.existing();
+  node.modified = time;
+  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+}
+
+void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) {
+  core_->requireWritable(location, u"setWritable");
+  Session session(*core_, location, u"setWritable");
+  Node& node = session.existing();
+  if (node.writable == writable) return;
+  node.writable = writable;
+  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+}
+
+// --- files -------------------------------------------------------------------------------
+
+void ArchiveProvider::createFile(p::StorageIRI const& file) {
+  core_->requireWritable(file, u"createFile");
+  Session session(*core_, file, u"createFile");
+  if (session.node()) session.fail(ErrorCode::ResourceAlreadyExists, "it exists already");
+  session.add(session.path(), false);
+}
+
+void ArchiveProvider::removeFile(p::StorageIRI const& file) {
+  core_->requireWritable(file, u"removeFile");
+  Session session(*core_, file, u"removeFile");
+  session.file();
+  session.detach(session.path());
+  session.changed(events::Kind::Removed, session.path(), events::EntryType::File);
+}
+
+void ArchiveProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
+  core_->requireWritable(file, u"truncateToSize");
+  Session session(*core_, file, u"truncateToSize");
+  Node& node = session.file();
+  if (!node.writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
+  if (size > core_->maxEditSize) session.fail(ErrorCode::FileTooLarge, "larger than the edit limit (maxEditSize)");
+  core_->materialize(session.archive(), node, file, u"truncateToSize")->resize(size);
+  node.modified = now();
+  session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
+}
+
+std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  if (!p::isValid(options)) p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openStream"), "unknown open options");
+  core_->requireWritable(file, u"openStream");
+  std::shared_ptr<Content> content;
+  std::shared_ptr<Archive> archive;
+  Segments path;
+  p::StorageIRI location;
+  {
+    Session session(*core_, file, u"openStream");
+    Node* node = session.node();
+    if (node && node->folder) session.file();
+    if (!node) {
+      if (options.create == p::ByteStreamCreate::MustExist) session.file();
+      node = &session.add(session.path(), false);
+    } else if (!node->writable) {
+      session.fail(ErrorCode::PermissionDenied, "the file is read-only");
+    }
+    if (options.truncate == p::ByteStreamTruncate::Truncate) {
+      node->content = std::make_shared<Content>();
+      node->entry.reset();
+    }
+    content = core_->materialize(session.archive(), *node, file, u"openStream");
+    archive = session.place().archive;
+    ++archive->openWriters;
+    path = session.path();
+    location = session.location();
+  }
+  StreamMode const mode{options.access == p::ByteStreamAccess::ReadWrite, true,
+                        options.append == p::ByteStreamAppend::Append};
+  std::shared_ptr<ProviderCore> core = core_;
+  // Once written, the file is modified (if it is still the file the stream was opened on).
+  auto closed = [core, archive, path, location, content](bool wrote) {
+    {
+      Lock lock(*archive->lock);
+      --archive->openWriters;
+      Node* node = ProviderCore::find(*archive, path);
+      if (!wrote || !node || node->content != content) return;
+      node->modified = now();
+      archive->dirty = true;
+    }
+    core->notifier.notify({{events::Kind::Modified, location, events::EntryType::File, {}}});
+  };
+  return std::make_unique<ContentStream>(content, archive->lock, mode, closed);
+}
+
+std::unique_ptr<p::ByteStream> ArchiveProvider::openReadOnlyStream(p::StorageIRI const& file) {
+  Session session(*core_, file, u"openReadOnlyStream");
+  Node const& node = session.file();
+  if (node.content) return std::make_unique<ContentStream>(node.content, session.archive().lock, StreamMode{true, false, false}, nullptr);
+  return session.archive().reader->openEntry(*node.entry);
+}
+
+std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream(p::StorageIRI const& file,
+                                                                                 p::ByteStreamOpenOptions const& options) {
+  if (!p::isValid(options))
+    p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openTransactionalStream"), "unknown open options");
+  core_->requireWritable(file, u"openTransactionalStream");
+  Content initial;
+  {
+    Session session(*core_, file, u"openTransactionalStream");
+    Node* node = session.node();
+    if ((node && node->folder) || (!node && options.create == p::ByteStreamCreate::MustExist)) session.file();
+    if (!node) session.writableParent(session.path());
+    if (node && !node->writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
+    if (node && options.truncate == p::ByteStreamTruncate::Keep) {
+      if (node->content) {
+        initial = *node->content;
+      } else {
+        // A copy of the entry's data, leaving the tree as it is.
+        Node scratch;
+        scratch.entry = node->entry;
+        initial = *core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
+      }
+    }
+  }
+  StreamMode const mode{options.access == p::ByteStreamAccess::ReadWrite, true,
+                        options.append == p::ByteStreamAppend::Append};
+  std::shared_ptr<ProviderCore> core = core_;
+  auto commit = [core, file](std::shared_ptr<Content> content) {
+    Session session(*core, file, u"commit");
+    Node* node = session.node();
+    if (node && node->folder) session.file();
+    if (!node) node = &session.add(session.path(), false);
+    else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
+    node->content = std::make_shared<Content>(std::move(*content));
+    node->entry.reset();
+    node->modified = now();
+  };
+  return std::make_unique<TransactionalContentStream>(std::move(initial), mode, commit);
+}
+
+void ArchiveProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFile"), "unknown replacement policy");
+  core_->requireWritable(source, u"moveFile");
+  Session session(*core_, source, u"moveFile");
+  Place const to = core_->locate(destination, u"moveFile", ErrorCode::UnsupportedOperation);
+  if (to.archive != session.place().archive)
+    p::fail(ErrorCode::UnsupportedOperation, destination, core_->key(u"moveFile"), "the destination is in another archive");
+  session.file();
+  if (to.path == session.path()) return;
+  if (Node* target = ProviderCore::find(session.archive(), to.path)) {
+    if (target->folder || policy == p::ReplacementPolicy::FailIfExists)
+      p::fail(ErrorCode::ResourceAlreadyExists, destination, core_->key(u"moveFile"), "the destination exists");
+    if (policy == p::ReplacementPolicy::KeepExisting) return;
+  }
+  Node& toParent = session.writableParent(to.path);
+  std::unique_ptr<Node> node = session.detach(session.path());
+  node->name = to.path.back();
+  toParent.children[to.path.back()] = std::move(node);
+  toParent.modified = now();
+  session.changed(events::Kind::Renamed, to.path, events::EntryType::File, session.location());
+}
+
+p::CopyResult ArchiveProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                                        p::CopyFileOptions const& options) {
+  core_->locate(source, u"copyFile");
+  return p::copyFileThroughStreams(*this, source, destination, options);
+}
+
+// --- folders -----------------------------------------------------------------------------
+
+void ArchiveProvider::createFolder(p::StorageIRI const& folder) {
+  core_->requireWritable(folder, u"createFolder");
+  Session session(*core_, folder, u"createFolder");
+  if (session.path().empty() && !session.archive().exists) return session.createArchive();
+  if (session.node()) session.fail(ErrorCode::ResourceAlreadyExists, "it exists already");
+  session.add(session.path(), true);
+}
+
+void ArchiveProvider::createFolderRecursive(p::StorageIRI const& folder) {
+  core_->requireWritable(folder, u"createFolderRecursive");
+  Session session(*core_, folder, u"createFolderRecursive");
+  session.createArchive();
+  Segments path;
+  for (auto const& segment : session.path()) {
+    path.push_back(segment);
+    Node* node = ProviderCore::find(session.archive(), path);
+    if (!node) node = &session.add(path, true);
+    if (!node->folder) session.fail(ErrorCode::ResourceAlreadyExists, "a file stands where a folder is needed");
+  }
+}
+
+void ArchiveProvider::removeFolder(p::StorageIRI const& folder) {
+  core_->requireWritable(folder, u"removeFolder");
+  Session session(*core_, folder, u"removeFolder");
+  Node const& node = session.folder();
+  if (!node.children.empty()) session.fail(ErrorCode::FolderNotEmpty, "the folder is not empty");
+  session.detach(session.path());
+  session.changed(events::Kind::Removed, session.path(), events::EntryType::Folder);
+}
+
+void ArchiveProvider::removeFolderRecursively(p::StorageIRI const& folder) {
+  core_->requireWritable(folder, u"removeFolderRecursively");
+  Session session(*core_, folder, u"removeFolderRecursively");
+  Node const& node = session.folder();
+  for (std::vector<Node const*> pending{&node}; !pending.empty();) {
+    Node const* next = pending.back();
+    pending.pop_back();
+    if (!next->writable) session.fail(ErrorCode::PermissionDenied, "a folder inside is read-only");
+    for (auto const& [name, child] : next->children)
+      if (child->folder) pending.push_back(child.get());
+  }
+  session.detach(session.path());
+  session.changed(events::Kind::Removed, session.path(), events::EntryType::Folder);
+}
+
+void ArchiveProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFolder"), "unknown replacement policy");
+  core_->requireWritable(source, u"moveFolder");
+  Session session(*core_, source, u"moveFolder");
+  Place const to = core_->locate(destination, u"moveFolder", ErrorCode::UnsupportedOperation);
+  if (to.archive != session.place().archive)
+    p::fail(ErrorCode::UnsupportedOperation, destination, core_->key(u"moveFolder"), "the destination is in another archive");
+  session.folder();
+  if (session.path().empty()) session.fail(ErrorCode::InvalidLocation, "the archive's root folder cannot be moved");
+  if (to.path == session.path()) return;
+  if (startsWith(to.path, session.path()))
+    p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFolder"), "a folder cannot move into itself");
+  Node& toParent = session.writableParent(to.path);
+  if (Node* target = ProviderCore::find(session.archive(), to.path)) {
+    if (!target->folder || !replaces(policy))
+      p::fail(ErrorCode::ResourceAlreadyExists, destination, core_->key(u"moveFolder"), "the destination exists");
+    if (!target->children.empty())
+      p::fail(ErrorCode::FolderNotEmpty, destination, core_->key(u"moveFolder"), "the destination folder is not empty");
+  }
+  std::unique_ptr<Node> node = session.detach(session.path());
+  node->name = to.path.back();
+  toParent.children[to.path.back()] = std::move(node);
+  toParent.modified = now();
+  session.changed(events::Kind::Renamed, to.path, events::EntryType::Folder, session.location());
+}
+
+p::FilenameSensitivity ArchiveProvider::getFilenameSensitivity(p::StorageIRI const&) {
+  return p::FilenameSensitivity::CaseSensitive;
+}
+
+p::PathComparatorFunction ArchiveProvider::getPathComparator(p::StorageIRI const&) {
+  return p::makePathComparator(p::FilenameSensitivity::CaseSensitive);
+}
+
+// --- listings ----------------------------------------------------------------------------
+
+namespace {
+
+std::unique_ptr<p::IFolderEntryIterator> listing(ProviderCore& core, p::StorageIRI const& folder, char16_t const* op,
+                                                 Kinds kinds, bool withAttributes, std::u16string const& pattern,
+                                                 bool recursive) {
+  Session session(core, folder, op);
+  return std::make_unique<p::SnapshotFolderEntryIterator>(
+      list(session.folder(), kinds, withAttributes, pattern, recursive));
+}
+
+} // namespace
+
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listAllNamesOnly", Kinds::All, false, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFilesNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listFilesNamesOnly", Kinds::Files, false, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFoldersNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listFoldersNamesOnly", Kinds::Folders, false, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAll(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listAll", Kinds::All, true, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFiles(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listFiles", Kinds::Files, true, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFolders(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listFolders", Kinds::Folders, true, pattern, false);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listAllRecursiveNamesOnly", Kinds::All, false, pattern, true);
+}
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
+  return listing(*core_, folder, u"listAllRecursive", Kinds::All, true, pattern, true);
+}
+
+// --- administration ----------------------------------------------------------------------
+
+bool ArchiveProvider::hasFeature(p::ExtendedFeature feature) {
+  return feature != p::ExtendedFeature::NativeRecursiveRemoval || core_->format->writable();
+}
+
+void ArchiveProvider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
+  for (auto const& [name, value] : settings) {
+    if (name != "maxEditSize")
+      p::fail(ErrorCode::InvalidLocation, location, core_->key(u"configure"), "unknown setting \"" + name + "\"");
+    auto limit = value.get_value_optional<std::uint64_t>();
+    if (!limit) p::fail(ErrorCode::InvalidLocation, location, core_->key(u"configure"), "maxEditSize needs a byte count");
+    core_->maxEditSize = *limit;
+  }
+}
+
+void ArchiveProvider::shutdownProvider(p::StorageIRI const&) {
+  core_->poller->stopAll();
+  core_->notifier.stopAll();
+  core_->commitAll();
+}
+
+p::StorageInfo ArchiveProvider::getProviderStorageInfo(p::StorageIRI const& location) {
+  // The folder holding the archive: the archive file itself may not be written yet.
+  p::StorageItem const& file = core_->locate(location, u"getProviderStorageInfo").archive->file;
+  return (file.hasParent() ? file.getParent() : file).getProviderStorageInfo();
+}
+
+void ArchiveProvider::flushFilesystem() { core_->commitAll(); }
+
+void ArchiveProvider::flushFilesystem(p::StorageIRI const& location) {
+  Place const place = core_->locate(location, u"flushFilesystem");
+  core_->commit(*place.archive);
+  // The archive around this one holds the change just committed.
+  p::StorageItem const& file = place.archive->file;
+  if (auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get())) around->flushFilesystem(file.getLocation());
+}
+
+void ArchiveProvider::invalidate(p::StorageIRI const& location) {
+  Place const place = core_->locate(location, u"invalidate");
+  Lock lock(*place.archive->lock);
+  place.archive->dirty = false;
+  place.archive->loaded = false;
+}
+
+// --- change reporting --------------------------------------------------------------------
+
+void ArchiveProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback, std::vector<events::Kind> const& kinds) {
+  p::StorageIRI watched;
+  try {
+    Session session(*core_, file, u"publishFileEvents");
+    session.file();
+    watched = session.location();
+  } catch (p::Exception const& failure) {
+    throw p::ChangeEventsSubscriptionException(file, failure.what());
+  }
+  core_->notifier.watchFile(watched, std::move(callback), kinds);
+}
+
+void ArchiveProvider::stopPublishingFileEvents(p::StorageIRI const& file) {
+  core_->notifier.stopFile(core_->locate(file, u"stopPublishingFileEvents").location);
+}
+
+void ArchiveProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                          std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
+  p::StorageIRI watched;
+  try {
+    Session session(*core_, folder, u"publishFolderEvents");
+    session.folder();
+    watched = session.location();
+  } catch (p::Exception const& failure) {
+    throw p::ChangeEventsSubscriptionException(folder, failure.what());
+  }
+  core_->notifier.watchFolder(watched, std::move(callback), kinds, recursive == p::RecursiveWatching::Yes);
+}
+
+void ArchiveProvider::stopPublishingFolderEvents(p::StorageIRI const& folder) {
+  core_->notifier.stopFolder(core_->locate(folder, u"stopPublishingFolderEvents").location);
+}
+
+void ArchiveProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                                  std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
+                                                  p::RecursivePolling recursive) {
+  core_->poller->start(folder, std::move(callback), kinds, interval, recursive);
+}
+
+void ArchiveProvider::stopChangePollingMechanism(p::StorageIRI const& folder) { core_->poller->stop(folder); }
+
+} // namespace foundation::storage::providers::archive

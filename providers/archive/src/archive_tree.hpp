@@ -1,0 +1,113 @@
+#pragma once
+
+// The folder tree of one archive: entries as they were read, and the changes made since.
+
+#include <foundation/storage/provider/folder_entry.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace foundation::storage::providers::archive::detail {
+
+namespace p = foundation::storage::provider;
+
+/// Where an entry's data lies in the archive as read: the format's entry number, the
+/// offset of its data in the archive file (when it can be read in place) and its declared
+/// size.
+struct EntryRef {
+  std::uint64_t index = 0;
+  std::optional<std::uint64_t> dataOffset;
+  std::uint64_t size = 0;
+};
+
+/// One entry as a format reports it; `name` is the raw UTF-8 path.
+struct RawEntry {
+  std::string name;
+  bool folder = false;
+  bool symlink = false;
+  bool writable = true;
+  boost::posix_time::ptime modified;
+  EntryRef ref;
+  std::uint32_t mode = 0; ///< POSIX permission bits; 0 when the archive has none
+};
+
+/// Bytes of a file written in this change set.
+using Content = std::string;
+
+struct Node {
+  std::u16string name;
+  bool folder = false;
+  bool symlink = false;
+  bool writable = true;
+  boost::posix_time::ptime modified;
+  std::map<std::u16string, std::unique_ptr<Node>> children;
+  /// The file's data in the archive as read, unless `content` replaced it.
+  std::optional<EntryRef> entry;
+  std::shared_ptr<Content> content;
+  std::uint32_t mode = 0;
+  /// A folder with an entry of its own (or made here), not only implied by entry paths.
+  bool explicitEntry = false;
+
+  Node() = default;
+  Node(Node const&) = delete;
+  Node& operator=(Node const&) = delete;
+  ~Node();
+
+  std::uint64_t size() const { return content ? content->size() : entry ? entry->size : 0; }
+};
+
+using Segments = std::vector<std::u16string>;
+
+/// An entry that was not put in the tree, and why.
+struct SkippedEntry {
+  std::string name;
+  std::string reason;
+};
+
+/// The tree of an archive. Not synchronised: its archive's lock guards it.
+class Tree {
+public:
+  Tree();
+  /// Builds the tree from entries in archive order; bad names are skipped (see SkippedEntry).
+  explicit Tree(std::vector<RawEntry> const& entries);
+
+  Node& root() { return *root_; }
+  Node const& root() const { return *root_; }
+  Node* find(Segments const& path) const;
+  /// The folder that holds `path`, when it exists and is a folder.
+  Node* findParent(Segments const& path) const;
+  std::vector<SkippedEntry> const& skipped() const { return skipped_; }
+  /// Why the entry at `path` was skipped, when it was.
+  std::optional<std::string> whySkipped(Segments const& path) const;
+  /// The number of files and folders below the root.
+  std::uint64_t count() const;
+
+private:
+  void add(RawEntry const& entry);
+
+  std::unique_ptr<Node> root_;
+  std::vector<SkippedEntry> skipped_;
+};
+
+/// The `/`-separated segments of a resolved path ("/a/b" gives {"a", "b"}).
+Segments segmentsOf(std::u16string const& path);
+/// "/a/b" from {"a", "b"}; "/" for none.
+std::u16string pathOf(Segments const& segments);
+
+enum class Kinds { All, Files, Folders };
+
+/// The children (or, recursively, the descendants, each folder before its contents) of
+/// `folder` whose name matches `pattern` (empty: all).
+std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttributes, std::u16string const& pattern,
+                                 bool recursive);
+
+p::FileAttributes fileAttributesOf(Node const& node);
+p::FolderAttributes folderAttributesOf(Node const& node);
+
+} // namespace foundation::storage::providers::archive::detail

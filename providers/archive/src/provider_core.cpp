@@ -1,0 +1,185 @@
+#include "provider_core.hpp"
+
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <fl/i18n/i18n.hpp>
+
+#include <algorithm>
+#include <exception>
+
+namespace foundation::storage::providers::archive::detail {
+
+namespace {
+
+foundation::log::diagnostic_logger& logger() {
+  static foundation::log::diagnostic_logger instance("foundation.storage.archive");
+  return instance;
+}
+
+/// How many archives enclose this location's archive.
+std::size_t depthOf(p::StorageIRI iri) {
+  std::size_t depth = 0;
+  for (; iri.hasInnerIRI(); iri = iri.getInnerIRI()) ++depth;
+  return depth;
+}
+
+} // namespace
+
+ProviderCore::ProviderCore(std::u16string scheme, std::unique_ptr<ArchiveFormat> format, OuterProviderResolver resolver)
+    : scheme(std::move(scheme)), format(std::move(format)), resolver(std::move(resolver)) {}
+
+Place ProviderCore::locate(p::StorageIRI const& location, char16_t const* op, p::ErrorCode foreign) {
+  if (location.getScheme() != scheme || !location.hasInnerIRI() || !location.hasPath())
+    p::fail(foreign, location, key(op), "not a location inside a " + fl::i18n::to_utf8(scheme) + " archive");
+  p::StorageIRI const file = location.getInnerIRI();
+  Segments path = segmentsOf(location.getResolvedPath());
+  std::shared_ptr<Archive> archive;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) p::fail(p::ErrorCode::IOError, location, key(op), "the archive provider is gone");
+    auto& slot = archives_[file];
+    if (!slot) {
+      auto provider = resolver(file);
+      if (!provider) p::fail(p::ErrorCode::UnsupportedOperation, file, key(op), "no provider serves the archive's location");
+      if (provider.get() == self) provider = std::shared_ptr<p::IProvider>(std::shared_ptr<p::IProvider>(), self);
+      slot = std::make_shared<Archive>(p::StorageItem(std::move(provider), file));
+    }
+    archive = slot;
+  }
+  p::StorageIRI resolved = location.withPath(pathOf(path));
+  return {std::move(archive), std::move(path), std::move(resolved)};
+}
+
+void ProviderCore::refresh(Archive& archive, char16_t const* op) {
+  if (archive.dirty) return;
+  std::optional<p::FileAttributes> now;
+  try {
+    now = archive.file.getFileAttributes();
+  } catch (p::Exception& failure) {
+    if (failure.getErrorCode() != p::ErrorCode::ResourceNotFound)
+      throw failure.addExceptionContext(p::ExceptionContext(key(op), "the archive file cannot be reached"));
+  }
+  if (archive.loaded && archive.seen == now) return;
+  archive.loaded = false;
+  archive.reader.reset();
+  archive.tree = std::make_unique<Tree>();
+  archive.exists = false;
+  archive.seen.reset();
+  if (!now) {
+    archive.loaded = true;
+    return;
+  }
+  std::vector<RawEntry> entries;
+  try {
+    archive.reader = format->open(archive.file, entries);
+  } catch (p::Exception& failure) {
+    throw failure.addExceptionContext(p::ExceptionContext(key(op), "the archive cannot be read"));
+  }
+  archive.tree = std::make_unique<Tree>(entries);
+  for (auto const& skipped : archive.tree->skipped())
+    logger().log(foundation::log::Severity::Warning, "skipped the entry \"" + skipped.name + "\" of " +
+                                                         archive.file.getLocation().toIRI() + ": " + skipped.reason);
+  archive.exists = true;
+  archive.seen = now;
+  archive.loaded = true;
+}
+
+Node* ProviderCore::find(Archive const& archive, Segments const& path) {
+  return archive.exists ? archive.tree->find(path) : nullptr;
+}
+
+void ProviderCore::missing(Place const& place, char16_t const* op, std::string const& what) const {
+  Archive const& archive = *place.archive;
+  if (!archive.exists)
+    p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op),
+            "the archive " + archive.file.getLocation().toIRI() + " does not exist");
+  std::string message = "no such " + what;
+  if (auto reason = archive.tree->whySkipped(place.path)) message += " (the archive's entry was skipped: " + *reason + ")";
+  p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op), message);
+}
+
+void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) const {
+  if (!format->writable())
+    p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
+            fl::i18n::to_utf8(scheme) + " archives are read only");
+}
+
+std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file, p::StorageIRI const& location,
+                                                   char16_t const* op) {
+  if (file.content) return file.content;
+  if (file.size() > maxEditSize)
+    p::fail(p::ErrorCode::FileTooLarge, location, key(op), "the entry is larger than the edit limit (maxEditSize)");
+  auto content = std::make_shared<Content>();
+  try {
+    auto stream = archive.reader->openEntry(*file.entry);
+    content->resize(file.size());
+    std::size_t done = 0;
+    while (done < content->size()) {
+      auto const got = stream->read(content->data() + done, static_cast<std::streamsize>(content->size() - done));
+      if (got <= 0) break;
+      done += static_cast<std::size_t>(got);
+    }
+    char extra;
+    if (done != content->size() || stream->read(&extra, 1) != 0)
+      p::fail(p::ErrorCode::IOError, location, key(op), "the entry's data does not match its declared size");
+  } catch (p::ByteStreamFailure const& failure) {
+    p::fail(failure.getErrorCode(), location, key(op), failure.what());
+  }
+  file.content = content;
+  file.entry.reset();
+  return content;
+}
+
+void ProviderCore::commit(Archive& archive) {
+  std::lock_guard lock(*archive.lock);
+  if (!archive.dirty) return;
+  try {
+    format->write(archive.file, *archive.tree, archive.reader.get());
+  } catch (p::Exception& failure) {
+    throw failure.addExceptionContext(p::ExceptionContext(key(u"commit"), "the archive was left as it was"));
+  }
+  archive.dirty = false;
+  if (archive.openWriters == 0) {
+    // Read back on next use: the entries now lie where the new archive put them.
+    archive.loaded = false;
+    archive.seen.reset();
+    return;
+  }
+  // Open write streams hold the tree's contents: keep the tree (its entries still read from
+  // the previous archive) and take the new file as the one read.
+  try {
+    archive.seen = archive.file.getFileAttributes();
+  } catch (p::Exception const&) {
+    archive.seen.reset();
+  }
+}
+
+void ProviderCore::close() {
+  std::lock_guard lock(mutex_);
+  closed_ = true;
+  archives_.clear();
+  self = nullptr;
+}
+
+void ProviderCore::commitAll() {
+  std::vector<std::shared_ptr<Archive>> all;
+  {
+    std::lock_guard lock(mutex_);
+    for (auto const& [file, archive] : archives_) all.push_back(archive);
+  }
+  std::stable_sort(all.begin(), all.end(), [](auto const& a, auto const& b) {
+    return depthOf(a->file.getLocation()) > depthOf(b->file.getLocation());
+  });
+  std::exception_ptr first;
+  for (auto const& archive : all) {
+    try {
+      commit(*archive);
+    } catch (std::exception const& failure) {
+      logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
+      if (!first) first = std::current_exception();
+    }
+  }
+  if (first) std::rethrow_exception(first);
+}
+
+} // namespace foundation::storage::providers::archive::detail

@@ -1,0 +1,69 @@
+#include "../support/item_io.hpp"
+
+#include <foundation/storage/providers/archive/archive_provider.hpp>
+#include <foundation/storage/providers/memory/memory_provider.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fl/i18n/i18n.hpp>
+
+#include <atomic>
+#include <thread>
+
+namespace p = foundation::storage::provider;
+using foundation::storage::providers::archive::ZipProvider;
+using foundation::storage::providers::memory::MemoryProvider;
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
+namespace {
+
+std::u16string name(int writer, int file) {
+  return fl::i18n::to_ustring("w" + std::to_string(writer) + "/" + std::to_string(file) + ".txt");
+}
+
+std::string content(int writer, int file) { return std::to_string(writer) + ":" + std::to_string(file); }
+
+} // namespace
+
+// Writers (through in-place and transactional streams), a reader and commits in between:
+// nothing written is lost, and what was committed last holds it all.
+TEST(ArchiveConcurrency, WritersReadersAndCommitsInterleaveWithoutLosingWrites) {
+  auto memory = std::make_shared<MemoryProvider>();
+  auto zip = std::make_shared<ZipProvider>([memory](p::StorageIRI const&) { return memory; });
+  p::StorageItem const root(zip, p::StorageIRI(u"zip:mem:///c.zip!/"));
+  root.createFolder();
+  constexpr int writers = 2, files = 40;
+  for (int w = 0; w < writers; ++w) p::StorageItem(root, name(w, 0)).getParent().createFolder();
+
+  std::atomic<int> done{0};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < writers; ++w)
+    threads.emplace_back([&, w] {
+      for (int f = 0; f < files; ++f) {
+        p::StorageItem const file(root, name(w, f));
+        if (f % 2) {
+          writeFile(file, content(w, f));
+        } else {
+          auto stream = file.openTransactionalStream(replaceAll);
+          stream->write(content(w, f).data(), static_cast<std::streamsize>(content(w, f).size()));
+          stream->close();
+        }
+      }
+      ++done;
+    });
+  threads.emplace_back([&] {
+    while (done < writers) {
+      for (auto cursor = root.listAllRecursive(u""); cursor->hasNext();) cursor->next();
+      zip->flushFilesystem();
+    }
+  });
+  for (auto& thread : threads) thread.join();
+  zip->flushFilesystem();
+
+  auto fresh = std::make_shared<ZipProvider>([memory](p::StorageIRI const&) { return memory; });
+  for (int w = 0; w < writers; ++w)
+    for (int f = 0; f < files; ++f)
+      EXPECT_EQ(readFile(p::StorageItem(fresh, p::StorageIRI(root.getLocation(), name(w, f)))), content(w, f));
+}
