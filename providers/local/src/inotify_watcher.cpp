@@ -165,9 +165,9 @@ struct InotifyWatcher::Impl {
   void open(p::StorageIRI const& location) {
     if (fd >= 0) return;
     fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0) throw p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno));
+    if (fd < 0) p::raise(p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno)));
     if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0)
-      throw p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno));
+      p::raise(p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno)));
   }
 
   /// Watches a folder (once, however many subscriptions need it); 0 or errno.
@@ -468,7 +468,7 @@ void InotifyWatcher::watch(p::StorageIRI const& location, std::string const& pat
     }
     if (error != 0) {
       impl_->pruneWatches();
-      throw p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error));
+      p::raise(p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error)));
     }
   }
   // Snapshot after the watches are in place: a change in between is seen by both.
@@ -501,7 +501,7 @@ InotifyWatcher::~InotifyWatcher() = default;
 
 void InotifyWatcher::watch(provider::StorageIRI const& location, std::string const&, bool, bool,
                            provider::ChangeCallback, std::vector<events::Kind>) {
-  throw provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead");
+  provider::raise(provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead"));
 }
 
 void InotifyWatcher::unwatch(provider::StorageIRI const&) {}

@@ -578,7 +578,7 @@ void MemoryProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallb
   {
     ReadLock lock(tree_->mutex);
     NodePtr node = tree_->find(names);
-    if (!node || node->isFolder) throw p::ChangeEventsSubscriptionException(file, "no such file");
+    if (!node || node->isFolder) p::raise(p::ChangeEventsSubscriptionException(file, "no such file"));
     location = tree_->canonical(names);
   }
   tree_->watches.add(tree_->pathKey(location), file, false, false, kinds, std::move(callback));
@@ -596,7 +596,7 @@ void MemoryProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeC
   {
     ReadLock lock(tree_->mutex);
     NodePtr node = tree_->find(names);
-    if (!node || !node->isFolder) throw p::ChangeEventsSubscriptionException(folder, "no such folder");
+    if (!node || !node->isFolder) p::raise(p::ChangeEventsSubscriptionException(folder, "no such folder"));
     location = tree_->canonical(names);
   }
   tree_->watches.add(tree_->pathKey(location), folder, true, recursive == p::RecursiveWatching::Yes, kinds,

@@ -23,10 +23,10 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::stream
   } else if (way == std::ios_base::end) {
     base = static_cast<std::int64_t>(size);
   } else if (way != std::ios_base::beg) {
-    throw p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation));
   }
   if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
-    throw p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation));
   return static_cast<std::uint64_t>(base + off);
 }
 
@@ -38,7 +38,7 @@ MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::
 }
 
 std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::shared_lock lock(tree_->mutex);
   std::streamsize count = copyOut(*data_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
@@ -46,7 +46,7 @@ std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
-  if (!mode_.write) throw p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied);
+  if (!mode_.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
   std::unique_lock lock(tree_->mutex);
   std::uint64_t const at = mode_.append ? data_->size() : position_;
   std::uint64_t const end = at + static_cast<std::uint64_t>(n);
@@ -55,7 +55,7 @@ std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
     try {
       if (current) tree_->account(*file_, data_->size(), end, location_);
     } catch (p::Exception const& e) {
-      throw p::ByteStreamWriteFailure(e.what(), e.getErrorCode());
+      p::raise(p::ByteStreamWriteFailure(e.what(), e.getErrorCode()));
     }
     data_->resize(end);
   }
@@ -95,7 +95,7 @@ MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree,
 MemoryTransactionalStream::~MemoryTransactionalStream() = default;
 
 std::streamsize MemoryTransactionalStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::streamsize count = copyOut(buffer_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
   return count;
@@ -109,7 +109,7 @@ std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsiz
     std::shared_lock lock(tree_->mutex); // the limit may be reconfigured meanwhile
     maxFileSize = tree_->maxFileSize;
   }
-  if (end > maxFileSize) throw p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge);
+  if (end > maxFileSize) p::raise(p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge));
   if (end > buffer_.size()) buffer_.resize(end);
   std::memcpy(buffer_.data() + at, s, static_cast<std::size_t>(n));
   position_ = end;
@@ -129,7 +129,7 @@ void MemoryTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
   try {
     commit();
   } catch (p::Exception const& e) {
-    throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
+    p::raise(p::ByteStreamCloseFailure(e.what(), e.getErrorCode()));
   }
 }
 
