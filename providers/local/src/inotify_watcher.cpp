@@ -41,6 +41,16 @@ struct ItemState {
 /// Absolute path to what was last seen there.
 using Snapshot = std::map<std::string, ItemState>;
 
+/// Forgets `path` and everything below it. The paths below one are a single range of the
+/// ordered snapshot (those starting with "path/"), so a removal costs its own entries only.
+void forget(Snapshot& snapshot, std::string const& path) {
+  snapshot.erase(path);
+  std::string const below = path == "/" ? path : path + "/";
+  std::string pastBelow = below;
+  pastBelow.back() = '/' + 1;
+  snapshot.erase(snapshot.lower_bound(below), snapshot.lower_bound(pastBelow));
+}
+
 bool operator!=(timespec const& a, timespec const& b) { return a.tv_sec != b.tv_sec || a.tv_nsec != b.tv_nsec; }
 
 std::string parentOf(std::string const& path) {
@@ -219,9 +229,9 @@ struct InotifyWatcher::Impl {
       // Already reported when its folder was taken in (the kernel may report it as well).
       if (kind == events::Kind::Created && s->snapshot.contains(path)) continue;
       // Keep what the subscription knows in step, for rescans after an overflow.
-      if (!renamedFrom.empty()) std::erase_if(s->snapshot, [&](auto const& e) { return e.first == renamedFrom || isBelow(e.first, renamedFrom); });
+      if (!renamedFrom.empty()) forget(s->snapshot, renamedFrom);
       if (kind == events::Kind::Removed) {
-        std::erase_if(s->snapshot, [&](auto const& e) { return e.first == path || isBelow(e.first, path); });
+        forget(s->snapshot, path);
       } else if (s->covers(path)) {
         // The event says the item is there; its size and time are read when still possible
         // (it may be gone again by the time the event is handled).
@@ -418,14 +428,13 @@ struct InotifyWatcher::Impl {
           while (::read(wake[0], drain, sizeof drain) > 0) {
           }
         }
-        for (;;) {
-          ssize_t got = ::read(fd, buffer, sizeof buffer);
-          if (got <= 0) break;
-          for (ssize_t offset = 0; offset < got;) {
-            auto const* event = reinterpret_cast<inotify_event const*>(buffer + offset);
-            handle(*event, pending, deliveries);
-            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-          }
+        // One buffer per turn: subscribing and unsubscribing get the lock between the turns
+        // of a long burst, and its first changes are delivered while the rest is read.
+        ssize_t got = ::read(fd, buffer, sizeof buffer);
+        for (ssize_t offset = 0; offset < got;) {
+          auto const* event = reinterpret_cast<inotify_event const*>(buffer + offset);
+          handle(*event, pending, deliveries);
+          offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
       }
       for (auto& d : deliveries) {

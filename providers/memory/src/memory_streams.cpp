@@ -78,12 +78,8 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
 
 void MemoryByteStream::doClose() {
   if (!modified_) return;
-  bool current = false;
-  {
-    std::shared_lock lock(tree_->mutex);
-    current = isCurrent();
-  }
-  if (current) tree_->notify({{events::Kind::Modified, location_, events::EntryType::File, {}}});
+  WriteScope scope(*tree_); // reported in the order of the tree's other changes
+  if (isCurrent()) scope.changes.push_back({events::Kind::Modified, location_, events::EntryType::File, {}});
 }
 
 MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree, p::StorageIRI location,
@@ -134,9 +130,9 @@ void MemoryTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
 }
 
 void MemoryTransactionalStream::commit() {
-  std::vector<Change> changes;
   {
-    std::unique_lock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     Names names = tree_->namesOf(location_, u"commit");
     NodePtr file = tree_->find(names);
     if (file && file->isFolder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
@@ -159,7 +155,6 @@ void MemoryTransactionalStream::commit() {
       changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
     }
   }
-  tree_->notify(changes);
 }
 
 } // namespace foundation::storage::providers::memory::detail
