@@ -61,7 +61,8 @@ private:
   Source source_;
 };
 
-/// `system.buildProvider(iri)` with every failure translated to the library's exceptions.
+/// `system.buildProvider(iri)` with every failure translated to the library's exceptions;
+/// never empty: a system that yields no provider throws UnsupportedIRISchemeException.
 FOUNDATION_API std::shared_ptr<provider::IProvider> buildProvider(StorageSystem const& system,
                                                                   provider::StorageIRI const& iri);
 FOUNDATION_API boost::shared_ptr<msg_svc::eventmgr::EventMgr> getEventMgr(StorageSystem const& system);

@@ -3,6 +3,7 @@
 
 #include "core/logger.hpp"
 #include "errors/guard.hpp"
+#include "errors/invalid_iri.hpp"
 
 #include <foundation/core/except/exception.hpp>
 
@@ -18,7 +19,7 @@ namespace foundation::storage::vfs {
 
 namespace {
 
-using InvalidIRI = core::except::detail::AnonymousInternalException<InvalidIRIException>;
+using detail::InvalidIRI;
 
 /// InvalidIRIException for `text`, with the exception in flight nested in it.
 [[noreturn]] void invalidWithCause(std::u16string const& text) {

@@ -52,13 +52,17 @@ boost::shared_ptr<msg_svc::eventmgr::EventMgr> StorageSystemReference::getEventM
 }
 
 bool operator==(StorageSystemReference const& a, StorageSystemReference const& b) {
-  StorageSystem const* first = a.source_().get();
-  StorageSystem const* second = b.source_().get();
+  // Both are held until compared: a system released early could leave its address to the other.
+  auto const first = a.source_();
+  auto const second = b.source_();
   return first == second;
 }
 
 std::shared_ptr<provider::IProvider> buildProvider(StorageSystem const& system, provider::StorageIRI const& iri) {
-  return detail::guarded([&] { return system.buildProvider(iri); });
+  auto provider = detail::guarded([&] { return system.buildProvider(iri); });
+  // No provider is the system's way of saying that none serves the location.
+  if (!provider) throw UnsupportedIRISchemeException(iri.getScheme());
+  return provider;
 }
 
 boost::shared_ptr<msg_svc::eventmgr::EventMgr> getEventMgr(StorageSystem const& system) { return system.getEventMgr(); }

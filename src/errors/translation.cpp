@@ -1,4 +1,6 @@
-#include <vfs/exceptions.hpp>
+#include "errors/invalid_iri.hpp"
+
+#include <fl/i18n/i18n.hpp>
 
 #include <boost/exception/diagnostic_information.hpp>
 #include <boost/exception/errinfo_nested_exception.hpp>
@@ -23,6 +25,11 @@ void handleException() {
   try {
     throw;
   } catch (provider::Exception const& failure) {
+    // Without a location there is no library Exception to build; the text and the nested
+    // failure keep its code, location and contexts.
+    if (!failure.getStorageIRI().hasPath())
+      throw detail::InvalidIRI(fl::i18n::to_ustring(failure.what()))
+          << boost::errinfo_nested_exception(failure.copyAsExceptionPtr());
     AbsoluteIRI const location(failure.getStorageIRI(), true);
     auto const code = failure.getErrorCode();
     if (code == provider::ErrorCode::InternalError || code == provider::ErrorCode::Unknown)

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -88,4 +89,43 @@ TEST_F(LocalWatcherConcurrency, SubscribersMayUnsubscribeFromTheirOwnCallback) {
   for (int i = 0; i < 200 && calls == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(LocalWatcherConcurrency, DeliversABurstOfRemovalsAndLetsOthersSubscribeMeanwhile) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "its time bound separates linear from quadratic work only without instrumentation";
+#endif
+  // In memory where there is a tmpfs: what is tested is the watcher, not how fast a disk
+  // creates 40,000 files.
+  std::error_code noShm;
+  testsupport::TemporaryFolder const folder("vfs-burst", fs::is_directory("/dev/shm", noShm) ? fs::path("/dev/shm") : fs::temp_directory_path());
+  auto at = [&](std::string const& relative) {
+    return p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(folder.path() / relative)));
+  };
+  constexpr int files = 40000;
+  fs::create_directories(folder.path() / "burst");
+  fs::create_directories(folder.path() / "unrelated");
+  for (int i = 0; i < files; ++i) std::ofstream(folder.path() / "burst" / ("f" + std::to_string(i)));
+  std::mutex mutex;
+  std::condition_variable arrived;
+  std::set<std::string> removed;
+  at("burst").publishFolderEvents(
+      [&](events::Kind const& kind, auto const&, p::StorageIRI const& changed, auto const&, auto) {
+        if (kind != events::Kind::Removed) return;
+        std::lock_guard lock(mutex);
+        removed.insert(changed.toIRI());
+        arrived.notify_all();
+      },
+      {}, p::RecursiveWatching::No);
+  for (int i = 0; i < files; ++i) fs::remove(folder.path() / "burst" / ("f" + std::to_string(i)));
+  // Taking in another folder waits for a turn of the watcher, not for the whole burst.
+  at("unrelated").publishFolderEvents([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+                                      p::RecursiveWatching::No);
+  std::unique_lock lock(mutex);
+  // Generous: a watcher that goes through all it knows for every removal needs far longer.
+  EXPECT_TRUE(arrived.wait_for(lock, std::chrono::seconds(15), [&] { return removed.size() == files; }))
+      << removed.size() << " of " << files << " removals delivered";
+  lock.unlock();
+  at("burst").stopPublishingFolderEvents();
+  at("unrelated").stopPublishingFolderEvents();
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -59,6 +60,67 @@ TEST(MemoryConcurrency, ThreadsWorkingOnOneTreeLoseNothing) {
   }
   EXPECT_EQ(files, static_cast<std::size_t>(threads * (filesEach - filesEach / 5)));
   EXPECT_GT(changes.load(), threads * filesEach);
+}
+
+TEST(MemoryConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  std::mutex mutex;
+  std::vector<events::Kind> kinds;
+  at(provider, u"").publishFolderEvents(
+      [&](events::Kind const& kind, auto const&, auto const&, auto const&, auto) {
+        std::lock_guard lock(mutex);
+        kinds.push_back(kind);
+      },
+      {}, p::RecursiveWatching::No);
+  auto file = at(provider, u"contested");
+  auto race = [&] {
+    for (int i = 0; i < 5000; ++i) {
+      try {
+        if (i % 2 == 0) {
+          file.createFile();
+        } else {
+          file.removeFile();
+        }
+      } catch (p::Exception const&) {
+        // the other thread got there first
+      }
+    }
+  };
+  std::thread first(race), second(race);
+  first.join();
+  second.join();
+  // Rebuilt from the events, the file's state must alternate and end as the tree does.
+  std::lock_guard lock(mutex);
+  ASSERT_FALSE(kinds.empty());
+  for (std::size_t i = 0; i < kinds.size(); ++i)
+    ASSERT_EQ(kinds[i], i % 2 == 0 ? events::Kind::Created : events::Kind::Removed) << "event " << i << " of " << kinds.size();
+  EXPECT_EQ(kinds.back() == events::Kind::Created, file.exists() == p::ExistsResult::File);
+}
+
+TEST(MemoryConcurrency, AWriterGetsInBetweenListingsThatNeverPause) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  for (int f = 0; f < 500; ++f) at(provider, u"tree/f" + std::u16string(1, char16_t(u'A' + f % 26)) + std::u16string(1, char16_t(u'a' + f / 26))).createFolderRecursive();
+  std::atomic<bool> done{false};
+  std::atomic<int> listings{0};
+  std::vector<std::thread> listers;
+  for (int t = 0; t < 4; ++t)
+    listers.emplace_back([&] {
+      while (!done) {
+        for (auto cursor = at(provider, u"tree").listAllRecursive(u""); cursor->hasNext();) cursor->next();
+        ++listings;
+      }
+    });
+  while (listings < 4) std::this_thread::yield();
+  // A waiting writer lets no new listing start: each write waits for those under way only.
+  constexpr int writes = 20;
+  int const before = listings;
+  auto file = at(provider, u"tree/written");
+  file.createFile();
+  for (int i = 1; i <= writes; ++i) file.truncateToSize(static_cast<std::uint64_t>(i));
+  int const during = listings - before;
+  done = true;
+  for (auto& t : listers) t.join();
+  EXPECT_LE(during, 4 * 2 * (writes + 1)) << "listings completed while " << writes << " writes waited";
 }
 
 TEST(MemoryConcurrency, ReadersDuringCommitsSeeOldOrNewContentsNeverAMix) {

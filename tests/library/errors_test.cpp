@@ -165,4 +165,37 @@ TEST_P(Translation, TurnsStreamFailuresIntoIOExceptionsAndLetsOthersPass) {
   EXPECT_THROW(translated([] { throw vfs::Exception(ErrorCode::IOError, vfs::AbsoluteIRI(u"mem:///x")); }), vfs::Exception);
 }
 
+TEST_P(Translation, NamesALocationForEveryProviderFailure) {
+  // The forwarding base asks for a feature without a location; the item that asked is named.
+  h.folder(u"d").createFolder();
+  h.faults->failOn(Operation::HasFeature, p::StorageIRI(), p::ErrorCode::IOError, {p::ExceptionContext(u"probe", "down")}, 1);
+  try {
+    h.folder(u"d").removeFolder(vfs::FolderRemovalPolicy::Recursive);
+    ADD_FAILURE() << "the failing feature question was not reported";
+  } catch (vfs::Exception const& e) {
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
+    EXPECT_EQ(e.getLocation(), h.at(u"d"));
+    EXPECT_EQ(e.getExceptionContextsString(), u"probe");
+  }
+  EXPECT_TRUE(h.folder(u"d").folderExists());
+
+  // A failure that names no location still says what failed and carries it.
+  try {
+    translated([] { p::fail(p::ErrorCode::NoSpaceLeft, p::StorageIRI(), u"probe", "disk full"); });
+    ADD_FAILURE() << "nothing thrown";
+  } catch (vfs::InvalidIRIException const& e) {
+    std::string const text = fl::i18n::to_utf8(e.getInvalidIRIString());
+    EXPECT_NE(text.find("disk full"), std::string::npos) << text;
+    auto const* boostPart = dynamic_cast<boost::exception const*>(&e);
+    ASSERT_NE(boostPart, nullptr);
+    auto const* nested = boost::get_error_info<boost::errinfo_nested_exception>(*boostPart);
+    ASSERT_NE(nested, nullptr);
+    try {
+      boost::rethrow_exception(*nested);
+    } catch (p::Exception const& cause) {
+      EXPECT_EQ(cause.getErrorCode(), p::ErrorCode::NoSpaceLeft);
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Providers, Translation, ::testing::Values("mem", "file"));

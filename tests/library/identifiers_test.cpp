@@ -6,32 +6,55 @@
 #include <boost/exception/get_error_info.hpp>
 
 #include <filesystem>
+#include <optional>
 #include <unordered_set>
 
 using namespace harness;
 
 namespace {
 
-/// The text an InvalidIRIException carries, and whether a cause is nested in it.
-std::pair<std::u16string, bool> invalidIRI(std::function<void()> const& f) {
+/// What an InvalidIRIException carries: its text, and the provider failure nested in it
+/// (its code and innermost message), rethrown as what the provider threw.
+struct Invalid {
+  std::u16string text;
+  std::optional<p::ErrorCode> cause;
+  std::string causeMessage;
+  bool operator==(Invalid const&) const = default;
+};
+
+Invalid invalidIRI(std::function<void()> const& f) {
   try {
     f();
   } catch (vfs::InvalidIRIException const& e) {
+    Invalid result{e.getInvalidIRIString(), std::nullopt, {}};
     auto const* boostPart = dynamic_cast<boost::exception const*>(&e);
-    bool nested = boostPart && boost::get_error_info<boost::errinfo_nested_exception>(*boostPart);
-    return {e.getInvalidIRIString(), nested};
+    auto const* nested = boostPart ? boost::get_error_info<boost::errinfo_nested_exception>(*boostPart) : nullptr;
+    if (!nested) return result;
+    try {
+      boost::rethrow_exception(*nested);
+    } catch (p::Exception const& cause) {
+      result.cause = cause.getErrorCode();
+      result.causeMessage = cause.getAllExceptionContexts().front().getMessage();
+    } catch (...) {
+      result.causeMessage = "(not the provider's exception)";
+    }
+    return result;
   }
-  return {u"(nothing thrown)", false};
+  return {u"(nothing thrown)", std::nullopt, {}};
 }
 
 } // namespace
 
-TEST(AbsoluteIRI, RequiresAPathAndReportsTheTextThatFailed) {
-  EXPECT_EQ(invalidIRI([] { vfs::AbsoluteIRI(u"not an iri"); }), std::make_pair(std::u16string(u"not an iri"), true));
-  EXPECT_EQ(invalidIRI([] { vfs::AbsoluteIRI(u"S3://Bucket"); }), std::make_pair(std::u16string(u"s3://bucket"), false));
+TEST(AbsoluteIRI, RequiresAPathAndNestsTheProvidersFailure) {
+  auto const invalid = p::ErrorCode::InvalidLocation;
+  Invalid const unparsable = invalidIRI([] { vfs::AbsoluteIRI(u"not an iri"); });
+  EXPECT_EQ(unparsable.text, u"not an iri");
+  EXPECT_EQ(unparsable.cause, invalid);
+  EXPECT_NE(unparsable.causeMessage.find("not an iri"), std::string::npos) << unparsable.causeMessage;
+  EXPECT_EQ(invalidIRI([] { vfs::AbsoluteIRI(u"S3://Bucket"); }), (Invalid{u"s3://bucket", std::nullopt, {}}));
   EXPECT_NO_THROW(vfs::AbsoluteIRI(p::StorageIRI(u"s3://bucket"), false));
   EXPECT_EQ(invalidIRI([] { vfs::toAbsoluteIRI(u"file", fl::filesystem::path("relative/path")); }),
-            std::make_pair(std::u16string(u"file"), true));
+            (Invalid{u"file", invalid, "not an absolute path: \"relative/path\""}));
   // The anonymous wrapper is still a std::exception handler's business.
   EXPECT_THROW(vfs::AbsoluteIRI(u"::"), std::exception);
 }
@@ -56,7 +79,7 @@ TEST(AbsoluteIRI, ForwardsToTheProvidersValueAndComparesTextExactly) {
   vfs::AbsoluteIRI nested(u"zip", vfs::AbsoluteIRI(u"file:///a.zip"), u"/dir/x");
   EXPECT_EQ(nested.toString(), u"zip:file:///a.zip!/dir/x");
   EXPECT_EQ(nested.getInnerIRI(), vfs::AbsoluteIRI(u"file:///a.zip"));
-  EXPECT_EQ(invalidIRI([] { vfs::AbsoluteIRI(u"zip:s3://bucket!/x").getInnerIRI(); }).first, u"s3://bucket");
+  EXPECT_EQ(invalidIRI([] { vfs::AbsoluteIRI(u"zip:s3://bucket!/x").getInnerIRI(); }).text, u"s3://bucket");
   EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::AbsoluteIRI(u"file:///tmp/a%20b")).string(), "/tmp/a b");
   vfs::CanonicalAbsoluteIRI canonical(u"file:///tmp/x");
   vfs::CanonicalAbsoluteIRI parent = canonical.getParent();
@@ -64,6 +87,16 @@ TEST(AbsoluteIRI, ForwardsToTheProvidersValueAndComparesTextExactly) {
 }
 
 TEST(AbsoluteIRI, CanonicalFormLetsProviderFailuresThrough) {
+  // A name that is not UTF-8 has no location of its own; the failure names the nearest one.
+  try {
+    vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path(std::string("/tmp/bad\xFFname")));
+    ADD_FAILURE() << "a path that is not UTF-8 was accepted";
+  } catch (vfs::Exception const& e) {
+    EXPECT_EQ(e.getErrorCode(), vfs::ErrorCode::InvalidLocation);
+    EXPECT_EQ(e.getLocation(), vfs::AbsoluteIRI(u"file:///tmp/badname"));
+    EXPECT_EQ(e.getExceptionContextsString(), u"iri.fromPath");
+    EXPECT_NE(e.topExceptionContext()->getMessage().find("bad\\xFFname"), std::string::npos);
+  }
   EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceNotFound,
                    vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path("/no/such/place/anywhere")));
   EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceNotFound, vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path("no-such-relative")));

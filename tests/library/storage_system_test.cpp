@@ -85,3 +85,32 @@ TEST(StandardStorageSystem, ReusesOneProviderPerSchemeAndAuthority) {
   EXPECT_NO_THROW(vfs::buildProvider(*system, p::StorageIRI(u"zip:file:///a.zip!/dir")));
   EXPECT_TRUE(system->getEventMgr());
 }
+
+namespace {
+
+/// A system that serves nothing: it yields no provider at all.
+class WithoutProviders final : public vfs::StorageSystem {
+public:
+  void shutdown() const override {}
+  std::shared_ptr<p::IProvider> buildProvider(p::StorageIRI const&) const override { return nullptr; }
+};
+
+} // namespace
+
+TEST(StorageSystemReference, ComparesSystemsThatItsSourcesYieldWhileBothLive) {
+  // Each call builds a new system: two of them are never the same one, even when the memory
+  // of the first would be reused for the second.
+  vfs::StorageSystemReference::Source const fresh = [] { return std::make_shared<WithoutProviders>(); };
+  vfs::StorageSystemReference a(fresh), b(fresh);
+  EXPECT_FALSE(a == b);
+  EXPECT_TRUE(a != b);
+}
+
+TEST(StorageSystemReference, ASystemWithoutAProviderGivesTheLibrarysException) {
+  auto system = std::make_shared<WithoutProviders>();
+  vfs::StorageSystemReference reference{std::weak_ptr<vfs::StorageSystem>(system)};
+  vfs::AbsoluteIRI const location(u"mem:///x");
+  EXPECT_THROW(vfs::File(location, reference), vfs::UnsupportedIRISchemeException);
+  EXPECT_THROW(vfs::Folder(location, reference), vfs::UnsupportedIRISchemeException);
+  EXPECT_THROW(vfs::exists(location, reference), vfs::UnsupportedIRISchemeException);
+}

@@ -157,3 +157,37 @@ TEST_F(MemoryProviderTest, ShutdownEndsEveryWatch) {
   item(u"x").createFile();
   EXPECT_FALSE(log.waitFor(1, std::chrono::milliseconds(30)));
 }
+
+TEST_F(MemoryProviderTest, CreatesListsAndRemovesAChainFortyThousandDeep) {
+  std::u16string path = u"deep";
+  for (int level = 1; level < 40000; ++level) path += u"/d";
+  item(path).createFolderRecursive();
+  EXPECT_EQ(item(path).exists(), p::ExistsResult::Folder);
+  std::size_t listed = 0;
+  for (auto cursor = item(path.substr(0, path.size() - 2 * 100)).listAllRecursiveNamesOnly(u""); cursor->hasNext(); cursor->next())
+    ++listed;
+  EXPECT_EQ(listed, 100u);
+  item(u"deep").removeFolderRecursively();
+  EXPECT_EQ(item(u"deep").exists(), p::ExistsResult::NotFound);
+  item(path).createFolderRecursive();
+  provider_.reset(); // a deep tree goes with its provider
+}
+
+TEST_F(MemoryProviderTest, ReportsChangesMadeByACallbackAfterTheChangeThatCausedThem) {
+  EventLog log;
+  item(u"").publishFolderEvents(
+      [&, record = log.callback()](events::Kind const& kind, p::StorageIRI const& watched, p::StorageIRI const& changed,
+                                   events::EntryType const& type, boost::property_tree::ptree extra) {
+        record(kind, watched, changed, type, extra);
+        if (changed == p::StorageIRI(u"mem:///a")) item(u"b").createFile(); // on the delivering thread
+      },
+      {}, p::RecursiveWatching::Yes);
+  item(u"a").createFile();
+  // Delivered before the call returns, in the order of the changes.
+  std::vector<std::u16string> created;
+  for (auto const& r : log.records()) created.push_back(r.item);
+  EXPECT_EQ(created, (std::vector<std::u16string>{u"mem:///a", u"mem:///b"}));
+  item(u"c/d").createFolderRecursive();
+  EXPECT_EQ(log.records().size(), 4u);
+  EXPECT_EQ(log.records().back().item, u"mem:///c/d");
+}

@@ -1,7 +1,7 @@
 #pragma once
 
-// A fresh folder under the system's temporary folder, removed with everything in it when
-// the last copy goes.
+// A fresh folder under the system's temporary folder (or under `base`), removed with
+// everything in it when the last copy goes.
 
 #include <filesystem>
 #include <memory>
@@ -14,8 +14,9 @@ namespace testsupport {
 
 class TemporaryFolder {
 public:
-  explicit TemporaryFolder(std::string const& prefix = "vfs-test") {
-    std::string folder = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
+  explicit TemporaryFolder(std::string const& prefix = "vfs-test",
+                           std::filesystem::path const& base = std::filesystem::temp_directory_path()) {
+    std::string folder = (base / (prefix + "-XXXXXX")).string();
     if (!::mkdtemp(folder.data())) throw std::runtime_error("mkdtemp failed for " + folder);
     path_ = std::shared_ptr<std::filesystem::path const>(new std::filesystem::path(folder), [](auto* path) {
       std::error_code ignored;

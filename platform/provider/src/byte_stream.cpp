@@ -6,19 +6,19 @@ namespace foundation::storage::provider {
 ByteStream::~ByteStream() = default;
 
 std::streamsize ByteStream::read(char* s, std::streamsize n) {
-  if (closed_) throw ByteStreamReadFailure("read on a closed stream", ErrorCode::InvalidLocation);
-  if (n < 0) throw ByteStreamReadFailure("negative read size", ErrorCode::InvalidLocation);
+  if (closed_) raise(ByteStreamReadFailure("read on a closed stream", ErrorCode::InvalidLocation));
+  if (n < 0) raise(ByteStreamReadFailure("negative read size", ErrorCode::InvalidLocation));
   return n == 0 ? 0 : doRead(s, n);
 }
 
 std::streamsize ByteStream::write(char const* s, std::streamsize n) {
-  if (closed_) throw ByteStreamWriteFailure("write on a closed stream", ErrorCode::InvalidLocation);
-  if (n < 0) throw ByteStreamWriteFailure("negative write size", ErrorCode::InvalidLocation);
+  if (closed_) raise(ByteStreamWriteFailure("write on a closed stream", ErrorCode::InvalidLocation));
+  if (n < 0) raise(ByteStreamWriteFailure("negative write size", ErrorCode::InvalidLocation));
   return n == 0 ? 0 : doWrite(s, n);
 }
 
 std::streampos ByteStream::seek(std::streamoff off, std::ios_base::seekdir way) {
-  if (closed_) throw ByteStreamSeekFailure("seek on a closed stream", ErrorCode::InvalidLocation);
+  if (closed_) raise(ByteStreamSeekFailure("seek on a closed stream", ErrorCode::InvalidLocation));
   return doSeek(off, way);
 }
 
@@ -31,7 +31,7 @@ void ByteStream::close() {
 void TransactionalStream::close(StreamClosePolicy const& policy) {
   if (isClosed()) return;
   if (static_cast<std::uint32_t>(policy) > static_cast<std::uint32_t>(StreamClosePolicy::CommitWithoutReplacing))
-    throw ByteStreamCloseFailure("unknown close policy", ErrorCode::InvalidLocation);
+    raise(ByteStreamCloseFailure("unknown close policy", ErrorCode::InvalidLocation));
   doClose(policy);
   markClosed();
 }

@@ -197,7 +197,7 @@ ChangePollingWatcher::~ChangePollingWatcher() { stopAll(); }
 
 void ChangePollingWatcher::start(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> kinds,
                                  std::chrono::milliseconds interval, RecursivePolling recursive) {
-  if (!callback) throw ChangeEventsSubscriptionException(folder, "no callback");
+  if (!callback) raise(ChangeEventsSubscriptionException(folder, "no callback"));
   auto s = std::make_shared<Impl::Subscription>();
   s->folder = folder;
   s->callback = std::move(callback);
@@ -207,7 +207,7 @@ void ChangePollingWatcher::start(StorageIRI const& folder, ChangeCallback callba
   try {
     s->snapshot = takeSnapshot(impl_->provider, folder, s->recursive);
   } catch (Exception const& e) {
-    throw ChangeEventsSubscriptionException(folder, e.what());
+    raise(ChangeEventsSubscriptionException(folder, e.what()));
   }
   s->due = Clock::now() + s->interval;
   std::unique_lock lock(impl_->mutex);

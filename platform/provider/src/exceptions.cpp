@@ -65,7 +65,7 @@ ByteStreamSeekFailure::~ByteStreamSeekFailure() = default;
 ByteStreamCloseFailure::~ByteStreamCloseFailure() = default;
 
 void fail(ErrorCode code, StorageIRI const& location, std::u16string key, std::string message) {
-  throw Exception(code, location, ExceptionContext(std::move(key), std::move(message)));
+  raise(Exception(code, location, ExceptionContext(std::move(key), std::move(message))));
 }
 
 } // namespace foundation::storage::provider

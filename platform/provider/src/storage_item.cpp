@@ -83,7 +83,17 @@ std::unique_ptr<IFolderEntryIterator> StorageItem::listAllRecursive(std::u16stri
   return provider_->listAllRecursive(location_, pattern);
 }
 
-bool StorageItem::hasFeature(ExtendedFeature feature) const { return provider_->hasFeature(feature); }
+bool StorageItem::hasFeature(ExtendedFeature feature) const {
+  try {
+    return provider_->hasFeature(feature);
+  } catch (Exception const& failure) {
+    if (failure.getStorageIRI().hasPath()) throw;
+    // The question names no location; the failure is reported for the item that asked.
+    Exception named(failure.getErrorCode(), location_);
+    for (auto const& context : failure.getAllExceptionContexts()) named.addExceptionContext(context);
+    raise(named);
+  }
+}
 void StorageItem::configure(boost::property_tree::ptree settings) const {
   provider_->configure(location_, std::move(settings));
 }

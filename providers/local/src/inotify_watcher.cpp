@@ -41,6 +41,16 @@ struct ItemState {
 /// Absolute path to what was last seen there.
 using Snapshot = std::map<std::string, ItemState>;
 
+/// Forgets `path` and everything below it. The paths below one are a single range of the
+/// ordered snapshot (those starting with "path/"), so a removal costs its own entries only.
+void forget(Snapshot& snapshot, std::string const& path) {
+  snapshot.erase(path);
+  std::string const below = path == "/" ? path : path + "/";
+  std::string pastBelow = below;
+  pastBelow.back() = '/' + 1;
+  snapshot.erase(snapshot.lower_bound(below), snapshot.lower_bound(pastBelow));
+}
+
 bool operator!=(timespec const& a, timespec const& b) { return a.tv_sec != b.tv_sec || a.tv_nsec != b.tv_nsec; }
 
 std::string parentOf(std::string const& path) {
@@ -165,9 +175,9 @@ struct InotifyWatcher::Impl {
   void open(p::StorageIRI const& location) {
     if (fd >= 0) return;
     fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0) throw p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno));
+    if (fd < 0) p::raise(p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno)));
     if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0)
-      throw p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno));
+      p::raise(p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno)));
   }
 
   /// Watches a folder (once, however many subscriptions need it); 0 or errno.
@@ -219,9 +229,9 @@ struct InotifyWatcher::Impl {
       // Already reported when its folder was taken in (the kernel may report it as well).
       if (kind == events::Kind::Created && s->snapshot.contains(path)) continue;
       // Keep what the subscription knows in step, for rescans after an overflow.
-      if (!renamedFrom.empty()) std::erase_if(s->snapshot, [&](auto const& e) { return e.first == renamedFrom || isBelow(e.first, renamedFrom); });
+      if (!renamedFrom.empty()) forget(s->snapshot, renamedFrom);
       if (kind == events::Kind::Removed) {
-        std::erase_if(s->snapshot, [&](auto const& e) { return e.first == path || isBelow(e.first, path); });
+        forget(s->snapshot, path);
       } else if (s->covers(path)) {
         // The event says the item is there; its size and time are read when still possible
         // (it may be gone again by the time the event is handled).
@@ -418,14 +428,13 @@ struct InotifyWatcher::Impl {
           while (::read(wake[0], drain, sizeof drain) > 0) {
           }
         }
-        for (;;) {
-          ssize_t got = ::read(fd, buffer, sizeof buffer);
-          if (got <= 0) break;
-          for (ssize_t offset = 0; offset < got;) {
-            auto const* event = reinterpret_cast<inotify_event const*>(buffer + offset);
-            handle(*event, pending, deliveries);
-            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-          }
+        // One buffer per turn: subscribing and unsubscribing get the lock between the turns
+        // of a long burst, and its first changes are delivered while the rest is read.
+        ssize_t got = ::read(fd, buffer, sizeof buffer);
+        for (ssize_t offset = 0; offset < got;) {
+          auto const* event = reinterpret_cast<inotify_event const*>(buffer + offset);
+          handle(*event, pending, deliveries);
+          offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
       }
       for (auto& d : deliveries) {
@@ -468,7 +477,7 @@ void InotifyWatcher::watch(p::StorageIRI const& location, std::string const& pat
     }
     if (error != 0) {
       impl_->pruneWatches();
-      throw p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error));
+      p::raise(p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error)));
     }
   }
   // Snapshot after the watches are in place: a change in between is seen by both.
@@ -501,7 +510,7 @@ InotifyWatcher::~InotifyWatcher() = default;
 
 void InotifyWatcher::watch(provider::StorageIRI const& location, std::string const&, bool, bool,
                            provider::ChangeCallback, std::vector<events::Kind>) {
-  throw provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead");
+  provider::raise(provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead"));
 }
 
 void InotifyWatcher::unwatch(provider::StorageIRI const&) {}

@@ -15,8 +15,8 @@ using p::ErrorCode;
 
 namespace {
 
-using ReadLock = std::shared_lock<std::shared_mutex>;
-using WriteLock = std::unique_lock<std::shared_mutex>;
+using ReadLock = std::shared_lock<WriterPreferringMutex>;
+using WriteLock = std::unique_lock<WriterPreferringMutex>;
 
 bool isHidden(std::u16string const& name) { return !name.empty() && name[0] == u'.'; }
 
@@ -58,11 +58,15 @@ void checkOptions(p::ByteStreamOpenOptions const& options, p::StorageIRI const& 
   if (!p::isValid(options)) refuse(ErrorCode::InvalidLocation, location, op, "unknown open options");
 }
 
-bool everyFolderWritable(Node const& node) {
-  if (!node.isFolder) return true;
-  if (!node.writable) return false;
-  for (auto const& [k, child] : node.children)
-    if (!everyFolderWritable(*child)) return false;
+bool everyFolderWritable(Node const& top) {
+  std::vector<Node const*> folders{&top};
+  while (!folders.empty()) {
+    Node const& node = *folders.back();
+    folders.pop_back();
+    if (!node.isFolder) continue;
+    if (!node.writable) return false;
+    for (auto const& [k, child] : node.children) folders.push_back(child.get());
+  }
   return true;
 }
 
@@ -84,14 +88,26 @@ p::FolderEntry entryOf(Node const& node, std::u16string name, bool withAttribute
 
 enum class Kinds { All, Files, Folders };
 
-void listInto(Node const& folder, std::u16string const& prefix, Kinds kinds, bool withAttributes,
-              std::u16string const& pattern, bool recursive, std::vector<p::FolderEntry>& out) {
-  for (auto const& [k, child] : folder.children) {
-    bool const kindWanted = kinds == Kinds::All || (kinds == Kinds::Files) == !child->isFolder;
-    std::u16string name = prefix.empty() ? child->name : prefix + u"/" + child->name;
-    if (kindWanted && (pattern.empty() || p::matchesWildcard(pattern, child->name)))
-      out.push_back(entryOf(*child, name, withAttributes));
-    if (recursive && child->isFolder) listInto(*child, name, kinds, withAttributes, pattern, true, out);
+/// Depth first, a folder before its contents, with one stack entry per level open.
+void listInto(Node const& top, Kinds kinds, bool withAttributes, std::u16string const& pattern, bool recursive,
+              std::vector<p::FolderEntry>& out) {
+  struct Level {
+    Node const* folder;
+    std::u16string prefix;
+    std::map<std::u16string, NodePtr>::const_iterator next;
+  };
+  std::vector<Level> stack{{&top, u"", top.children.begin()}};
+  while (!stack.empty()) {
+    Level& level = stack.back();
+    if (level.next == level.folder->children.end()) {
+      stack.pop_back();
+      continue;
+    }
+    Node const& child = *(level.next++)->second;
+    bool const kindWanted = kinds == Kinds::All || (kinds == Kinds::Files) == !child.isFolder;
+    std::u16string name = level.prefix.empty() ? child.name : level.prefix + u"/" + child.name;
+    if (kindWanted && (pattern.empty() || p::matchesWildcard(pattern, child.name))) out.push_back(entryOf(child, name, withAttributes));
+    if (recursive && child.isFolder) stack.push_back({&child, std::move(name), child.children.begin()});
   }
 }
 
@@ -162,80 +178,74 @@ p::ExtendedAttributes MemoryProvider::getExtendedAttributes(p::StorageIRI const&
 void MemoryProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
   if (time.is_special()) refuse(ErrorCode::InvalidLocation, location, u"setLastModified", "not a point in time");
   Names names = tree_->namesOf(location, u"setLastModified");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existing(*tree_, names, location, u"setLastModified");
     node->modified = time;
     changes.push_back({events::Kind::AttributesChanged, tree_->canonical(names), typeOf(*node), {}});
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::setWritable(p::StorageIRI const& location, bool writable) {
   Names names = tree_->namesOf(location, u"setWritable");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existing(*tree_, names, location, u"setWritable");
     if (node->writable == writable) return;
     node->writable = writable;
     changes.push_back({events::Kind::AttributesChanged, tree_->canonical(names), typeOf(*node), {}});
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::createFile(p::StorageIRI const& file) {
   Names names = tree_->namesOf(file, u"createFile");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     if (tree_->find(names)) refuse(ErrorCode::ResourceAlreadyExists, file, u"createFile", "it exists already");
     NodePtr parent = writableParent(*tree_, names, file, u"createFile");
     parent->children.emplace(tree_->key(names.back()), std::make_shared<Node>(false, names.back()));
     parent->modified = Tree::now();
     changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::File, {}});
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::removeFile(p::StorageIRI const& file) {
   Names names = tree_->namesOf(file, u"removeFile");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
     NodePtr node = existingFile(*tree_, names, file, u"removeFile");
     NodePtr parent = writableParent(*tree_, names, file, u"removeFile");
     p::StorageIRI location = tree_->canonical(names);
     parent->children.erase(tree_->key(names.back()));
     parent->modified = Tree::now();
-    tree_->detach(*node, location, changes);
+    tree_->detach(*node, location, scope.changesIfWatched());
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
   Names names = tree_->namesOf(file, u"truncateToSize");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existingFile(*tree_, names, file, u"truncateToSize");
     if (!node->writable) refuse(ErrorCode::PermissionDenied, file, u"truncateToSize", "the file is read-only");
     tree_->resize(*node, size, file);
     node->modified = Tree::now();
     changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
   }
-  tree_->notify(changes);
 }
 
 std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   checkOptions(options, file, u"openStream");
   Names names = tree_->namesOf(file, u"openStream");
-  std::vector<Change> changes;
   NodePtr node;
   bool truncated = false;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     node = tree_->find(names);
     if (!node) {
       if (options.create == p::ByteStreamCreate::MustExist)
@@ -257,7 +267,6 @@ std::unique_ptr<p::ByteStream> MemoryProvider::openStream(p::StorageIRI const& f
       truncated = true;
     }
   }
-  tree_->notify(changes);
   StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
   return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, mode, truncated);
 }
@@ -301,9 +310,9 @@ void MemoryProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& 
     refuse(ErrorCode::UnsupportedOperation, destination, u"moveFile", "the destination is not in this memory provider");
   Names from = tree_->namesOf(source, u"moveFile");
   Names to = tree_->namesOf(destination, u"moveFile");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existingFile(*tree_, from, source, u"moveFile");
     NodePtr target = tree_->find(to);
     if (target == node && node->name == to.back()) return;
@@ -314,8 +323,7 @@ void MemoryProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& 
       if (policy == p::ReplacementPolicy::KeepExisting) return;
       if (policy == p::ReplacementPolicy::FailIfExists || target->isFolder)
         refuse(ErrorCode::ResourceAlreadyExists, destination, u"moveFile", "the destination exists");
-      std::vector<Change> replaced; // the replaced file is reported through the rename
-      tree_->detach(*target, destination, replaced);
+      tree_->detach(*target, destination, nullptr); // reported through the rename
     }
     p::StorageIRI oldLocation = tree_->canonical(from);
     relink(*tree_, *fromParent, from, *toParent, to, node);
@@ -323,7 +331,6 @@ void MemoryProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& 
     extra.put("renamedFrom", oldLocation.toIRI());
     changes.push_back({events::Kind::Renamed, tree_->canonical(to), events::EntryType::File, extra});
   }
-  tree_->notify(changes);
 }
 
 p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
@@ -333,10 +340,10 @@ p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageIt
   checkPolicy(options.policy, target, u"copyFile");
   Names from = tree_->namesOf(source, u"copyFile");
   Names to = tree_->namesOf(target, u"copyFile");
-  std::vector<Change> changes;
   std::uint64_t size = 0;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existingFile(*tree_, from, source, u"copyFile");
     size = node->content->size();
     NodePtr existingTarget = tree_->find(to);
@@ -362,72 +369,68 @@ p::CopyResult MemoryProvider::copyFile(p::StorageIRI const& source, p::StorageIt
     }
   }
   if (options.progress) options.progress(size, size);
-  tree_->notify(changes);
   return p::CopyResult::Copied;
 }
 
 void MemoryProvider::createFolder(p::StorageIRI const& folder) {
   Names names = tree_->namesOf(folder, u"createFolder");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     if (tree_->find(names)) refuse(ErrorCode::ResourceAlreadyExists, folder, u"createFolder", "it exists already");
     NodePtr parent = writableParent(*tree_, names, folder, u"createFolder");
     parent->children.emplace(tree_->key(names.back()), std::make_shared<Node>(true, names.back()));
     parent->modified = Tree::now();
     changes.push_back({events::Kind::Created, tree_->canonical(names), events::EntryType::Folder, {}});
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::createFolderRecursive(p::StorageIRI const& folder) {
   Names names = tree_->namesOf(folder, u"createFolderRecursive");
-  std::vector<Change> changes;
-  {
-    WriteLock lock(tree_->mutex);
-    NodePtr node = tree_->root;
-    Names walked;
-    for (auto const& name : names) {
-      walked.push_back(name);
-      auto it = node->children.find(tree_->key(name));
-      if (it != node->children.end()) {
-        if (!it->second->isFolder)
-          refuse(ErrorCode::ResourceAlreadyExists, folder, u"createFolderRecursive", "a file is in the way");
-        node = it->second;
-        continue;
-      }
-      if (!node->writable) refuse(ErrorCode::PermissionDenied, folder, u"createFolderRecursive", "a folder is read-only");
-      auto created = std::make_shared<Node>(true, name);
-      node->children.emplace(tree_->key(name), created);
-      node->modified = Tree::now();
-      node = created;
-      changes.push_back({events::Kind::Created, tree_->canonical(walked), events::EntryType::Folder, {}});
+  WriteScope scope(*tree_);
+  NodePtr node = tree_->root;
+  std::size_t level = 0;
+  for (; level < names.size(); ++level) {
+    auto it = node->children.find(tree_->key(names[level]));
+    if (it == node->children.end()) break;
+    if (!it->second->isFolder) refuse(ErrorCode::ResourceAlreadyExists, folder, u"createFolderRecursive", "a file is in the way");
+    node = it->second;
+  }
+  if (level == names.size()) return;
+  if (!node->writable) refuse(ErrorCode::PermissionDenied, folder, u"createFolderRecursive", "a folder is read-only");
+  // Each level's location grows from its parent's: asking the tree for every level afresh
+  // would walk the chain once per level.
+  p::StorageIRI location = scope.watched ? tree_->canonical(Names(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(level))) : p::StorageIRI();
+  node->modified = Tree::now();
+  for (; level < names.size(); ++level) {
+    auto created = std::make_shared<Node>(true, names[level]);
+    node->children.emplace(tree_->key(names[level]), created);
+    node = std::move(created);
+    if (scope.watched) {
+      location = p::StorageIRI(location, names[level]);
+      scope.changes.push_back({events::Kind::Created, location, events::EntryType::Folder, {}});
     }
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::removeFolder(p::StorageIRI const& folder) {
   Names names = tree_->namesOf(folder, u"removeFolder");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
     NodePtr node = existingFolder(*tree_, names, folder, u"removeFolder");
     if (!node->children.empty()) refuse(ErrorCode::FolderNotEmpty, folder, u"removeFolder", "the folder is not empty");
     NodePtr parent = writableParent(*tree_, names, folder, u"removeFolder");
     p::StorageIRI location = tree_->canonical(names);
     parent->children.erase(tree_->key(names.back()));
     parent->modified = Tree::now();
-    tree_->detach(*node, location, changes);
+    tree_->detach(*node, location, scope.changesIfWatched());
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::removeFolderRecursively(p::StorageIRI const& folder) {
   Names names = tree_->namesOf(folder, u"removeFolderRecursively");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
     NodePtr node = existingFolder(*tree_, names, folder, u"removeFolderRecursively");
     NodePtr parent = writableParent(*tree_, names, folder, u"removeFolderRecursively");
     // All or nothing: a read-only folder anywhere below refuses before anything is removed.
@@ -436,9 +439,8 @@ void MemoryProvider::removeFolderRecursively(p::StorageIRI const& folder) {
     p::StorageIRI location = tree_->canonical(names);
     parent->children.erase(tree_->key(names.back()));
     parent->modified = Tree::now();
-    tree_->detach(*node, location, changes);
+    tree_->detach(*node, location, scope.changesIfWatched());
   }
-  tree_->notify(changes);
 }
 
 void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
@@ -447,9 +449,9 @@ void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const
     refuse(ErrorCode::UnsupportedOperation, destination, u"moveFolder", "the destination is not in this memory provider");
   Names from = tree_->namesOf(source, u"moveFolder");
   Names to = tree_->namesOf(destination, u"moveFolder");
-  std::vector<Change> changes;
   {
-    WriteLock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     NodePtr node = existingFolder(*tree_, from, source, u"moveFolder");
     if (from.empty()) refuse(ErrorCode::InvalidLocation, source, u"moveFolder", "the root folder cannot be moved");
     NodePtr target = tree_->find(to);
@@ -467,8 +469,7 @@ void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const
         refuse(ErrorCode::ResourceAlreadyExists, destination, u"moveFolder", "the destination exists");
       if (!target->children.empty())
         refuse(ErrorCode::FolderNotEmpty, destination, u"moveFolder", "the destination folder is not empty");
-      std::vector<Change> replaced;
-      tree_->detach(*target, destination, replaced);
+      tree_->detach(*target, destination, nullptr); // reported through the rename
     }
     p::StorageIRI oldLocation = tree_->canonical(from);
     relink(*tree_, *fromParent, from, *toParent, to, node);
@@ -476,7 +477,6 @@ void MemoryProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const
     extra.put("renamedFrom", oldLocation.toIRI());
     changes.push_back({events::Kind::Renamed, tree_->canonical(to), events::EntryType::Folder, extra});
   }
-  tree_->notify(changes);
 }
 
 p::FilenameSensitivity MemoryProvider::getFilenameSensitivity(p::StorageIRI const&) { return tree_->sensitivity; }
@@ -494,7 +494,7 @@ std::unique_ptr<p::IFolderEntryIterator> listing(Tree const& tree, p::StorageIRI
   {
     ReadLock lock(tree.mutex);
     NodePtr node = existingFolder(tree, names, folder, op);
-    listInto(*node, u"", kinds, withAttributes, pattern, recursive, entries);
+    listInto(*node, kinds, withAttributes, pattern, recursive, entries);
   }
   return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
 }
@@ -578,7 +578,7 @@ void MemoryProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallb
   {
     ReadLock lock(tree_->mutex);
     NodePtr node = tree_->find(names);
-    if (!node || node->isFolder) throw p::ChangeEventsSubscriptionException(file, "no such file");
+    if (!node || node->isFolder) p::raise(p::ChangeEventsSubscriptionException(file, "no such file"));
     location = tree_->canonical(names);
   }
   tree_->watches.add(tree_->pathKey(location), file, false, false, kinds, std::move(callback));
@@ -596,7 +596,7 @@ void MemoryProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeC
   {
     ReadLock lock(tree_->mutex);
     NodePtr node = tree_->find(names);
-    if (!node || !node->isFolder) throw p::ChangeEventsSubscriptionException(folder, "no such folder");
+    if (!node || !node->isFolder) p::raise(p::ChangeEventsSubscriptionException(folder, "no such folder"));
     location = tree_->canonical(names);
   }
   tree_->watches.add(tree_->pathKey(location), folder, true, recursive == p::RecursiveWatching::Yes, kinds,

@@ -23,10 +23,10 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::stream
   } else if (way == std::ios_base::end) {
     base = static_cast<std::int64_t>(size);
   } else if (way != std::ios_base::beg) {
-    throw p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation));
   }
   if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
-    throw p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation));
   return static_cast<std::uint64_t>(base + off);
 }
 
@@ -38,7 +38,7 @@ MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::
 }
 
 std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::shared_lock lock(tree_->mutex);
   std::streamsize count = copyOut(*data_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
@@ -46,7 +46,7 @@ std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
-  if (!mode_.write) throw p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied);
+  if (!mode_.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
   std::unique_lock lock(tree_->mutex);
   std::uint64_t const at = mode_.append ? data_->size() : position_;
   std::uint64_t const end = at + static_cast<std::uint64_t>(n);
@@ -55,7 +55,7 @@ std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
     try {
       if (current) tree_->account(*file_, data_->size(), end, location_);
     } catch (p::Exception const& e) {
-      throw p::ByteStreamWriteFailure(e.what(), e.getErrorCode());
+      p::raise(p::ByteStreamWriteFailure(e.what(), e.getErrorCode()));
     }
     data_->resize(end);
   }
@@ -78,12 +78,8 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
 
 void MemoryByteStream::doClose() {
   if (!modified_) return;
-  bool current = false;
-  {
-    std::shared_lock lock(tree_->mutex);
-    current = isCurrent();
-  }
-  if (current) tree_->notify({{events::Kind::Modified, location_, events::EntryType::File, {}}});
+  WriteScope scope(*tree_); // reported in the order of the tree's other changes
+  if (isCurrent()) scope.changes.push_back({events::Kind::Modified, location_, events::EntryType::File, {}});
 }
 
 MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree, p::StorageIRI location,
@@ -95,7 +91,7 @@ MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree,
 MemoryTransactionalStream::~MemoryTransactionalStream() = default;
 
 std::streamsize MemoryTransactionalStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::streamsize count = copyOut(buffer_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
   return count;
@@ -109,7 +105,7 @@ std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsiz
     std::shared_lock lock(tree_->mutex); // the limit may be reconfigured meanwhile
     maxFileSize = tree_->maxFileSize;
   }
-  if (end > maxFileSize) throw p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge);
+  if (end > maxFileSize) p::raise(p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge));
   if (end > buffer_.size()) buffer_.resize(end);
   std::memcpy(buffer_.data() + at, s, static_cast<std::size_t>(n));
   position_ = end;
@@ -129,14 +125,14 @@ void MemoryTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
   try {
     commit(policy == p::StreamClosePolicy::Commit);
   } catch (p::Exception const& e) {
-    throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
+    p::raise(p::ByteStreamCloseFailure(e.what(), e.getErrorCode()));
   }
 }
 
 void MemoryTransactionalStream::commit(bool replace) {
-  std::vector<Change> changes;
   {
-    std::unique_lock lock(tree_->mutex);
+    WriteScope scope(*tree_);
+    auto& changes = scope.changes;
     Names names = tree_->namesOf(location_, u"commit");
     NodePtr file = tree_->find(names);
     if (file && file->isFolder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
@@ -160,7 +156,6 @@ void MemoryTransactionalStream::commit(bool replace) {
       changes.push_back({events::Kind::Modified, tree_->canonical(names), events::EntryType::File, {}});
     }
   }
-  tree_->notify(changes);
 }
 
 } // namespace foundation::storage::providers::memory::detail

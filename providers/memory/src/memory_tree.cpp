@@ -12,6 +12,21 @@ void refuse(p::ErrorCode code, p::StorageIRI const& location, char16_t const* op
 
 Node::Node(bool folder, std::u16string n) : isFolder(folder), name(std::move(n)), modified(Tree::now()) {}
 
+Node::~Node() {
+  std::vector<NodePtr> orphans;
+  auto adopt = [&orphans](Node& node) {
+    for (auto& [k, child] : node.children)
+      if (child.use_count() == 1) orphans.push_back(std::move(child)); // the last owner: destroyed here
+    node.children.clear();
+  };
+  adopt(*this);
+  while (!orphans.empty()) {
+    NodePtr node = std::move(orphans.back());
+    orphans.pop_back();
+    adopt(*node);
+  }
+}
+
 Tree::Tree(std::u16string s, std::u16string a, p::FilenameSensitivity sens)
     : scheme(std::move(s)), authority(std::move(a)), sensitivity(sens), root(std::make_shared<Node>(true, u"")) {}
 
@@ -92,16 +107,50 @@ void Tree::resize(Node& file, std::uint64_t newSize, p::StorageIRI const& locati
   file.content->resize(newSize);
 }
 
-void Tree::detach(Node& node, p::StorageIRI const& location, std::vector<Change>& changes) {
-  for (auto& [k, child] : node.children) detach(*child, p::StorageIRI(location, child->name), changes);
-  if (!node.isFolder && node.attached) used -= node.content->size();
-  node.attached = false;
-  changes.push_back({events::Kind::Removed, location,
-                     node.isFolder ? events::EntryType::Folder : events::EntryType::File, {}});
+void Tree::detach(Node& top, p::StorageIRI const& location, std::vector<Change>* changes) {
+  struct Level {
+    Node* node;
+    p::StorageIRI location;
+    std::map<std::u16string, NodePtr>::iterator next;
+  };
+  std::vector<Level> stack{{&top, location, top.children.begin()}};
+  while (!stack.empty()) {
+    Level& level = stack.back();
+    if (level.next != level.node->children.end()) {
+      Node& child = *(level.next++)->second;
+      p::StorageIRI childLocation = changes ? p::StorageIRI(level.location, child.name) : p::StorageIRI();
+      stack.push_back({&child, std::move(childLocation), child.children.begin()});
+      continue;
+    }
+    Node& node = *level.node;
+    if (!node.isFolder && node.attached) used -= node.content->size();
+    node.attached = false;
+    if (changes)
+      changes->push_back({events::Kind::Removed, std::move(level.location),
+                          node.isFolder ? events::EntryType::Folder : events::EntryType::File, {}});
+    stack.pop_back();
+  }
 }
 
-void Tree::notify(std::vector<Change> const& changes) const {
-  watches.notify(changes, [this](p::StorageIRI const& location) { return pathKey(location); });
+void Tree::deliverThrough(std::uint64_t ticket) {
+  changeQueue.deliverThrough(ticket, [this](Change const& change) {
+    watches.notify(change, [this](p::StorageIRI const& location) { return pathKey(location); });
+  });
+}
+
+WriteScope::WriteScope(Tree& tree) : tree_(tree), lock_(tree.mutex), watched(!tree.watches.empty()) {}
+
+WriteScope::~WriteScope() {
+  std::uint64_t ticket = 0;
+  if (watched && !changes.empty()) {
+    try {
+      ticket = tree_.changeQueue.enqueue(std::move(changes));
+    } catch (...) {
+      // Out of memory for the report: the change itself stands.
+    }
+  }
+  lock_.unlock();
+  if (ticket != 0) tree_.deliverThrough(ticket);
 }
 
 void Watches::add(std::u16string key, p::StorageIRI location, bool folder, bool recursive,
@@ -114,6 +163,11 @@ void Watches::add(std::u16string key, p::StorageIRI location, bool folder, bool 
 void Watches::remove(std::u16string const& key, bool folder) {
   std::lock_guard lock(mutex_);
   (folder ? folders_ : files_).erase(key);
+}
+
+bool Watches::empty() const {
+  std::lock_guard lock(mutex_);
+  return files_.empty() && folders_.empty();
 }
 
 void Watches::clear() {

@@ -28,16 +28,16 @@ public:
     std::streamsize allowed = fault_.op == StreamOperation::Write ? budget<p::ByteStreamWriteFailure>(n) : n;
     inner.write(s, allowed);
     passed_ += static_cast<std::uint64_t>(allowed);
-    if (allowed < n) throw p::ByteStreamWriteFailure(fault_.message, fault_.code);
+    if (allowed < n) p::raise(p::ByteStreamWriteFailure(fault_.message, fault_.code));
     return n;
   }
   template <class Stream>
   std::streampos seek(Stream& inner, std::streamoff off, std::ios_base::seekdir way) {
-    if (fault_.op == StreamOperation::Seek) throw p::ByteStreamSeekFailure(fault_.message, fault_.code);
+    if (fault_.op == StreamOperation::Seek) p::raise(p::ByteStreamSeekFailure(fault_.message, fault_.code));
     return inner.seek(off, way);
   }
   void beforeClose() const {
-    if (fault_.op == StreamOperation::Close) throw p::ByteStreamCloseFailure(fault_.message, fault_.code);
+    if (fault_.op == StreamOperation::Close) p::raise(p::ByteStreamCloseFailure(fault_.message, fault_.code));
   }
 
 private:
@@ -45,7 +45,7 @@ private:
   template <class Failure>
   std::streamsize budget(std::streamsize n) {
     std::uint64_t left = fault_.afterBytes > passed_ ? fault_.afterBytes - passed_ : 0;
-    if (left == 0) throw Failure(fault_.message, fault_.code);
+    if (left == 0) p::raise(Failure(fault_.message, fault_.code));
     return static_cast<std::streamsize>(std::min<std::uint64_t>(left, static_cast<std::uint64_t>(n)));
   }
 
@@ -145,7 +145,7 @@ void FaultInjectingProvider::check(Operation op, p::StorageIRI const& location) 
     for (auto const& context : it->contexts) failure.addExceptionContext(context);
     if (it->remaining > 0 && --it->remaining == 0) faults_.erase(it);
     lock.unlock();
-    throw failure;
+    p::raise(failure);
   }
 }
 
@@ -164,8 +164,8 @@ void FaultInjectingProvider::checkChangeEvents(p::StorageIRI const& location) {
   for (auto const& [where, failure] : changeEventFaults_) {
     if (!(where.empty() || where == location)) continue;
     if (failure == ChangeEventsFailure::NotSupported)
-      throw p::ChangeEventsNotSupportedException(location, "injected");
-    throw p::ChangeEventsSubscriptionException(location, "injected");
+      p::raise(p::ChangeEventsNotSupportedException(location, "injected"));
+    p::raise(p::ChangeEventsSubscriptionException(location, "injected"));
   }
 }
 

@@ -70,7 +70,7 @@ void FeatureSwitchingProvider::removeFolderRecursively(p::StorageIRI const& fold
 void FeatureSwitchingProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
                                                    std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
   if (recursive == p::RecursiveWatching::Yes && isDisabled(p::ExtendedFeature::RecursiveChangeEvents))
-    throw p::ChangeEventsNotSupportedException(folder, "recursive change events are switched off");
+    p::raise(p::ChangeEventsNotSupportedException(folder, "recursive change events are switched off"));
   ForwardingProvider::publishFolderEvents(folder, std::move(callback), kinds, recursive);
 }
 

@@ -4,6 +4,7 @@
 #include <foundation/storage/provider/storage_iri.hpp>
 #include <foundation/storage/provider/types.hpp>
 
+#include <boost/exception/enable_current_exception.hpp>
 #include <boost/exception/exception.hpp>
 #include <boost/exception_ptr.hpp>
 
@@ -119,6 +120,14 @@ public:
   using ByteStreamFailure::ByteStreamFailure;
   ~ByteStreamCloseFailure() override;
 };
+
+/// Throws `failure` so that boost::current_exception() can copy it with its own type: a
+/// cause nested in another exception then rethrows as what the provider threw, not as
+/// boost::unknown_exception. Every provider failure is thrown through here.
+template <class Failure>
+[[noreturn]] void raise(Failure const& failure) {
+  throw boost::enable_current_exception(failure);
+}
 
 /// Throws `Exception(code, location)` with one context; the common way providers fail.
 [[noreturn]] FOUNDATION_API void fail(ErrorCode code, StorageIRI const& location, std::u16string key,
