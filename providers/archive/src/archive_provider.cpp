@@ -23,11 +23,6 @@ boost::posix_time::ptime now() { return boost::posix_time::microsec_clock::unive
 
 events::EntryType typeOf(Node const& node) { return node.folder ? events::EntryType::Folder : events::EntryType::File; }
 
-bool replaces(p::ReplacementPolicy policy) {
-  return policy == p::ReplacementPolicy::Overwrite || policy == p::ReplacementPolicy::ForceOverwrite ||
-         policy == p::ReplacementPolicy::OverwriteDeferringPermissionErrors;
-}
-
 bool startsWith(Segments const& path, Segments const& prefix) {
   return path.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
 }
@@ -332,10 +327,11 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
   StreamMode const mode{options.access == p::ByteStreamAccess::ReadWrite, true,
                         options.append == p::ByteStreamAppend::Append};
   std::shared_ptr<ProviderCore> core = core_;
-  auto commit = [core, file](std::shared_ptr<Content> content) {
+  auto commit = [core, file](std::shared_ptr<Content> content, bool replace) {
     Session session(*core, file, u"commit");
     Node* node = session.node();
     if (node && node->folder) session.file();
+    if (node && !replace) session.fail(ErrorCode::ResourceAlreadyExists, "the file exists");
     if (!node) node = &session.add(session.path(), false);
     else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
     node->content = std::make_shared<Content>(std::move(*content));
@@ -547,7 +543,7 @@ void ArchiveProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCall
     session.file();
     watched = session.location();
   } catch (p::Exception const& failure) {
-    throw p::ChangeEventsSubscriptionException(file, failure.what());
+    p::raise(p::ChangeEventsSubscriptionException(file, failure.what()));
   }
   core_->notifier.watchFile(watched, std::move(callback), kinds);
 }
@@ -564,7 +560,7 @@ void ArchiveProvider::publishFolderEvents(p::StorageIRI const& folder, p::Change
     session.folder();
     watched = session.location();
   } catch (p::Exception const& failure) {
-    throw p::ChangeEventsSubscriptionException(folder, failure.what());
+    p::raise(p::ChangeEventsSubscriptionException(folder, failure.what()));
   }
   core_->notifier.watchFolder(watched, std::move(callback), kinds, recursive == p::RecursiveWatching::Yes);
 }

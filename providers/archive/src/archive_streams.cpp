@@ -27,11 +27,11 @@ void copyIn(Content& content, std::uint64_t at, char const* s, std::streamsize n
 }
 
 void checkRead(StreamMode const& mode) {
-  if (!mode.read) throw p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied);
+  if (!mode.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
 }
 
 void checkWrite(StreamMode const& mode) {
-  if (!mode.write) throw p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied);
+  if (!mode.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
 }
 
 } // namespace
@@ -43,9 +43,9 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::stream
   else if (way == std::ios_base::end)
     base = static_cast<std::int64_t>(size);
   else if (way != std::ios_base::beg)
-    throw p::ByteStreamSeekFailure("unknown seek direction", ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("unknown seek direction", ErrorCode::InvalidLocation));
   if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
-    throw p::ByteStreamSeekFailure("seek outside the file", ErrorCode::InvalidLocation);
+    p::raise(p::ByteStreamSeekFailure("seek outside the file", ErrorCode::InvalidLocation));
   return static_cast<std::uint64_t>(base + off);
 }
 
@@ -88,8 +88,7 @@ void ContentStream::doClose() {
 
 // --- TransactionalContentStream ---------------------------------------------------------
 
-TransactionalContentStream::TransactionalContentStream(Content initial, StreamMode mode,
-                                                       std::function<void(std::shared_ptr<Content>)> commit)
+TransactionalContentStream::TransactionalContentStream(Content initial, StreamMode mode, Commit commit)
     : content_(std::make_shared<Content>(std::move(initial))), mode_(mode), commit_(std::move(commit)) {}
 
 std::streamsize TransactionalContentStream::doRead(char* s, std::streamsize n) {
@@ -111,11 +110,11 @@ std::streampos TransactionalContentStream::doSeek(std::streamoff off, std::ios_b
 }
 
 void TransactionalContentStream::doClose(p::StreamClosePolicy const& policy) {
-  if (policy == p::StreamClosePolicy::Commit) {
+  if (policy != p::StreamClosePolicy::Discard) {
     try {
-      commit_(content_);
+      commit_(content_, policy == p::StreamClosePolicy::Commit);
     } catch (p::Exception const& e) {
-      throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
+      p::raise(p::ByteStreamCloseFailure(e.what(), e.getErrorCode()));
     }
   }
   markClosed();
@@ -145,7 +144,7 @@ void EntryStream::moveTo(std::uint64_t target) {
   while (decoded_ < target) {
     auto const want = static_cast<std::size_t>(std::min<std::uint64_t>(sizeof scratch, target - decoded_));
     std::size_t const got = decoder_->read(scratch, want);
-    if (got == 0) throw p::ByteStreamReadFailure("the entry ends before its declared size", ErrorCode::IOError);
+    if (got == 0) p::raise(p::ByteStreamReadFailure("the entry ends before its declared size", ErrorCode::IOError));
     decoded_ += got;
   }
 }
@@ -155,7 +154,7 @@ std::streamsize EntryStream::doRead(char* s, std::streamsize n) {
     if (n > 0 && position_ == declaredSize_ && decoder_ && decoded_ == declaredSize_) {
       char extra;
       if (decoder_->read(&extra, 1) != 0)
-        throw p::ByteStreamReadFailure("the entry holds more data than its declared size", ErrorCode::IOError);
+        p::raise(p::ByteStreamReadFailure("the entry holds more data than its declared size", ErrorCode::IOError));
     }
     return 0;
   }
@@ -164,7 +163,7 @@ std::streamsize EntryStream::doRead(char* s, std::streamsize n) {
   std::size_t got = 0;
   while (got < want) {
     std::size_t const step = decoder_->read(s + got, want - got);
-    if (step == 0) throw p::ByteStreamReadFailure("the entry ends before its declared size", ErrorCode::IOError);
+    if (step == 0) p::raise(p::ByteStreamReadFailure("the entry ends before its declared size", ErrorCode::IOError));
     got += step;
   }
   decoded_ += got;
@@ -173,7 +172,7 @@ std::streamsize EntryStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize EntryStream::doWrite(char const*, std::streamsize) {
-  throw p::ByteStreamWriteFailure("the stream is open for reading only", ErrorCode::PermissionDenied);
+  p::raise(p::ByteStreamWriteFailure("the stream is open for reading only", ErrorCode::PermissionDenied));
 }
 
 std::streampos EntryStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {

@@ -45,10 +45,12 @@ private:
   bool wrote_ = false;
 };
 
-/// A stream over a private copy whose contents `commit` receives on a committing close.
+/// A stream over a private copy whose contents `commit` receives on a committing close, with
+/// whether an existing file may be replaced.
 class TransactionalContentStream final : public p::TransactionalStream {
 public:
-  TransactionalContentStream(Content initial, StreamMode mode, std::function<void(std::shared_ptr<Content>)> commit);
+  using Commit = std::function<void(std::shared_ptr<Content>, bool replace)>;
+  TransactionalContentStream(Content initial, StreamMode mode, Commit commit);
 
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override;
@@ -59,7 +61,7 @@ protected:
 private:
   std::shared_ptr<Content> content_;
   StreamMode mode_;
-  std::function<void(std::shared_ptr<Content>)> commit_;
+  Commit commit_;
   std::uint64_t position_ = 0;
 };
 

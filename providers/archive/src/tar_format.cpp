@@ -137,14 +137,14 @@ class CompressedDecoder final : public EntryDecoder {
 public:
   CompressedDecoder(p::StorageItem const& file, std::uint64_t index) : input_(file) {
     for (std::uint64_t i = 0; i <= index; ++i)
-      if (!input_.next()) throw p::ByteStreamReadFailure("the entry is gone from the archive", p::ErrorCode::IOError);
+      if (!input_.next()) p::raise(p::ByteStreamReadFailure("the entry is gone from the archive", p::ErrorCode::IOError));
   }
   std::size_t read(char* s, std::size_t n) override {
     la_ssize_t const got = archive_read_data(input_.get(), s, n);
     if (got < 0) {
       char const* detail = archive_error_string(input_.get());
-      throw p::ByteStreamReadFailure(std::string("cannot read the entry: ") + (detail ? detail : "unknown failure"),
-                                     p::ErrorCode::IOError);
+      p::raise(p::ByteStreamReadFailure(std::string("cannot read the entry: ") + (detail ? detail : "unknown failure"),
+                                     p::ErrorCode::IOError));
     }
     return static_cast<std::size_t>(got);
   }

@@ -22,8 +22,8 @@ public:
       stored_ = st.comp_method == ZIP_CM_STORE && st.encryption_method == ZIP_EM_NONE;
     file_ = zip_fopen_index(reader_->archive, index, 0);
     if (!file_)
-      throw p::ByteStreamReadFailure(std::string("cannot open the entry: ") + zip_strerror(reader_->archive),
-                                     p::ErrorCode::IOError);
+      p::raise(p::ByteStreamReadFailure(std::string("cannot open the entry: ") + zip_strerror(reader_->archive),
+                                     p::ErrorCode::IOError));
   }
   ~ZipEntryDecoder() override {
     std::lock_guard lock(reader_->mutex);
@@ -34,8 +34,8 @@ public:
     std::lock_guard lock(reader_->mutex);
     zip_int64_t const got = zip_fread(file_, s, n);
     if (got < 0)
-      throw p::ByteStreamReadFailure(std::string("cannot read the entry: ") + zip_file_strerror(file_),
-                                     p::ErrorCode::IOError);
+      p::raise(p::ByteStreamReadFailure(std::string("cannot read the entry: ") + zip_file_strerror(file_),
+                                     p::ErrorCode::IOError));
     return static_cast<std::size_t>(got);
   }
 

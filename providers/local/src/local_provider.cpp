@@ -508,7 +508,7 @@ void LocalProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallba
   std::string const path = pathOf(file, "publishFileEvents");
   struct stat st {};
   if (statAt(AT_FDCWD, path.c_str(), st, true) != 0 || S_ISDIR(st.st_mode))
-    throw p::ChangeEventsSubscriptionException(file, "no such file");
+    p::raise(p::ChangeEventsSubscriptionException(file, "no such file"));
   inotify().watch(file, path, false, false, std::move(callback), kinds);
 }
 
@@ -522,7 +522,7 @@ void LocalProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCa
   std::string const path = pathOf(folder, "publishFolderEvents");
   struct stat st {};
   if (statAt(AT_FDCWD, path.c_str(), st, true) != 0 || !S_ISDIR(st.st_mode))
-    throw p::ChangeEventsSubscriptionException(folder, "no such folder");
+    p::raise(p::ChangeEventsSubscriptionException(folder, "no such folder"));
   inotify().watch(folder, path, true, recursive == p::RecursiveWatching::Yes, std::move(callback), kinds);
 }
 

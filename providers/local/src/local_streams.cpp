@@ -24,7 +24,7 @@ LocalByteStream::LocalByteStream(UniqueFd fd, bool canRead, bool canWrite)
     : fd_(std::move(fd)), canRead_(canRead), canWrite_(canWrite) {}
 
 std::streamsize LocalByteStream::doRead(char* s, std::streamsize n) {
-  if (!canRead_) throw p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied);
+  if (!canRead_) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   for (;;) {
     ssize_t got = ::read(fd_.get(), s, static_cast<std::size_t>(n));
     if (got >= 0) return got;
@@ -33,7 +33,7 @@ std::streamsize LocalByteStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize LocalByteStream::doWrite(char const* s, std::streamsize n) {
-  if (!canWrite_) throw p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied);
+  if (!canWrite_) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
   if (int error = writeAll(fd_.get(), s, static_cast<std::size_t>(n))) streamFailure<p::ByteStreamWriteFailure>(error);
   return n;
 }
@@ -75,7 +75,7 @@ void LocalTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
   try {
     commit(policy == p::StreamClosePolicy::Commit);
   } catch (p::Exception const& e) {
-    throw p::ByteStreamCloseFailure(e.what(), e.getErrorCode());
+    p::raise(p::ByteStreamCloseFailure(e.what(), e.getErrorCode()));
   }
 }
 
