@@ -31,7 +31,11 @@ std::vector<EventLog::Record> EventLog::records() const {
   return records_;
 }
 
-void ProviderConformance::SetUp() { workspace_ = GetParam().make(); }
+void ProviderConformance::SetUp() {
+  if (GetParam().unavailable)
+    if (auto reason = GetParam().unavailable(); !reason.empty()) GTEST_SKIP() << reason;
+  workspace_ = GetParam().make();
+}
 
 void ProviderConformance::TearDown() {
   if (workspace_.cleanup) workspace_.cleanup();
@@ -47,6 +51,7 @@ p::StorageItem ProviderConformance::foreignItem(std::u16string const& relative) 
 
 void ListingConformance::SetUp() {
   ProviderConformance::SetUp();
+  if (IsSkipped()) return;
   item(u"top/sub/deeper").createFolderRecursive();
   writeFile(item(u"top/a.txt"), "aaa");
   writeFile(item(u"top/b.log"), "b");

@@ -37,12 +37,18 @@ struct Capabilities {
   bool caseInsensitive = false;
   /// How long native change events may take to arrive.
   std::chrono::milliseconds eventDelay{0};
+  /// Items have read-only flags (object stores have none).
+  bool writableFlags = true;
+  /// The storage reports changes itself (object stores do not: polling only).
+  bool nativeChangeEvents = true;
 };
 
 struct ProviderUnderTest {
   std::string name;
   std::function<Workspace()> make;
   Capabilities capabilities;
+  /// Why the provider cannot be tested here (a server that is not running); empty when it can.
+  std::function<std::string()> unavailable;
 };
 
 std::string toUtf8(std::u16string const& s);

@@ -2,6 +2,7 @@
 
 #include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
+#include <foundation/storage/providers/s3/s3_provider.hpp>
 
 #include <vfs/exceptions.hpp>
 
@@ -36,6 +37,11 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
       provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider",
                      "file locations on other hosts are not on the local file system");
     return std::make_shared<providers::local::LocalProvider>();
+  });
+  registerProvider(u"s3", [](provider::StorageIRI const& root) -> std::shared_ptr<provider::IProvider> {
+    if (root.getAuthority().empty())
+      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "s3 locations name their bucket");
+    return std::make_shared<providers::s3::S3Provider>(root.getAuthority(), providers::s3::S3Settings::fromEnvironment());
   });
 }
 

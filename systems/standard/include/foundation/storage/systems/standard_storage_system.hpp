@@ -18,7 +18,8 @@ namespace foundation::storage::systems {
 using ProviderFactory = std::function<std::shared_ptr<provider::IProvider>(provider::StorageIRI const& root)>;
 
 /// The storage system applications use: a registry from scheme to provider factory, with
-/// "mem" (one memory tree per authority) and "file" (the local file system) registered.
+/// "mem" (one memory tree per authority), "file" (the local file system) and "s3" (one
+/// bucket per authority, configured from the AWS_* environment variables) registered.
 /// One provider is built per scheme and authority and reused for every handle, so that
 /// watches started through one handle can be stopped through another. It owns an event
 /// manager. A scheme nobody serves is UnsupportedIRISchemeException. Thread-safe.
