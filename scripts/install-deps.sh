@@ -10,6 +10,8 @@ packages=(
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
+  libcurl4-openssl-dev libxml2-dev libssl-dev
+  ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
 )
 
 missing=()

@@ -58,6 +58,11 @@ std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void*
   std::string_view line(data, size * count);
   if (line.starts_with("HTTP/")) {
     response.headers.clear(); // a new answer (after 100 Continue or a redirect)
+    auto const code = line.find(' ');
+    auto const text = code == std::string_view::npos ? code : line.find(' ', code + 1);
+    response.reason = text == std::string_view::npos ? "" : std::string(line.substr(text + 1));
+    while (!response.reason.empty() && (response.reason.back() == '\r' || response.reason.back() == '\n'))
+      response.reason.pop_back();
   } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
     auto value = line.substr(colon + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
@@ -220,6 +225,7 @@ void failWith(HttpResponse const& response, Site const& site) {
   else if (response.status == 412) code = p::ErrorCode::ResourceAlreadyExists;
   else if (response.status == 400 && error.code == "InvalidArgument") code = p::ErrorCode::InvalidLocation;
   std::string message = "HTTP " + std::to_string(response.status);
+  if (!response.reason.empty()) message += " " + response.reason;
   if (!error.code.empty()) message += " " + error.code;
   if (!error.message.empty()) message += ": " + error.message;
   if (!requestId.empty()) message += " (request id " + requestId + ")";
