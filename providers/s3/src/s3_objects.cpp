@@ -75,6 +75,14 @@ pt::ptime parseIsoTime(std::string const& text) {
 
 pt::ptime unknownTime() { return epoch; }
 
+std::optional<pt::ptime> s3cmdMtime(std::string const& attributes) {
+  // "atime:1795421301/ctime:.../mtime:1795421301/uid:0"
+  auto const at = attributes.find("mtime:");
+  if (at == std::string::npos || (at > 0 && attributes[at - 1] != '/')) return std::nullopt;
+  auto const end = attributes.find('/', at);
+  return parseMtime(attributes.substr(at + 6, end == std::string::npos ? end : end - at - 6));
+}
+
 std::optional<ObjectInfo> headObject(S3Client& client, std::string const& key, Site const& site) {
   auto response = client.send({"HEAD", key, {}, {}, {}}, site);
   if (response.status == 404) return std::nullopt;
@@ -87,6 +95,8 @@ std::optional<ObjectInfo> headObject(S3Client& client, std::string const& key, S
     if (name.starts_with("x-amz-meta-")) info.metadata[name.substr(11)] = value;
   if (auto kept = parseMtime(response.header(mtimeHeader))) {
     info.modified = *kept;
+  } else if (auto s3cmd = s3cmdMtime(response.header("x-amz-meta-s3cmd-attrs"))) {
+    info.modified = *s3cmd;
   } else {
     std::time_t const stored = curl_getdate(response.header("last-modified").c_str(), nullptr);
     info.modified = stored < 0 ? unknownTime() : pt::from_time_t(stored);

@@ -25,7 +25,7 @@ inline constexpr char const* mtimeHeader = "x-amz-meta-mtime";
 
 struct ObjectInfo {
   std::uint64_t size = 0;
-  /// The kept modification time, else the store's.
+  /// The kept modification time (ours, else s3cmd's), else the store's.
   boost::posix_time::ptime modified;
   std::string etag;
   std::string contentType;
@@ -36,6 +36,8 @@ struct ObjectInfo {
 /// "seconds.micros" since the epoch, and back (nullopt when malformed).
 std::string formatMtime(boost::posix_time::ptime const& time);
 std::optional<boost::posix_time::ptime> parseMtime(std::string const& text);
+/// The modification time s3cmd keeps in its "s3cmd-attrs" metadata.
+std::optional<boost::posix_time::ptime> s3cmdMtime(std::string const& attributes);
 /// ListObjects' ISO 8601 time.
 boost::posix_time::ptime parseIsoTime(std::string const& text);
 /// Unknown times (folders without a marker).
