@@ -338,6 +338,7 @@ p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem c
   auto info = from.requireFile();
   Object to(*client, bucket_, destination.getLocation(), u"s3.copyFile");
   if (!mayReplace(to, options.policy)) return p::CopyResult::Skipped;
+  if (to.key() == from.key()) return p::CopyResult::Copied; // onto itself: nothing to do
   copyObject(*client, from.key(), info, to.key(), std::nullopt, to.site(), [&](std::uint64_t done) {
     if (options.progress) options.progress(done, info.size);
   });
@@ -479,7 +480,6 @@ std::unique_ptr<p::IFolderEntryIterator> snapshot(std::vector<p::FolderEntry> en
   std::unique_ptr<p::IFolderEntryIterator> S3Provider::method(p::StorageIRI const& folder, std::u16string const& pattern) { \
     auto client = this->client();                                                                                      \
     Object object(*client, bucket_, folder, u"s3." #method);                                                           \
-    if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");                             \
     return snapshot(listChildren(*client, object.key(), {files, folders, attributes, pattern}, object.site()));         \
   }
 S3_LIST_CHILDREN(listAllNamesOnly, true, true, false)
@@ -530,11 +530,10 @@ void S3Provider::configure(p::StorageIRI const& location, boost::property_tree::
 
 void S3Provider::shutdownProvider(p::StorageIRI const&) { poller_.stopAll(); }
 
-p::StorageInfo S3Provider::getProviderStorageInfo(p::StorageIRI const& location) {
+p::StorageInfo S3Provider::getProviderStorageInfo(p::StorageIRI const&) {
   p::StorageInfo info; // an object store has no fixed capacity to tell
   info.details.put("s3.bucket", fl::i18n::to_utf8(bucket_));
   info.details.put("s3.endpoint", client()->settings().endpoint);
-  (void)location;
   return info;
 }
 
