@@ -8,7 +8,8 @@
 #   ceph-s3.sh status  exit status 0 when the daemons run and a signed request answers
 #
 # Installs its Debian packages when they are missing (needs root then). Data lives in
-# memory (memstore), so a start takes seconds and a stop forgets everything.
+# memory (memstore), so a start takes seconds and a stop forgets everything. The store
+# holds $VFS_MEMSTORE_BYTES (6 GiB); the gateway reclaims removed data within seconds.
 set -euo pipefail
 
 DIR=${VFS_CEPH_DIR:-/tmp/vfs-ceph-s3}   # short: admin socket paths must stay below 108 bytes
@@ -16,7 +17,7 @@ RGW_PORT=${VFS_RGW_PORT:-7480}
 MON_PORT=${VFS_MON_PORT:-3300}
 ACCESS_KEY=${VFS_S3_ACCESS_KEY:-VFSTESTACCESSKEY0001}
 SECRET_KEY=${VFS_S3_SECRET_KEY:-vfstestsecretkey000000000000000000000001}
-MEMSTORE_BYTES=${VFS_MEMSTORE_BYTES:-4294967296}
+MEMSTORE_BYTES=${VFS_MEMSTORE_BYTES:-6442450944}
 ENDPOINT=http://127.0.0.1:$RGW_PORT
 CONF=$DIR/ceph.conf
 KEYS=$DIR/keyring
@@ -129,6 +130,10 @@ osd memory target = 939524096
 rgw frontends = beast endpoint=127.0.0.1:$RGW_PORT
 rgw data = $DIR/rgw
 rgw enable usage log = false
+# Reclaim the data of removed and replaced objects at once, not hours later: an in-memory
+# store that keeps it fills up and stops every write.
+rgw gc obj min wait = 0
+rgw gc processor period = 2
 log file = $DIR/log/rgw.log
 EOF
 }

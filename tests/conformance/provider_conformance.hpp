@@ -48,7 +48,7 @@ struct ProviderUnderTest {
   std::function<Workspace()> make;
   Capabilities capabilities;
   /// Why the provider cannot be tested here (a server that is not running); empty when it can.
-  std::function<std::string()> unavailable;
+  std::function<std::string()> unavailable = {};
 };
 
 std::string toUtf8(std::u16string const& s);

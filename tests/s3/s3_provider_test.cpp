@@ -240,3 +240,14 @@ TEST_F(S3ProviderTest, RetriesThrottledAndDroppedRequests) {
   }
   EXPECT_EQ(proxy.requests(), 3); // the first attempt and two retries
 }
+
+TEST_F(S3ProviderTest, ListsNamesThatXmlCannotCarryRaw) {
+  std::u16string const control = u"bell\u0007, tab\t, plus+ and %41";
+  writeFile(item(control), "x");
+  std::vector<std::u16string> names;
+  for (auto cursor = item(u"").listAllNamesOnly(u""); cursor->hasNext();) {
+    cursor->next();
+    names.push_back(cursor->current().getName());
+  }
+  EXPECT_EQ(names, std::vector<std::u16string>{control});
+}

@@ -8,7 +8,9 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <charconv>
+#include <memory>
 
 namespace foundation::storage::providers::s3::detail {
 
@@ -33,6 +35,14 @@ void failOnErrorDocument(HttpResponse const& response, Site const& site) {
     failed.status = 500;
     failWith(failed, site);
   }
+}
+
+std::string urlDecode(std::string const& text) {
+  int length = 0;
+  std::unique_ptr<char, decltype(&curl_free)> decoded(
+      curl_easy_unescape(nullptr, text.data(), static_cast<int>(text.size()), &length), &curl_free);
+  if (!decoded) throw std::bad_alloc();
+  return std::string(decoded.get(), static_cast<std::size_t>(length));
 }
 
 } // namespace
@@ -106,10 +116,16 @@ std::optional<ObjectInfo> headObject(S3Client& client, std::string const& key, S
 
 ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, std::string const& token,
                   std::size_t maxKeys, Site const& site) {
-  HttpRequest request{"GET", "", {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(maxKeys)}}, {}, {}};
+  // Keys come URL-encoded: raw, a control character would make the answer invalid XML.
+  HttpRequest request{"GET", "",
+                      {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(maxKeys)}, {"encoding-type", "url"}},
+                      {}, {}};
   if (delimited) request.query.emplace_back("delimiter", "/");
   if (!token.empty()) request.query.emplace_back("continuation-token", token);
-  return parseListPage(client.perform(request, site).body);
+  auto page = parseListPage(client.perform(request, site).body);
+  for (auto& object : page.objects) object.key = urlDecode(object.key);
+  for (auto& common : page.prefixes) common = urlDecode(common);
+  return page;
 }
 
 void forEachPage(S3Client& client, std::string const& prefix, bool delimited, std::function<void(ListPage const&)> const& visit,
@@ -196,9 +212,17 @@ void deleteObject(S3Client& client, std::string const& key, Site const& site) {
 }
 
 void deleteObjects(S3Client& client, std::vector<std::string> const& keys, Site const& site) {
-  for (std::size_t start = 0; start < keys.size(); start += keysPerRequest) {
-    std::vector<std::string> batch(keys.begin() + static_cast<std::ptrdiff_t>(start),
-                                   keys.begin() + static_cast<std::ptrdiff_t>(std::min(keys.size(), start + keysPerRequest)));
+  // XML cannot carry control characters faithfully: such keys go one request each.
+  std::vector<std::string> batchable;
+  for (auto const& key : keys) {
+    if (std::any_of(key.begin(), key.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }))
+      deleteObject(client, key, site);
+    else
+      batchable.push_back(key);
+  }
+  for (std::size_t start = 0; start < batchable.size(); start += keysPerRequest) {
+    std::vector<std::string> batch(batchable.begin() + static_cast<std::ptrdiff_t>(start),
+                                   batchable.begin() + static_cast<std::ptrdiff_t>(std::min(batchable.size(), start + keysPerRequest)));
     auto const body = deleteRequestBody(batch);
     auto response = client.perform({"POST", "", {{"delete", ""}}, {{"content-md5", md5Base64(body)}, {"content-type", "application/xml"}}, body}, site);
     auto failures = parseDeleteFailures(response.body);

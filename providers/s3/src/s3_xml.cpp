@@ -14,7 +14,7 @@ using Document = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
 
 Document parse(std::string_view body) {
   Document doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, nullptr,
-                             XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
+                             XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_RECOVER),
                &xmlFreeDoc);
   return doc;
 }
