@@ -6,6 +6,7 @@
 #include "fault_proxy.hpp"
 
 #include <foundation/storage/provider/exceptions.hpp>
+#include <foundation/storage/systems/standard_storage_system.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -250,4 +251,13 @@ TEST_F(S3ProviderTest, ListsNamesThatXmlCannotCarryRaw) {
     names.push_back(cursor->current().getName());
   }
   EXPECT_EQ(names, std::vector<std::u16string>{control});
+}
+
+TEST(S3StorageSystem, ServesS3LocationsOnePerBucket) {
+  auto system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  auto provider = system->buildProvider(p::StorageIRI(u"s3://Some-Bucket/a/b"));
+  EXPECT_NE(std::dynamic_pointer_cast<testsupport::s3::S3Provider>(provider), nullptr);
+  EXPECT_EQ(system->buildProvider(p::StorageIRI(u"s3://some-bucket/c")), provider);
+  EXPECT_NE(system->buildProvider(p::StorageIRI(u"s3://other/")), provider);
+  EXPECT_THROW(system->buildProvider(p::StorageIRI(u"s3:///no-bucket")), p::Exception);
 }
