@@ -11,6 +11,8 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
   libzip-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
+  libcurl4-openssl-dev libxml2-dev libssl-dev
+  ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
 )
 
 missing=()

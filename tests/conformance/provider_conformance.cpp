@@ -45,6 +45,8 @@ bool readsOnly(std::string row) {
 } // namespace
 
 void ProviderConformance::SetUp() {
+  if (GetParam().unavailable)
+    if (auto reason = GetParam().unavailable(); !reason.empty()) GTEST_SKIP() << reason;
   workspace_ = GetParam().make();
   if (capabilities().readOnly && !readsOnly(::testing::UnitTest::GetInstance()->current_test_info()->name())) {
     EXPECT_PROVIDER_ERROR(p::ErrorCode::ReadOnlyProvider, item(u"new.txt").createFile());

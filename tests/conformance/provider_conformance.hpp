@@ -40,12 +40,18 @@ struct Capabilities {
   /// Every change is ReadOnlyProvider: the workspace comes holding the listing tree and
   /// only the rows that read run; the others check that a change is refused and skip.
   bool readOnly = false;
+  /// Items have read-only flags (object stores have none).
+  bool writableFlags = true;
+  /// The storage reports changes itself (object stores do not: polling only).
+  bool nativeChangeEvents = true;
 };
 
 struct ProviderUnderTest {
   std::string name;
   std::function<Workspace()> make;
   Capabilities capabilities;
+  /// Why the provider cannot be tested here (a server that is not running); empty when it can.
+  std::function<std::string()> unavailable = {};
 };
 
 std::string toUtf8(std::u16string const& s);

@@ -3,6 +3,7 @@
 #include <foundation/storage/providers/archive/archive_provider.hpp>
 #include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
+#include <foundation/storage/providers/s3/s3_provider.hpp>
 
 #include <vfs/exceptions.hpp>
 
@@ -42,6 +43,11 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
   auto outer = [this](provider::StorageIRI const& file) { return buildProvider(file); };
   registerProvider(u"zip", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::ZipProvider>(outer); });
   registerProvider(u"tar", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::TarProvider>(outer); });
+  registerProvider(u"s3", [](provider::StorageIRI const& root) -> std::shared_ptr<provider::IProvider> {
+    if (root.getAuthority().empty())
+      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "s3 locations name their bucket");
+    return std::make_shared<providers::s3::S3Provider>(root.getAuthority(), providers::s3::S3Settings::fromEnvironment());
+  });
 }
 
 StandardStorageSystem::~StandardStorageSystem() = default;

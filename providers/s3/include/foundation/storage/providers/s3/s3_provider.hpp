@@ -1,0 +1,120 @@
+#pragma once
+
+#include <foundation/core/visibility.hpp>
+#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/provider/storage_item.hpp>
+#include <foundation/storage/providers/s3/s3_settings.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace foundation::storage::providers::s3 {
+
+namespace detail {
+class S3Client;
+}
+
+/// The provider of an S3 bucket: locations `s3://bucket/key/path`, spoken over HTTP with
+/// AWS Signature Version 4 (any S3-compatible store: AWS, Ceph's gateway, ...).
+///
+/// - Folders are key prefixes. `createFolder` writes an empty "dir/" marker; a folder
+///   exists when its marker or any key below it does. Removing the last item of a folder
+///   that has no marker writes one, so the folder stays. Flat listings use the "/"
+///   delimiter; recursive ones are flat listings of 1,000 keys per request, with the
+///   folders in between synthesised from the keys. A pattern's literal head narrows the
+///   request's prefix. Listed files carry the store's own modification time; folders
+///   without a marker carry the Unix epoch.
+/// - Reads are ranged GETs of `partSize` bytes, several fetched ahead in parallel while a
+///   stream reads sequentially; each GET requires the object to be the one opened (If-Match),
+///   so a reader never mixes two versions: it fails instead.
+/// - Writes are all-or-nothing. Write-only streams keep up to `partSize` bytes in memory
+///   (seekable within them); larger contents become multipart uploads, parts sent in
+///   parallel, completed on commit and aborted on discard or when the stream is destroyed.
+///   Bytes already sent cannot be rewritten: seeking before them fails. Read-write,
+///   keeping and appending opens (and `truncateToSize`) copy the object into a local
+///   temporary file first and upload it on close: they cost a download and an upload.
+///   Non-transactional streams commit when closed or destroyed.
+/// - `createFile` and `createFolder` are conditional writes (If-None-Match: *), so two
+///   racing creators cannot both succeed. Copies and moves check the destination first:
+///   the store has no conditional copy, so FailIfExists there is check-then-act.
+/// - `copyFile` within the bucket is a server-side copy (multipart copy above 5 GiB);
+///   moves are copy then delete, not atomic: a failed move leaves the source whole
+///   (copies already made of a folder's items are removed again).
+/// - Modification times are kept in the object's metadata ("x-amz-meta-mtime", seconds
+///   since the epoch), so copies keep them; `setLastModified` rewrites the metadata with a
+///   server-side copy. There are no read-only flags: `setWritable` is UnsupportedOperation.
+/// - No native change events (ChangeEventsNotSupportedException); polling works.
+/// - Errors: 404 ResourceNotFound, 403 PermissionDenied, quota NoSpaceLeft; throttling,
+///   5xx and dropped connections are retried with bounded exponential backoff, then
+///   IOError with the HTTP status and the request id in the context.
+/// Thread-safe.
+class FOUNDATION_API S3Provider final : public provider::IProvider {
+public:
+  /// Serves `bucket` (the locations' authority).
+  S3Provider(std::u16string bucket, S3Settings settings);
+  ~S3Provider() override;
+
+  /// HTTP requests this provider sent (retries included), for tests and benchmarks.
+  std::uint64_t requestCount() const;
+  /// Creates the bucket; an existing bucket of the same owner is fine.
+  void createBucket();
+
+  provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
+  provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
+  bool fileExists(provider::StorageIRI const& location) override;
+  bool folderExists(provider::StorageIRI const& location) override;
+  provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
+  provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
+  void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
+  void setWritable(provider::StorageIRI const& location, bool writable) override;
+  void createFile(provider::StorageIRI const& file) override;
+  void removeFile(provider::StorageIRI const& file) override;
+  void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
+  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
+  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void createFolder(provider::StorageIRI const& folder) override;
+  void createFolderRecursive(provider::StorageIRI const& folder) override;
+  void removeFolder(provider::StorageIRI const& folder) override;
+  void removeFolderRecursively(provider::StorageIRI const& folder) override;
+  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
+  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  bool hasFeature(provider::ExtendedFeature feature) override;
+  /// The keys of S3Settings::apply; they take effect for operations started afterwards.
+  void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  void shutdownProvider(provider::StorageIRI const& location) override;
+  provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void stopPublishingFileEvents(provider::StorageIRI const& file) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
+  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
+  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
+
+private:
+  std::shared_ptr<detail::S3Client> client() const;
+
+  std::u16string const bucket_;
+  mutable std::mutex mutex_;
+  S3Settings settings_;
+  std::shared_ptr<detail::S3Client> client_;
+  std::shared_ptr<std::atomic<std::uint64_t>> requests_; ///< shared by every client made
+  provider::ChangePollingWatcher poller_;
+};
+
+} // namespace foundation::storage::providers::s3

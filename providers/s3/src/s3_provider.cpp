@@ -1,0 +1,561 @@
+#include <foundation/storage/providers/s3/s3_provider.hpp>
+
+#include "s3_listing.hpp"
+#include "s3_objects.hpp"
+#include "s3_streams.hpp"
+
+#include <foundation/storage/provider/stream_copy.hpp>
+
+#include <fl/i18n/i18n.hpp>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <stdexcept>
+
+namespace foundation::storage::providers::s3 {
+
+namespace p = foundation::storage::provider;
+using namespace detail;
+using p::ErrorCode;
+
+namespace {
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+/// The object key of a location: its path without the leading "/", dot segments resolved.
+std::string keyOf(p::StorageIRI const& location) {
+  auto path = fl::i18n::to_utf8(location.getResolvedPath());
+  while (!path.empty() && path.front() == '/') path.erase(0, 1);
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  return path;
+}
+
+std::string parentKey(std::string const& key) {
+  auto const slash = key.rfind('/');
+  return slash == std::string::npos ? std::string() : key.substr(0, slash);
+}
+
+bool isHidden(std::string const& key) {
+  auto const slash = key.rfind('/');
+  return key.size() > (slash == std::string::npos ? 0 : slash + 1) && key[slash == std::string::npos ? 0 : slash + 1] == '.';
+}
+
+void checkOptions(p::ByteStreamOpenOptions const& options, p::StorageIRI const& location, char16_t const* call) {
+  if (!p::isValid(options)) p::fail(ErrorCode::InvalidLocation, location, call, "unknown open options");
+}
+
+void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char16_t const* call) {
+  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, location, call, "unknown replacement policy");
+}
+
+/// Whether the options need the old contents or random access beyond one part: those
+/// opens go through a temporary file.
+bool needsTemporaryFile(p::ByteStreamOpenOptions const& options) {
+  return options.access == p::ByteStreamAccess::ReadWrite || options.truncate == p::ByteStreamTruncate::Keep;
+}
+
+/// Operations on one location: its key and the calls every operation repeats.
+class Object {
+public:
+  Object(S3Client& client, std::u16string const& bucket, p::StorageIRI const& location, char16_t const* call)
+      : client_(client), location_(location), site_{location, call}, key_(keyOf(location)) {
+    if (location.getAuthority() != bucket || location.hasInnerIRI())
+      p::fail(ErrorCode::UnsupportedOperation, location, call, "the location is not in this provider's bucket");
+  }
+
+  std::string const& key() const noexcept { return key_; }
+  Site const& site() const noexcept { return site_; }
+  bool isRoot() const noexcept { return key_.empty(); }
+
+  std::optional<ObjectInfo> file() const { return isRoot() ? std::nullopt : headObject(client_, key_, site_); }
+  bool isFolder() const { return isRoot() || anyKeyWithPrefix(client_, key_ + "/", site_); }
+  p::ExistsResult kind() const {
+    if (file()) return p::ExistsResult::File;
+    return isFolder() ? p::ExistsResult::Folder : p::ExistsResult::NotFound;
+  }
+
+  ObjectInfo requireFile() const {
+    auto info = file();
+    if (!info) refuse(ErrorCode::ResourceNotFound, "no such file");
+    return *info;
+  }
+  void requireFolder() const {
+    if (!isFolder()) refuse(ErrorCode::ResourceNotFound, "no such folder");
+  }
+  /// The folder a new item goes into must exist.
+  void requireParentFolder() const {
+    if (isRoot()) refuse(ErrorCode::InvalidLocation, "the bucket's root has no parent");
+    std::string const parent = parentKey(key_);
+    if (!parent.empty() && !anyKeyWithPrefix(client_, parent + "/", site_))
+      refuse(ErrorCode::ResourceNotFound, "the parent folder is missing");
+  }
+  /// Keeps the parent folder in existence when its last item goes: a folder that only
+  /// existed through its items gets a marker.
+  void keepParentFolder() const {
+    std::string const parent = parentKey(key_);
+    if (parent.empty() || anyKeyWithPrefix(client_, parent + "/", site_)) return;
+    putObject(client_, parent + "/", {}, {}, site_);
+  }
+  /// Writes the object unless one is there already (If-None-Match: *).
+  void putNew(std::string const& key, Headers headers = {}) const {
+    headers.emplace_back("if-none-match", "*");
+    auto response = client_.send({"PUT", key, {}, std::move(headers), {}}, site_);
+    if (response.status == 412) refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
+    if (!response.ok()) failWith(response, site_);
+  }
+
+  [[noreturn]] void refuse(ErrorCode code, std::string message) const { p::fail(code, location_, site_.call, std::move(message)); }
+
+private:
+  S3Client& client_;
+  p::StorageIRI const& location_;
+  Site site_;
+  std::string key_;
+};
+
+} // namespace
+
+S3Provider::S3Provider(std::u16string bucket, S3Settings settings)
+    : bucket_(std::move(bucket)), settings_(std::move(settings)),
+      requests_(std::make_shared<std::atomic<std::uint64_t>>(0)), poller_(*this) {
+  client_ = std::make_shared<S3Client>(settings_, fl::i18n::to_utf8(bucket_), requests_);
+}
+
+S3Provider::~S3Provider() { poller_.stopAll(); }
+
+std::shared_ptr<S3Client> S3Provider::client() const {
+  std::lock_guard lock(mutex_);
+  return client_;
+}
+
+std::uint64_t S3Provider::requestCount() const { return requests_->load(); }
+
+void S3Provider::createBucket() {
+  auto client = this->client();
+  p::StorageIRI const root(u"s3://" + bucket_ + u"/");
+  Site const site{root, u"s3.createBucket"};
+  auto response = client->send({"PUT", "", {}, {}, {}}, site);
+  if (response.ok()) return;
+  auto error = parseError(response.body);
+  if (error && error->code == "BucketAlreadyOwnedByYou") return;
+  failWith(response, site);
+}
+
+// --- existence and attributes -----------------------------------------------------------
+
+p::StorageIRI S3Provider::getCanonicalLocation(p::StorageIRI const& location) {
+  auto client = this->client();
+  Object object(*client, bucket_, location, u"s3.getCanonicalLocation");
+  if (object.kind() == p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceNotFound, "no such file or folder");
+  return location.withPath(u"/" + fl::i18n::to_ustring(object.key()));
+}
+
+p::ExistsResult S3Provider::exists(p::StorageIRI const& location) {
+  auto client = this->client();
+  return Object(*client, bucket_, location, u"s3.exists").kind();
+}
+
+p::ExtendedExistsResult S3Provider::existsExtended(p::StorageIRI const& location) {
+  switch (exists(location)) {
+  case p::ExistsResult::File: return p::ExtendedExistsResult::File;
+  case p::ExistsResult::Folder: return p::ExtendedExistsResult::Folder;
+  case p::ExistsResult::NotFound: break;
+  }
+  return p::ExtendedExistsResult::NotFound;
+}
+
+bool S3Provider::fileExists(p::StorageIRI const& location) {
+  auto client = this->client();
+  return Object(*client, bucket_, location, u"s3.fileExists").file().has_value();
+}
+
+bool S3Provider::folderExists(p::StorageIRI const& location) {
+  auto client = this->client();
+  Object object(*client, bucket_, location, u"s3.folderExists");
+  return !object.file() && object.isFolder();
+}
+
+p::FileAttributes S3Provider::getFileAttributes(p::StorageIRI const& file) {
+  auto client = this->client();
+  Object object(*client, bucket_, file, u"s3.getFileAttributes");
+  auto info = object.requireFile();
+  return p::FileAttributes(info.size, info.modified, true, isHidden(object.key()), false);
+}
+
+p::FolderAttributes S3Provider::getFolderAttributes(p::StorageIRI const& folder) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.getFolderAttributes");
+  if (object.isRoot()) return p::FolderAttributes(unknownTime(), true, false, false);
+  if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
+  if (auto marker = headObject(*client, object.key() + "/", object.site()))
+    return p::FolderAttributes(marker->modified, true, isHidden(object.key()), false);
+  object.requireFolder();
+  return p::FolderAttributes(unknownTime(), true, isHidden(object.key()), false);
+}
+
+p::ExtendedAttributes S3Provider::getExtendedAttributes(p::StorageIRI const& location) {
+  auto client = this->client();
+  Object object(*client, bucket_, location, u"s3.getExtendedAttributes");
+  boost::property_tree::ptree attributes;
+  auto describe = [&](std::string const& key, ObjectInfo const& info) {
+    attributes.put("s3.key", key);
+    attributes.put("s3.etag", info.etag);
+    attributes.put("s3.contentType", info.contentType);
+    for (auto const& [name, value] : info.metadata) attributes.put(boost::property_tree::path("s3.metadata|" + name, '|'), value);
+  };
+  if (auto info = object.file()) {
+    describe(object.key(), *info);
+  } else if (auto marker = object.isRoot() ? std::nullopt : headObject(*client, object.key() + "/", object.site())) {
+    describe(object.key() + "/", *marker);
+  } else {
+    object.requireFolder();
+    attributes.put("s3.key", childPrefix(object.key()));
+    attributes.put("s3.implicitFolder", true);
+  }
+  return attributes;
+}
+
+void S3Provider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
+  auto client = this->client();
+  Object object(*client, bucket_, location, u"s3.setLastModified");
+  Headers const metadata{{mtimeHeader, formatMtime(time)}};
+  if (auto info = object.file()) {
+    // Metadata changes only by rewriting the object: a server-side copy onto itself.
+    Headers replaced = metadata;
+    for (auto const& [name, value] : info->metadata)
+      if (name != "mtime") replaced.emplace_back("x-amz-meta-" + name, value);
+    copyObject(*client, object.key(), *info, object.key(), replaced, object.site());
+    return;
+  }
+  object.requireFolder();
+  if (object.isRoot()) object.refuse(ErrorCode::UnsupportedOperation, "the bucket's root keeps no time");
+  putObject(*client, object.key() + "/", {}, metadata, object.site());
+}
+
+void S3Provider::setWritable(p::StorageIRI const& location, bool) {
+  if (exists(location) == p::ExistsResult::NotFound)
+    p::fail(ErrorCode::ResourceNotFound, location, u"s3.setWritable", "no such file or folder");
+  p::fail(ErrorCode::UnsupportedOperation, location, u"s3.setWritable", "objects have no read-only flag");
+}
+
+// --- files ------------------------------------------------------------------------------
+
+void S3Provider::createFile(p::StorageIRI const& file) {
+  auto client = this->client();
+  Object object(*client, bucket_, file, u"s3.createFile");
+  object.requireParentFolder();
+  if (object.isFolder()) object.refuse(ErrorCode::ResourceAlreadyExists, "a folder is there");
+  object.putNew(object.key());
+}
+
+void S3Provider::removeFile(p::StorageIRI const& file) {
+  auto client = this->client();
+  Object object(*client, bucket_, file, u"s3.removeFile");
+  object.requireFile();
+  deleteObject(*client, object.key(), object.site());
+  object.keepParentFolder();
+}
+
+void S3Provider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
+  auto client = this->client();
+  Object object(*client, bucket_, file, u"s3.truncateToSize");
+  auto info = object.requireFile();
+  TempFileStream stream(client, file, object.key(),
+                        {p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist, p::ByteStreamTruncate::Keep,
+                         p::ByteStreamAppend::AtPosition},
+                        info, false);
+  stream.resize(size);
+  stream.close(p::StreamClosePolicy::Commit);
+}
+
+namespace {
+
+/// The checks every writable open makes, then the stream that fits the options.
+std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> const& client, std::u16string const& bucket,
+                                                     p::StorageIRI const& file, p::ByteStreamOpenOptions const& options,
+                                                     bool commitWhenDestroyed, char16_t const* call) {
+  checkOptions(options, file, call);
+  Object object(*client, bucket, file, call);
+  object.requireParentFolder();
+  auto existing = object.file();
+  if (!existing) {
+    if (object.isFolder()) object.refuse(ErrorCode::ResourceNotFound, "a folder, not a file");
+    if (options.create == p::ByteStreamCreate::MustExist) object.refuse(ErrorCode::ResourceNotFound, "no such file");
+  }
+  if (needsTemporaryFile(options) && existing)
+    return std::make_unique<TempFileStream>(client, file, object.key(), options, existing, commitWhenDestroyed);
+  if (options.access == p::ByteStreamAccess::ReadWrite)
+    return std::make_unique<TempFileStream>(client, file, object.key(), options, std::nullopt, commitWhenDestroyed);
+  return std::make_unique<UploadStream>(client, file, object.key(), options.append == p::ByteStreamAppend::Append,
+                                        commitWhenDestroyed);
+}
+
+} // namespace
+
+std::unique_ptr<p::ByteStream> S3Provider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  return openWritable(client(), bucket_, file, options, true, u"s3.openStream");
+}
+
+std::unique_ptr<p::ByteStream> S3Provider::openReadOnlyStream(p::StorageIRI const& file) {
+  auto client = this->client();
+  Object object(*client, bucket_, file, u"s3.openReadOnlyStream");
+  return std::make_unique<ReadStream>(client, file, object.key(), object.requireFile());
+}
+
+std::unique_ptr<p::TransactionalStream> S3Provider::openTransactionalStream(p::StorageIRI const& file,
+                                                                            p::ByteStreamOpenOptions const& options) {
+  return openWritable(client(), bucket_, file, options, false, u"s3.openTransactionalStream");
+}
+
+// --- copies and moves -------------------------------------------------------------------
+
+namespace {
+
+/// What to do about an existing destination file: true to go on, false to skip.
+bool mayReplace(Object const& destination, p::ReplacementPolicy policy) {
+  switch (destination.kind()) {
+  case p::ExistsResult::Folder:
+    if (policy == p::ReplacementPolicy::KeepExisting) return false;
+    destination.refuse(ErrorCode::ResourceAlreadyExists, "a folder is in the way");
+  case p::ExistsResult::File:
+    if (policy == p::ReplacementPolicy::KeepExisting) return false;
+    if (policy == p::ReplacementPolicy::FailIfExists) destination.refuse(ErrorCode::ResourceAlreadyExists, "the destination exists");
+    return true;
+  case p::ExistsResult::NotFound: break;
+  }
+  destination.requireParentFolder();
+  return true;
+}
+
+} // namespace
+
+p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                                   p::CopyFileOptions const& options) {
+  checkPolicy(options.policy, destination.getLocation(), u"s3.copyFile");
+  if (destination.getProvider().get() != this) return p::copyFileThroughStreams(*this, source, destination, options);
+  auto client = this->client();
+  Object from(*client, bucket_, source, u"s3.copyFile");
+  auto info = from.requireFile();
+  Object to(*client, bucket_, destination.getLocation(), u"s3.copyFile");
+  if (!mayReplace(to, options.policy)) return p::CopyResult::Skipped;
+  if (to.key() == from.key()) return p::CopyResult::Copied; // onto itself: nothing to do
+  copyObject(*client, from.key(), info, to.key(), std::nullopt, to.site(), [&](std::uint64_t done) {
+    if (options.progress) options.progress(done, info.size);
+  });
+  return p::CopyResult::Copied;
+}
+
+void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, u"s3.moveFile");
+  auto client = this->client();
+  Object from(*client, bucket_, source, u"s3.moveFile");
+  auto info = from.requireFile();
+  Object to(*client, bucket_, destination, u"s3.moveFile");
+  if (to.key() == from.key() || !mayReplace(to, policy)) return;
+  // Copy first: until the copy is complete the source is untouched.
+  copyObject(*client, from.key(), info, to.key(), std::nullopt, to.site());
+  deleteObject(*client, from.key(), from.site());
+  from.keepParentFolder();
+}
+
+void S3Provider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  checkPolicy(policy, destination, u"s3.moveFolder");
+  auto client = this->client();
+  Object from(*client, bucket_, source, u"s3.moveFolder");
+  Object to(*client, bucket_, destination, u"s3.moveFolder");
+  if (from.isRoot()) from.refuse(ErrorCode::InvalidLocation, "the bucket's root cannot move");
+  if (from.file()) from.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
+  from.requireFolder();
+  if (to.key() == from.key() || to.key().starts_with(from.key() + "/"))
+    to.refuse(ErrorCode::InvalidLocation, "a folder cannot move into itself");
+  bool destinationExisted = false;
+  switch (to.kind()) {
+  case p::ExistsResult::File: to.refuse(ErrorCode::ResourceAlreadyExists, "a file is in the way");
+  case p::ExistsResult::Folder:
+    if (policy == p::ReplacementPolicy::FailIfExists || policy == p::ReplacementPolicy::KeepExisting)
+      to.refuse(ErrorCode::ResourceAlreadyExists, "the destination folder exists");
+    if (listChildren(*client, to.key(), {}, to.site()).size() > 0) to.refuse(ErrorCode::FolderNotEmpty, "the destination folder is not empty");
+    destinationExisted = true;
+    break;
+  case p::ExistsResult::NotFound: to.requireParentFolder(); break;
+  }
+
+  std::string const fromPrefix = from.key() + "/", toPrefix = to.key() + "/";
+  std::vector<std::string> sources;
+  forEachPage(*client, fromPrefix, false, [&](ListPage const& page) {
+    for (auto const& object : page.objects) sources.push_back(object.key);
+  }, from.site());
+  std::vector<std::string> copies;
+  try {
+    if (sources.empty() || sources.front() != fromPrefix) putObject(*client, toPrefix, {}, {}, to.site());
+    for (auto const& key : sources) {
+      auto info = headObject(*client, key, from.site());
+      if (!info) continue; // removed meanwhile
+      std::string const target = toPrefix + key.substr(fromPrefix.size());
+      copyObject(*client, key, *info, target, std::nullopt, to.site());
+      if (target != toPrefix || !destinationExisted) copies.push_back(target);
+    }
+  } catch (...) {
+    // Undo the partial copy; the source was never touched.
+    try {
+      deleteObjects(*client, copies, to.site());
+    } catch (...) {
+    }
+    throw;
+  }
+  deleteObjects(*client, sources, from.site());
+  from.keepParentFolder();
+}
+
+// --- folders ----------------------------------------------------------------------------
+
+void S3Provider::createFolder(p::StorageIRI const& folder) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.createFolder");
+  object.requireParentFolder();
+  if (object.kind() != p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
+  object.putNew(object.key() + "/");
+}
+
+void S3Provider::createFolderRecursive(p::StorageIRI const& folder) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.createFolderRecursive");
+  if (object.isRoot()) return;
+  // Walk up to the first existing ancestor, then create downwards.
+  std::vector<std::string> missing;
+  for (std::string key = object.key(); !key.empty(); key = parentKey(key)) {
+    if (headObject(*client, key, object.site())) object.refuse(ErrorCode::ResourceAlreadyExists, "a file is in the way: " + key);
+    if (anyKeyWithPrefix(*client, key + "/", object.site())) break;
+    missing.push_back(key);
+  }
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    auto response = client->send({"PUT", *it + "/", {}, {{"if-none-match", "*"}}, {}}, object.site());
+    if (!response.ok() && response.status != 412) failWith(response, object.site()); // 412: a racing creator won
+  }
+}
+
+void S3Provider::removeFolder(p::StorageIRI const& folder) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.removeFolder");
+  if (object.isRoot()) object.refuse(ErrorCode::InvalidLocation, "the bucket's root cannot be removed");
+  if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
+  auto page = listPage(*client, object.key() + "/", false, {}, 2, object.site());
+  if (page.objects.empty()) object.refuse(ErrorCode::ResourceNotFound, "no such folder");
+  if (page.objects.size() > 1 || page.objects.front().key != object.key() + "/")
+    object.refuse(ErrorCode::FolderNotEmpty, "the folder is not empty");
+  deleteObject(*client, object.key() + "/", object.site());
+  object.keepParentFolder();
+}
+
+void S3Provider::removeFolderRecursively(p::StorageIRI const& folder) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.removeFolderRecursively");
+  if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
+  std::vector<std::string> keys;
+  forEachPage(*client, childPrefix(object.key()), false, [&](ListPage const& page) {
+    for (auto const& listed : page.objects) keys.push_back(listed.key);
+  }, object.site());
+  if (keys.empty() && !object.isRoot()) object.refuse(ErrorCode::ResourceNotFound, "no such folder");
+  deleteObjects(*client, keys, object.site());
+  if (!object.isRoot()) object.keepParentFolder();
+}
+
+p::FilenameSensitivity S3Provider::getFilenameSensitivity(p::StorageIRI const&) { return p::FilenameSensitivity::CaseSensitive; }
+
+p::PathComparatorFunction S3Provider::getPathComparator(p::StorageIRI const&) {
+  return p::makePathComparator(p::FilenameSensitivity::CaseSensitive);
+}
+
+// --- listings ---------------------------------------------------------------------------
+
+namespace {
+
+std::unique_ptr<p::IFolderEntryIterator> snapshot(std::vector<p::FolderEntry> entries) {
+  return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
+}
+
+} // namespace
+
+#define S3_LIST_CHILDREN(method, files, folders, attributes)                                                           \
+  std::unique_ptr<p::IFolderEntryIterator> S3Provider::method(p::StorageIRI const& folder, std::u16string const& pattern) { \
+    auto client = this->client();                                                                                      \
+    Object object(*client, bucket_, folder, u"s3." #method);                                                           \
+    return snapshot(listChildren(*client, object.key(), {files, folders, attributes, pattern}, object.site()));         \
+  }
+S3_LIST_CHILDREN(listAllNamesOnly, true, true, false)
+S3_LIST_CHILDREN(listFilesNamesOnly, true, false, false)
+S3_LIST_CHILDREN(listFoldersNamesOnly, false, true, false)
+S3_LIST_CHILDREN(listAll, true, true, true)
+S3_LIST_CHILDREN(listFiles, true, false, true)
+S3_LIST_CHILDREN(listFolders, false, true, true)
+#undef S3_LIST_CHILDREN
+
+std::unique_ptr<p::IFolderEntryIterator> S3Provider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
+                                                                                std::u16string const& pattern) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.listAllRecursiveNamesOnly");
+  return snapshot(listTree(*client, object.key(), {true, true, false, pattern}, object.site()));
+}
+
+std::unique_ptr<p::IFolderEntryIterator> S3Provider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, u"s3.listAllRecursive");
+  return snapshot(listTree(*client, object.key(), {true, true, true, pattern}, object.site()));
+}
+
+// --- administration ---------------------------------------------------------------------
+
+bool S3Provider::hasFeature(p::ExtendedFeature feature) {
+  switch (feature) {
+  case p::ExtendedFeature::NativeRecursiveRemoval:
+  case p::ExtendedFeature::RecursiveListing:
+  case p::ExtendedFeature::FlatWildcardListing:
+  case p::ExtendedFeature::RecursiveWildcardListing: return true;
+  case p::ExtendedFeature::RecursiveChangeEvents: return false;
+  }
+  return false;
+}
+
+void S3Provider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
+  std::lock_guard lock(mutex_);
+  S3Settings changed = settings_;
+  try {
+    changed.apply(settings);
+    client_ = std::make_shared<S3Client>(changed, fl::i18n::to_utf8(bucket_), requests_);
+  } catch (std::invalid_argument const& e) {
+    p::fail(ErrorCode::InvalidLocation, location, u"s3.configure", e.what());
+  }
+  settings_ = std::move(changed);
+}
+
+void S3Provider::shutdownProvider(p::StorageIRI const&) { poller_.stopAll(); }
+
+p::StorageInfo S3Provider::getProviderStorageInfo(p::StorageIRI const&) {
+  p::StorageInfo info; // an object store has no fixed capacity to tell
+  info.details.put("s3.bucket", fl::i18n::to_utf8(bucket_));
+  info.details.put("s3.endpoint", client()->settings().endpoint);
+  return info;
+}
+
+void S3Provider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback, std::vector<events::Kind> const&) {
+  throw p::ChangeEventsNotSupportedException(file, "S3 stores report no changes; use change polling");
+}
+
+void S3Provider::stopPublishingFileEvents(p::StorageIRI const&) {}
+
+void S3Provider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback, std::vector<events::Kind> const&,
+                                     p::RecursiveWatching) {
+  throw p::ChangeEventsNotSupportedException(folder, "S3 stores report no changes; use change polling");
+}
+
+void S3Provider::stopPublishingFolderEvents(p::StorageIRI const&) {}
+
+void S3Provider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
+                                             std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
+                                             p::RecursivePolling recursive) {
+  poller_.start(folder, std::move(callback), kinds, interval, recursive);
+}
+
+void S3Provider::stopChangePollingMechanism(p::StorageIRI const& folder) { poller_.stop(folder); }
+
+} // namespace foundation::storage::providers::s3

@@ -1,0 +1,263 @@
+// The s3 provider's own behaviour against a real gateway: request counts, multipart
+// writes, transactions that die, conditional creation, failures and retries.
+
+#include "../support/item_io.hpp"
+#include "../support/s3_endpoint.hpp"
+#include "fault_proxy.hpp"
+
+#include <foundation/storage/provider/exceptions.hpp>
+#include <foundation/storage/systems/standard_storage_system.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <thread>
+
+namespace p = foundation::storage::provider;
+using testsupport::readFile;
+using testsupport::replaceAll;
+using testsupport::writeFile;
+
+namespace {
+
+/// A fresh folder of the test bucket, removed afterwards.
+class S3ProviderTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    SKIP_WITHOUT_S3();
+    provider_ = testsupport::makeS3Provider();
+    root_ = p::StorageIRI(u"s3://" + testsupport::s3TestBucket + u"/" + testsupport::uniqueS3FolderName(u"provider"));
+    provider_->createFolder(root_);
+  }
+  void TearDown() override {
+    if (provider_) provider_->removeFolderRecursively(root_);
+  }
+
+  p::StorageItem item(std::u16string const& relative) const { return p::StorageItem(p::StorageItem(provider_, root_), relative); }
+
+  /// Part size at its smallest, so that a few MiB make a multipart upload.
+  void useSmallParts() {
+    boost::property_tree::ptree settings;
+    settings.put("partSize", 5u << 20);
+    provider_->configure(root_, settings);
+  }
+
+  std::shared_ptr<testsupport::s3::S3Provider> provider_;
+  p::StorageIRI root_;
+};
+
+std::string pattern(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>('a' + (i * 7 + i / 4096) % 26);
+  return bytes;
+}
+
+std::uint16_t portOf(std::string const& endpoint) {
+  return static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
+}
+
+} // namespace
+
+TEST_F(S3ProviderTest, ListsTreesWithOneRequestPerThousandKeys) {
+  // 1,001 files, a folder and its marker: two pages. (The benchmark lists 10,000 keys.)
+  constexpr int files = 1001;
+  item(u"many/sub").createFolderRecursive();
+  std::vector<std::thread> writers;
+  for (int w = 0; w < 16; ++w)
+    writers.emplace_back([&, w] {
+      for (int i = w; i < files; i += 16) {
+        auto name = (i % 2 ? "sub/" : "") + std::to_string(i);
+        item(u"many/" + std::u16string(name.begin(), name.end())).openStream(replaceAll)->close();
+      }
+    });
+  for (auto& writer : writers) writer.join();
+
+  auto const before = provider_->requestCount();
+  auto cursor = item(u"many").listAllRecursiveNamesOnly(u"");
+  EXPECT_EQ(provider_->requestCount() - before, 2u);
+  std::size_t fileCount = 0, folderCount = 0;
+  while (cursor->hasNext()) {
+    cursor->next();
+    (cursor->current().isFile() ? fileCount : folderCount)++;
+  }
+  EXPECT_EQ(fileCount, static_cast<std::size_t>(files));
+  EXPECT_EQ(folderCount, 1u);
+
+  auto const beforeRemoval = provider_->requestCount();
+  item(u"many").removeFolderRecursively();
+  // the kind check, two listing pages, two batch deletes, the parent's existence
+  EXPECT_EQ(provider_->requestCount() - beforeRemoval, 6u);
+  EXPECT_FALSE(item(u"many").folderExists());
+}
+
+TEST_F(S3ProviderTest, LargeWritesGoInPartsAndReadBackInParallelRanges) {
+  useSmallParts();
+  auto const payload = pattern((17u << 20) + 123);
+  auto out = item(u"big.bin").openTransactionalStream(replaceAll);
+  for (std::size_t at = 0; at < payload.size(); at += 1 << 20)
+    out->write(payload.data() + at, static_cast<std::streamsize>(std::min<std::size_t>(1 << 20, payload.size() - at)));
+  EXPECT_THROW(out->seek(0, std::ios_base::beg), p::ByteStreamSeekFailure); // parts already sent
+  EXPECT_FALSE(item(u"big.bin").fileExists());
+  out->close(p::StreamClosePolicy::Commit);
+
+  EXPECT_EQ(item(u"big.bin").getFileAttributes().getSize(), payload.size());
+  EXPECT_EQ(readFile(item(u"big.bin")), payload);
+  auto in = item(u"big.bin").openReadOnlyStream();
+  in->seek(-100, std::ios_base::end);
+  EXPECT_EQ(testsupport::readAll(*in), payload.substr(payload.size() - 100));
+
+  // A server-side copy of a multipart object, with progress.
+  std::uint64_t done = 0;
+  item(u"big.bin").copyFile(item(u"copy.bin"), {p::ReplacementPolicy::FailIfExists, [&](std::uint64_t d, std::uint64_t) { done = d; }});
+  EXPECT_EQ(done, payload.size());
+  EXPECT_EQ(readFile(item(u"copy.bin")), payload);
+}
+
+TEST_F(S3ProviderTest, UnfinishedMultipartWritesLeaveTheOldObject) {
+  useSmallParts();
+  writeFile(item(u"t.bin"), "old");
+  auto const payload = pattern(11u << 20);
+  {
+    auto abandoned = item(u"t.bin").openTransactionalStream(replaceAll);
+    abandoned->write(payload.data(), static_cast<std::streamsize>(payload.size()));
+  }
+  EXPECT_EQ(readFile(item(u"t.bin")), "old");
+
+  // The writing process dies with parts sent and the upload open.
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // A provider of its own: the parent's pooled connections are not the child's to use.
+    auto dying = p::StorageItem(testsupport::makeS3Provider(), item(u"t.bin").getLocation()).openTransactionalStream(replaceAll);
+    dying->write(payload.data(), static_cast<std::streamsize>(payload.size()));
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(readFile(item(u"t.bin")), "old");
+}
+
+TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
+  for (int round = 0; round < 3; ++round) {
+    auto const name = u"race" + std::u16string(1, static_cast<char16_t>(u'0' + round));
+    std::atomic<int> created{0}, refused{0};
+    std::vector<std::thread> racers;
+    for (int r = 0; r < 6; ++r)
+      racers.emplace_back([&] {
+        try {
+          item(name).createFile();
+          ++created;
+        } catch (p::Exception const& e) {
+          if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists) ++refused;
+        }
+      });
+    for (auto& racer : racers) racer.join();
+    EXPECT_EQ(created.load(), 1);
+    EXPECT_EQ(refused.load(), 5);
+  }
+}
+
+TEST_F(S3ProviderTest, KeepsModificationTimesThroughCopiesAndMoves) {
+  auto const when = boost::posix_time::time_from_string("2001-02-03 04:05:06.789012");
+  item(u"d").createFolder();
+  writeFile(item(u"d/f.txt"), "f");
+  item(u"d/f.txt").setLastModified(when);
+  EXPECT_EQ(readFile(item(u"d/f.txt")), "f");
+  item(u"d/f.txt").copyFile(item(u"copy.txt"), {});
+  EXPECT_EQ(item(u"copy.txt").getFileAttributes().getLastModified(), when);
+  item(u"d").moveFolder(item(u"e").getLocation(), p::ReplacementPolicy::FailIfExists);
+  EXPECT_EQ(item(u"e/f.txt").getFileAttributes().getLastModified(), when);
+  EXPECT_EQ(item(u"d").exists(), p::ExistsResult::NotFound);
+  EXPECT_EQ(item(u"e/f.txt").getExtendedAttributes().get<std::string>("s3.key").substr(0, 8), "provider");
+}
+
+TEST_F(S3ProviderTest, FoldersStayWhenTheirLastItemGoes) {
+  item(u"a/b").createFolderRecursive();
+  writeFile(item(u"a/b/x.txt"), "x");
+  item(u"a/b/x.txt").moveFile(item(u"y.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
+  EXPECT_TRUE(item(u"a/b").folderExists());
+  item(u"a/b").removeFolder();
+  EXPECT_TRUE(item(u"a").folderExists());
+  EXPECT_EQ(readFile(item(u"y.txt")), "x");
+}
+
+TEST_F(S3ProviderTest, ReportsNoNativeChangesAndRefusesWritableFlags) {
+  EXPECT_THROW(item(u"").publishFolderEvents({}, {}, p::RecursiveWatching::No), p::ChangeEventsNotSupportedException);
+  EXPECT_FALSE(provider_->hasFeature(p::ExtendedFeature::RecursiveChangeEvents));
+  writeFile(item(u"f"), "f");
+  try {
+    item(u"f").setWritable(false);
+    ADD_FAILURE() << "setWritable succeeded";
+  } catch (p::Exception const& e) {
+    EXPECT_EQ(e.getErrorCode(), p::ErrorCode::UnsupportedOperation);
+  }
+  boost::property_tree::ptree bad;
+  bad.put("colour", "blue");
+  EXPECT_THROW(provider_->configure(root_, bad), p::Exception);
+}
+
+TEST_F(S3ProviderTest, WrongKeysArePermissionDeniedWithTheStoresAnswer) {
+  auto settings = testsupport::s3::S3Settings::fromEnvironment();
+  settings.secretAccessKey = "not-the-secret";
+  auto intruder = testsupport::makeS3Provider(settings);
+  try {
+    intruder->exists(p::StorageIRI(root_, u"x"));
+    ADD_FAILURE() << "a request with a wrong key succeeded";
+  } catch (p::Exception const& e) {
+    EXPECT_EQ(e.getErrorCode(), p::ErrorCode::PermissionDenied) << e.what();
+    ASSERT_FALSE(e.getAllExceptionContexts().empty());
+    auto const& context = e.getAllExceptionContexts().front();
+    EXPECT_EQ(context.getExceptionContextKey(), u"s3.exists");
+    EXPECT_NE(context.getMessage().find("HTTP 403 Forbidden"), std::string::npos) << context.getMessage();
+    EXPECT_NE(context.getMessage().find("request id"), std::string::npos) << context.getMessage();
+  }
+}
+
+TEST_F(S3ProviderTest, RetriesThrottledAndDroppedRequests) {
+  auto const upstream = portOf(testsupport::s3::S3Settings::fromEnvironment().endpoint);
+  for (auto fault : {testsupport::FaultProxy::Fault::SlowDown, testsupport::FaultProxy::Fault::Drop}) {
+    testsupport::FaultProxy proxy(upstream, fault, 2);
+    auto settings = testsupport::s3::S3Settings::fromEnvironment();
+    settings.endpoint = "http://127.0.0.1:" + std::to_string(proxy.port());
+    auto throughProxy = testsupport::makeS3Provider(settings);
+    writeFile(p::StorageItem(throughProxy, p::StorageIRI(root_, u"through.txt")), "made it");
+    EXPECT_EQ(readFile(item(u"through.txt")), "made it");
+    EXPECT_GE(proxy.requests(), 3);
+  }
+  // More failures than retries: IOError naming the status.
+  testsupport::FaultProxy proxy(upstream, testsupport::FaultProxy::Fault::SlowDown, 100);
+  auto settings = testsupport::s3::S3Settings::fromEnvironment();
+  settings.endpoint = "http://127.0.0.1:" + std::to_string(proxy.port());
+  try {
+    testsupport::makeS3Provider(settings)->exists(p::StorageIRI(root_, u"x"));
+    ADD_FAILURE() << "a throttled request succeeded";
+  } catch (p::Exception const& e) {
+    EXPECT_EQ(e.getErrorCode(), p::ErrorCode::IOError);
+    EXPECT_NE(std::string(e.what()).find("HTTP 503 Slow Down"), std::string::npos) << e.what();
+  }
+  EXPECT_EQ(proxy.requests(), 3); // the first attempt and two retries
+}
+
+TEST_F(S3ProviderTest, ListsNamesThatXmlCannotCarryRaw) {
+  std::u16string const control = u"bell\u0007, tab\t, plus+ and %41";
+  writeFile(item(control), "x");
+  std::vector<std::u16string> names;
+  for (auto cursor = item(u"").listAllNamesOnly(u""); cursor->hasNext();) {
+    cursor->next();
+    names.push_back(cursor->current().getName());
+  }
+  EXPECT_EQ(names, std::vector<std::u16string>{control});
+}
+
+TEST(S3StorageSystem, ServesS3LocationsOnePerBucket) {
+  auto system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  auto provider = system->buildProvider(p::StorageIRI(u"s3://Some-Bucket/a/b"));
+  EXPECT_NE(std::dynamic_pointer_cast<testsupport::s3::S3Provider>(provider), nullptr);
+  EXPECT_EQ(system->buildProvider(p::StorageIRI(u"s3://some-bucket/c")), provider);
+  EXPECT_NE(system->buildProvider(p::StorageIRI(u"s3://other/")), provider);
+  EXPECT_THROW(system->buildProvider(p::StorageIRI(u"s3:///no-bucket")), p::Exception);
+}
