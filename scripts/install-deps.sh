@@ -10,6 +10,7 @@ packages=(
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
+  fd-find hyperfine
 )
 
 missing=()

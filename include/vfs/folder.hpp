@@ -19,8 +19,10 @@ namespace foundation::storage::vfs {
 /// How `Folder::removeFolder` treats contents.
 enum class FolderRemovalPolicy : std::uint32_t { NonRecursive = 0, Recursive = 1 };
 
-FOUNDATION_API std::string toString(FolderRemovalPolicy const& policy);
-FOUNDATION_API std::ostream& operator<<(std::ostream& os, FolderRemovalPolicy const& policy);
+/// "FolderRemovalPolicy::<name>"; any other value gives the empty text.
+FOUNDATION_API std::string toString(FolderRemovalPolicy policy);
+/// Writes `toString(policy)`: nothing at all for a value outside the policy.
+FOUNDATION_API std::ostream& operator<<(std::ostream& os, FolderRemovalPolicy policy);
 
 /// Compares two names or paths under a case rule, as the provider defines it.
 class FOUNDATION_API PathComparator {
@@ -68,6 +70,20 @@ public:
   /// Asks the provider to flush the file system holding the folder.
   void flushFilesystem();
 
+  /// Moves the tree: by the provider within one scheme; across schemes, or where the
+  /// provider refuses, by copyFolder and then recursive removal of this folder. A failed
+  /// fallback leaves what it did: the source is removed only after the whole copy succeeded.
+  void moveFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
+  /// Copies the tree onto `destination` (which becomes this folder's counterpart), file by
+  /// file. Existing destination folders are kept (policies 2 to 4), replaced when empty
+  /// (Overwrite), or refused (FailIfExists). Existing destination files are overwritten
+  /// only by ForceOverwrite and OverwriteDeferringPermissionErrors; the other policies keep
+  /// them. With OverwriteDeferringPermissionErrors a file refused for lack of permission is
+  /// reported after the rest was copied. InvalidLocation for a destination inside this tree.
+  void copyFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
+  /// `copyFolder` onto the folder of this folder's name in `destinationParent`.
+  void copyFolderInto(Folder const& destinationParent, provider::ReplacementPolicy const& policy) const;
+
   friend FOUNDATION_API bool operator==(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator!=(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator<(Folder const& a, Folder const& b);
@@ -82,8 +98,9 @@ private:
 
 FOUNDATION_API std::ostream& operator<<(std::ostream& os, Folder const& folder);
 
-/// Removes a folder and everything below it, for providers without their own recursive
-/// removal.
+/// Removes a folder and everything below it with a walk, for providers without their own
+/// recursive removal. Entries that vanish meanwhile are no failure; a vanished `folder`
+/// is. A link to a folder is removed, not followed.
 FOUNDATION_API void removeNonEmptyFolder(Folder const& folder);
 
 /// A file or a folder; File is alternative 0.
@@ -105,6 +122,12 @@ FOUNDATION_API bool isSymlink(FileOrFolder const& item);
 FOUNDATION_API void remove(FileOrFolder const& item, FolderRemovalPolicy const& policy);
 FOUNDATION_API void setWritable(FileOrFolder const& item, bool writable);
 FOUNDATION_API void setLastModified(FileOrFolder const& item, boost::posix_time::ptime const& time);
+/// File::moveFile or Folder::moveFolder; std::logic_error for a file onto a folder or back.
+FOUNDATION_API void move(FileOrFolder const& source, FileOrFolder const& destination,
+                         provider::ReplacementPolicy const& policy);
+/// File::copyFile (its result) or Folder::copyFolder (Copied); std::logic_error for mixed kinds.
+FOUNDATION_API provider::CopyResult copy(FileOrFolder const& source, FileOrFolder const& destination,
+                                         provider::ReplacementPolicy const& policy);
 
 /// What stands at a location: the provider's answer; not found is NotFound.
 FOUNDATION_API provider::ExistsResult exists(AbsoluteIRI const& iri, StorageSystemReference const& system);

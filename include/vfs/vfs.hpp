@@ -7,3 +7,4 @@
 #include <vfs/file.hpp>
 #include <vfs/folder.hpp>
 #include <vfs/storage_system.hpp>
+#include <vfs/walk.hpp>
