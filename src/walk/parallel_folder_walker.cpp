@@ -8,6 +8,7 @@
 #include <oneapi/tbb/task_group.h>
 
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace foundation::storage::vfs {
@@ -62,7 +63,7 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
   FolderVisitResult const before = visitor_.visitEntryBefore(entry);
   if (before != FolderVisitResult::Continue) return before;
 
-  boost::optional<Listing::iterator> position, end;
+  std::optional<Listing::iterator> position, end;
   try {
     Listing const listing = entry.getFolder().listAllEntries(std::u16string());
     position = listing.begin();

@@ -13,6 +13,7 @@
 #include <boost/optional.hpp>
 
 #include <exception>
+#include <optional>
 #include <vector>
 
 namespace foundation::storage::vfs {
@@ -25,8 +26,8 @@ struct Level {
   explicit Level(FolderEntry folder) : entry(std::move(folder)) {}
 
   FolderEntry entry;
-  boost::optional<Listing::iterator> position; ///< the entry being visited; none before listing
-  boost::optional<Listing::iterator> end;
+  std::optional<Listing::iterator> position; ///< the entry being visited; none before listing
+  std::optional<Listing::iterator> end;
 };
 
 class SerialWalk {
