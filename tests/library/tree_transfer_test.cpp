@@ -163,6 +163,8 @@ TEST_P(TreeTransfer, EveryReplacementPolicyOnAnExistingDestination) {
     EXPECT_EQ(e.getLocation(), h.at(u"dst1"));
   }
   // Overwrite replaces an existing empty folder.
+  write(h.file(u"src/a.txt"), "a");
+  write(h.file(u"src/sub/b.txt"), "b");
   h.folder(u"dst5").createFolder();
   h.folder(u"src").copyFolder(h.folder(u"dst5"), Policy::Overwrite);
   expectCopyOfSource(h.folder(u"dst5"));
@@ -201,9 +203,9 @@ TEST_P(TreeTransfer, PermissionFailuresAreDeferredToTheEndWithPolicyThree) {
 
   // A move with deferred failures keeps its source.
   EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
-                   h.folder(u"src").moveFolder(elsewhere(u"moved"), Policy::OverwriteDeferringPermissionErrors));
+                   h.folder(u"src").moveFolder(elsewhere("moved"), Policy::OverwriteDeferringPermissionErrors));
   EXPECT_EQ(read(h.file(u"src/a.txt")), "a");
-  EXPECT_EQ(read(vfs::File(elsewhere(u"moved"), u"sub/b.txt")), "b");
+  EXPECT_EQ(read(vfs::File(elsewhere("moved"), u"sub/b.txt")), "b");
 }
 
 TEST_P(TreeTransfer, MovesWithinAProviderAreTheProvidersOwn) {
@@ -233,7 +235,7 @@ TEST_P(TreeTransfer, MovesWithinAProviderAreTheProvidersOwn) {
 }
 
 TEST_P(TreeTransfer, MovesAndCopiesAcrossProviders) {
-  auto const there = elsewhere(u"tree");
+  auto const there = elsewhere("tree");
   h.folder(u"src").copyFolder(there, Policy::FailIfExists);
   expectCopyOfSource(there);
   there.moveFolder(h.folder(u"back"), Policy::FailIfExists);
@@ -247,9 +249,9 @@ TEST_P(TreeTransfer, MovesAndCopiesAcrossProviders) {
 
 TEST_P(TreeTransfer, AFailedMoveAcrossProvidersKeepsTheSource) {
   h.faults->failOn(Operation::CopyFile, h.at(u"src/sub/b.txt").toStorageIRI(), p::ErrorCode::IOError);
-  EXPECT_VFS_ERROR(ErrorCode::IOError, h.folder(u"src").moveFolder(elsewhere(u"moved"), Policy::Overwrite));
+  EXPECT_VFS_ERROR(ErrorCode::IOError, h.folder(u"src").moveFolder(elsewhere("moved"), Policy::Overwrite));
   expectCopyOfSource(h.folder(u"src"));
-  EXPECT_TRUE(elsewhere(u"moved").folderExists()); // what was copied stays
+  EXPECT_TRUE(elsewhere("moved").folderExists()); // what was copied stays
 }
 
 TEST_P(TreeTransfer, RecursiveRemovalFailsForATreeGoneAlreadyAndToleratesEntriesGoneMeanwhile) {
