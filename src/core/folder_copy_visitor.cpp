@@ -43,14 +43,18 @@ FolderVisitResult FolderCopyVisitor::visitBefore(Folder const& folder) {
     }
   }
   currentDestination_ = target;
+  createdLevels_.push_back(create && !deferredFolderFailure_);
   return FolderVisitResult::Continue;
 }
 
 FolderVisitResult FolderCopyVisitor::visit(File const& file) {
   deferredFolderFailure_.reset();
   File const target(currentOrRoot(), file.getName());
-  // Only the two overwriting policies of the library's own replace an existing file.
-  if (policy_ != Policy::ForceOverwrite && policy_ != Policy::OverwriteDeferringPermissionErrors && target.fileExists())
+  // Only the two overwriting policies of the library's own replace an existing file. A
+  // folder this copy has just created holds none: no need to ask.
+  bool const createdHere = !createdLevels_.empty() && createdLevels_.back();
+  if (policy_ != Policy::ForceOverwrite && policy_ != Policy::OverwriteDeferringPermissionErrors && !createdHere &&
+      target.fileExists())
     return FolderVisitResult::Continue;
   try {
     file.copyFile(target, policy_);
@@ -68,6 +72,7 @@ FolderVisitResult FolderCopyVisitor::visit(File const& file) {
 FolderVisitResult FolderCopyVisitor::visitAfter(Folder const& folder) {
   if (deferredFolderFailure_) throw *deferredFolderFailure_;
   if (!currentDestination_) return FolderVisitResult::Continue;
+  if (!createdLevels_.empty()) createdLevels_.pop_back();
   Folder const done = *currentDestination_;
   if (done != destinationRoot_) currentDestination_ = done.getParent();
   if (done.getLocation().getScheme() == folder.getLocation().getScheme()) {

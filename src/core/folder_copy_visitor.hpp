@@ -6,6 +6,8 @@
 
 #include <boost/optional.hpp>
 
+#include <vector>
+
 namespace foundation::storage::vfs::detail {
 
 class FolderCopyVisitor final : public FolderVisitor {
@@ -30,6 +32,8 @@ private:
   Folder destinationRoot_;
   boost::optional<Folder> currentDestination_;
   provider::ReplacementPolicy policy_;
+  /// Per folder being copied, outermost first: whether this copy created its counterpart.
+  std::vector<bool> createdLevels_;
 };
 
 } // namespace foundation::storage::vfs::detail
