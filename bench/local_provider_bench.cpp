@@ -27,6 +27,7 @@ using foundation::storage::providers::local::LocalProvider;
 namespace {
 
 using benchtree::benchRoot;
+using benchtree::reportEntries;
 using benchtree::tree;
 
 /// The 1 GiB source, read once so that both contenders copy from the page cache.
@@ -47,23 +48,9 @@ fs::path const& bigFile() {
   return file;
 }
 
-void reportEntries(benchmark::State& state, std::size_t entries) {
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * entries));
-  state.counters["entries"] = static_cast<double>(entries);
-}
-
 } // namespace
 
-static void ListNamesOnly_Getdents64(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = benchtree::bareWalk(fd, benchtree::nameOnly);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void ListNamesOnly_Getdents64(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::nameOnly); }
 
 static void ListNamesOnly_StdFilesystem(benchmark::State& state) {
   tree();
@@ -92,16 +79,7 @@ static void ListNamesOnly_LocalProvider(benchmark::State& state) {
   reportEntries(state, entries);
 }
 
-static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = benchtree::bareWalk(fd, benchtree::statEntry);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::statEntry); }
 
 static void ListWithAttributes_StdFilesystem(benchmark::State& state) {
   tree();

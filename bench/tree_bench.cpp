@@ -31,6 +31,7 @@ using foundation::storage::systems::StandardStorageSystem;
 namespace {
 
 using benchtree::benchRoot;
+using benchtree::reportEntries;
 using benchtree::tree;
 
 /// 20,000 files in 1,000 folders.
@@ -71,11 +72,6 @@ void run(benchmark::State& state, std::string const& command) {
   if (std::system((command + " >/dev/null").c_str()) != 0) state.SkipWithError(("failed: " + command).c_str());
 }
 
-void reportEntries(benchmark::State& state, std::size_t entries) {
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * entries));
-  state.counters["entries"] = static_cast<double>(entries);
-}
-
 /// The bare two-thread walk: a shared queue of open folders; each thread reads one folder
 /// with getdents64, stats every entry and queues the sub-folders.
 std::size_t bareParallelWalk(fs::path const& root, int threads) {
@@ -85,7 +81,6 @@ std::size_t bareParallelWalk(fs::path const& root, int threads) {
   int busy = 0;
   std::atomic<std::size_t> entries{0};
   auto worker = [&] {
-    alignas(benchtree::Dirent64) char buffer[64 * 1024];
     std::size_t mine = 0;
     for (;;) {
       int dirfd;
@@ -98,17 +93,10 @@ std::size_t bareParallelWalk(fs::path const& root, int threads) {
         ++busy;
       }
       std::vector<int> found;
-      for (long got; (got = ::syscall(SYS_getdents64, dirfd, buffer, sizeof buffer)) > 0;) {
-        for (long offset = 0; offset < got;) {
-          auto const* entry = reinterpret_cast<benchtree::Dirent64 const*>(buffer + offset);
-          offset += entry->reclen;
-          char const* name = reinterpret_cast<char const*>(entry) + offsetof(benchtree::Dirent64, type) + 1;
-          if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-          ++mine;
-          benchtree::statEntry(dirfd, name, entry->type == DT_DIR);
-          if (entry->type == DT_DIR) found.push_back(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        }
-      }
+      mine += benchtree::readFolder(dirfd, [&](char const* name, bool isFolder) {
+        benchtree::statEntry(dirfd, name, isFolder);
+        if (isFolder) found.push_back(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      });
       ::close(dirfd);
       {
         std::lock_guard lock(mutex);
@@ -125,8 +113,14 @@ std::size_t bareParallelWalk(fs::path const& root, int threads) {
   return entries;
 }
 
+/// A visitor that needs no folder handles: the folder callbacks build none.
+struct FilesOnly : vfs::FolderVisitor {
+  vfs::FolderVisitResult visitEntryBefore(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
+  vfs::FolderVisitResult visitEntryAfter(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
+};
+
 /// Counts files and sums their sizes from the attributes the listings delivered.
-struct SizeSummer final : vfs::FolderVisitor {
+struct SizeSummer final : FilesOnly {
   std::atomic<std::size_t> files{0};
   std::atomic<std::uint64_t> bytes{0};
   vfs::FolderVisitResult visitEntry(vfs::FileEntry const& entry) override {
@@ -134,15 +128,11 @@ struct SizeSummer final : vfs::FolderVisitor {
     bytes.fetch_add(entry.getAttributes().getSize(), std::memory_order_relaxed);
     return vfs::FolderVisitResult::Continue;
   }
-  vfs::FolderVisitResult visitEntryBefore(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
-  vfs::FolderVisitResult visitEntryAfter(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
 };
 
-struct FileCounter final : vfs::FolderVisitor {
+struct FileCounter final : FilesOnly {
   std::size_t files = 0;
   vfs::FolderVisitResult visitEntry(vfs::FileEntry const&) override { return ++files, vfs::FolderVisitResult::Continue; }
-  vfs::FolderVisitResult visitEntryBefore(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
-  vfs::FolderVisitResult visitEntryAfter(vfs::FolderEntry const&) override { return vfs::FolderVisitResult::Continue; }
 };
 
 } // namespace
@@ -190,27 +180,9 @@ static void WalkSerial_Library(benchmark::State& state) {
   state.counters["files"] = static_cast<double>(files);
 }
 
-static void WalkSerial_BareGetdents64(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = benchtree::bareWalk(fd, benchtree::nameOnly);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void WalkSerial_BareGetdents64(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::nameOnly); }
 
-static void WalkSerial_BareGetdents64Fstatat(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = benchtree::bareWalk(fd, benchtree::statEntry);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void WalkSerial_BareGetdents64Fstatat(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::statEntry); }
 
 static void WalkSerial_Find(benchmark::State& state) {
   tree();
