@@ -48,9 +48,11 @@ void Folder::moveFolder(Folder const& destination, Policy const& policy) const {
 
 void Folder::copyFolder(Folder const& destination, Policy const& policy) const {
   if (!folderExists()) throw Exception(vfs::ErrorCode::ResourceNotFound, getLocation());
-  // Copying a folder into itself would copy its own copies.
-  auto const& source = item_.getLocation();
-  auto const& target = destination.item_.getLocation();
+  // Copying a folder into itself would copy its own copies, without end on a provider
+  // without a path length limit: compare with dot segments resolved.
+  auto const resolved = [](provider::StorageIRI const& iri) { return iri.withPath(iri.getResolvedPath()); };
+  auto const source = resolved(item_.getLocation());
+  auto const target = resolved(destination.item_.getLocation());
   if (source == target || source.isAncestorOf(target))
     throw Exception(vfs::ErrorCode::InvalidLocation, destination.getLocation());
   detail::guarded([&] {
