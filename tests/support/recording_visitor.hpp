@@ -119,8 +119,9 @@ inline void expectCausalOrder(std::vector<Call> const& calls) {
     for (auto const& [folder, order] : before) {
       if (!isBelow(call.path, folder)) continue;
       EXPECT_LT(order, call.order) << call.kind << ":" << call.path << " before its folder " << folder;
-      if (auto const end = after.find(folder); end != after.end() && call.kind != "failed")
+      if (auto const end = after.find(folder); end != after.end() && call.kind != "failed") {
         EXPECT_GT(end->second, call.order) << call.kind << ":" << call.path << " after its folder " << folder;
+      }
     }
   }
 }
