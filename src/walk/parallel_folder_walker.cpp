@@ -11,11 +11,40 @@
 #include <optional>
 #include <vector>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace foundation::storage::vfs {
 
 namespace {
 
 using Listing = FolderListing<FileOrFolderEntry>;
+
+// oneTBB hands tasks over and joins them inside its own library, which ThreadSanitizer does
+// not see: tell it about those two hand-overs, or it reports every task as racing with the
+// thread that spawned it.
+#if defined(__SANITIZE_THREAD__)
+void handOver(void const* token) { __tsan_release(const_cast<void*>(token)); }
+void takeOver(void const* token) { __tsan_acquire(const_cast<void*>(token)); }
+#else
+void handOver(void const*) {}
+void takeOver(void const*) {}
+#endif
+
+/// Hands over from a task to the thread that waits for it, also when the task throws.
+struct HandOverAtEnd {
+  void const* token;
+  ~HandOverAtEnd() { handOver(token); }
+};
+
+/// The first member of a task: orders the task's construction after the last use of its
+/// memory (oneTBB reuses it from thread to thread) and its destruction before the next.
+struct TaskMemory {
+  TaskMemory() { takeOver(this); }
+  TaskMemory(TaskMemory const&) : TaskMemory() {}
+  ~TaskMemory() { handOver(this); }
+};
 
 /// Stop if any task stopped, else Skip if any skipped, else Continue.
 FolderVisitResult fold(std::vector<FolderVisitResult> const& results) {
@@ -31,6 +60,18 @@ FolderVisitResult fold(std::vector<FolderVisitResult> const& results) {
 
 /// One entry of a folder, visited on whichever thread the scheduler picks.
 struct ParallelFolderWalker::EntryTask {
+  EntryTask(ParallelFolderWalker const* w, std::vector<FolderVisitResult>* r, std::mutex* m, FolderEntry const* p,
+            FileOrFolderEntry e)
+      : walker(w), results(r), mutex(m), parent(p), entry(std::move(e)) {
+    handOver(&memory);
+  }
+  EntryTask(EntryTask const& other) : EntryTask(other.walker, other.results, other.mutex, other.parent, other.entry) {}
+  EntryTask(EntryTask&& other) noexcept
+      : walker(other.walker), results(other.results), mutex(other.mutex), parent(other.parent), entry(std::move(other.entry)) {
+    handOver(&memory); // from the spawning thread to the one that runs the task
+  }
+
+  TaskMemory memory;
   ParallelFolderWalker const* walker;
   std::vector<FolderVisitResult>* results;
   std::mutex* mutex;
@@ -38,6 +79,8 @@ struct ParallelFolderWalker::EntryTask {
   FileOrFolderEntry entry;
 
   void operator()() const {
+    takeOver(&memory);
+    HandOverAtEnd const done{results};
     FolderVisitResult result;
     try {
       result = walker->isCancelled_() ? FolderVisitResult::Stop : boost::apply_visitor(*walker, entry);
@@ -77,8 +120,7 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
   std::mutex mutex;
   std::vector<FolderVisitResult> results;
   try {
-    for (; *position != *end; ++*position)
-      group.run(EntryTask{this, &results, &mutex, &entry, **position});
+    for (; *position != *end; ++*position) group.run(EntryTask(this, &results, &mutex, &entry, **position));
   } catch (...) {
     // Advancing the listing failed: the tasks already running still use this frame.
     try {
@@ -86,11 +128,18 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
     } catch (...) {
       // the listing's failure is the one reported
     }
+    takeOver(&results);
     throw;
   }
   position.reset(); // the listing is no longer needed while the tasks run
   end.reset();
-  group.wait();
+  try {
+    group.wait();
+  } catch (...) {
+    takeOver(&results);
+    throw;
+  }
+  takeOver(&results);
 
   FolderVisitResult const folded = fold(results);
   if (isCancelled_() || folded == FolderVisitResult::Stop) return FolderVisitResult::Stop;
