@@ -8,17 +8,16 @@
 // (default /tmp/vfs-bench) and kept: this disk creates files slowly right after deleting
 // many, so the benchmark never deletes and re-creates it.
 
+#include "bench_tree.hpp"
+
 #include <foundation/storage/providers/local/local_provider.hpp>
 
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace p = foundation::storage::provider;
@@ -27,31 +26,9 @@ using foundation::storage::providers::local::LocalProvider;
 
 namespace {
 
-constexpr int folders = 10000, filesPerFolder = 20;
-
-fs::path benchRoot() {
-  char const* dir = std::getenv("VFS_BENCH_DIR");
-  return fs::path(dir ? dir : "/tmp/vfs-bench");
-}
-
-/// The tree: folders d<i> nested up to depth 8 (d<i> lies in d<i/8> for i >= 8), each with
-/// 20 small files.
-fs::path const& tree() {
-  static fs::path const root = [] {
-    fs::path root = benchRoot() / "tree";
-    if (fs::exists(root / ".complete")) return root;
-    fs::remove_all(root);
-    std::vector<fs::path> paths(folders);
-    for (int i = 0; i < folders; ++i) {
-      paths[i] = (i < 8 ? root : paths[i / 8]) / ("d" + std::to_string(i));
-      fs::create_directories(paths[i]);
-      for (int f = 0; f < filesPerFolder; ++f) std::ofstream(paths[i] / ("file" + std::to_string(f) + ".txt")) << std::string(f * 10, 'x');
-    }
-    std::ofstream(root / ".complete") << "done";
-    return root;
-  }();
-  return root;
-}
+using benchtree::benchRoot;
+using benchtree::reportEntries;
+using benchtree::tree;
 
 /// The 1 GiB source, read once so that both contenders copy from the page cache.
 fs::path const& bigFile() {
@@ -71,59 +48,9 @@ fs::path const& bigFile() {
   return file;
 }
 
-struct Dirent64 {
-  ino64_t ino;
-  off64_t off;
-  unsigned short reclen;
-  unsigned char type;
-};
-
-/// The fastest a walk can be: getdents64 into a buffer, d_type for the kind, openat descent.
-template <bool WithStat>
-std::size_t bareWalk(int dirfd) {
-  alignas(Dirent64) char buffer[64 * 1024];
-  std::size_t count = 0;
-  for (;;) {
-    long got = ::syscall(SYS_getdents64, dirfd, buffer, sizeof buffer);
-    if (got <= 0) break;
-    for (long offset = 0; offset < got;) {
-      auto const* entry = reinterpret_cast<Dirent64 const*>(buffer + offset);
-      offset += entry->reclen;
-      char const* name = reinterpret_cast<char const*>(entry) + offsetof(Dirent64, type) + 1;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      ++count;
-      if constexpr (WithStat) {
-        struct stat st {};
-        ::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW);
-        benchmark::DoNotOptimize(st.st_size);
-      }
-      if (entry->type == DT_DIR) {
-        int sub = ::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        count += bareWalk<WithStat>(sub);
-        ::close(sub);
-      }
-    }
-  }
-  return count;
-}
-
-void reportEntries(benchmark::State& state, std::size_t entries) {
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * entries));
-  state.counters["entries"] = static_cast<double>(entries);
-}
-
 } // namespace
 
-static void ListNamesOnly_Getdents64(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = bareWalk<false>(fd);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void ListNamesOnly_Getdents64(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::nameOnly); }
 
 static void ListNamesOnly_StdFilesystem(benchmark::State& state) {
   tree();
@@ -152,16 +79,7 @@ static void ListNamesOnly_LocalProvider(benchmark::State& state) {
   reportEntries(state, entries);
 }
 
-static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) {
-  tree();
-  std::size_t entries = 0;
-  for (auto _ : state) {
-    int fd = ::open(tree().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    entries = bareWalk<true>(fd);
-    ::close(fd);
-  }
-  reportEntries(state, entries);
-}
+static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::statEntry); }
 
 static void ListWithAttributes_StdFilesystem(benchmark::State& state) {
   tree();

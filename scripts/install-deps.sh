@@ -13,6 +13,7 @@ packages=(
   libzip-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
   libcurl4-openssl-dev libxml2-dev libssl-dev
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
+  fd-find hyperfine
 )
 
 missing=()

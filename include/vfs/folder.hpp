@@ -4,7 +4,9 @@
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <vfs/absolute_iri.hpp>
+#include <vfs/entries.hpp>
 #include <vfs/file.hpp>
+#include <vfs/listing.hpp>
 #include <vfs/storage_system.hpp>
 
 #include <boost/variant.hpp>
@@ -12,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 namespace foundation::storage::vfs {
@@ -19,8 +22,10 @@ namespace foundation::storage::vfs {
 /// How `Folder::removeFolder` treats contents.
 enum class FolderRemovalPolicy : std::uint32_t { NonRecursive = 0, Recursive = 1 };
 
-FOUNDATION_API std::string toString(FolderRemovalPolicy const& policy);
-FOUNDATION_API std::ostream& operator<<(std::ostream& os, FolderRemovalPolicy const& policy);
+/// "FolderRemovalPolicy::<name>"; any other value gives the empty text.
+FOUNDATION_API std::string toString(FolderRemovalPolicy policy);
+/// Writes `toString(policy)`: nothing at all for a value outside the policy.
+FOUNDATION_API std::ostream& operator<<(std::ostream& os, FolderRemovalPolicy policy);
 
 /// Compares two names or paths under a case rule, as the provider defines it.
 class FOUNDATION_API PathComparator {
@@ -68,12 +73,60 @@ public:
   /// Asks the provider to flush the file system holding the folder.
   void flushFilesystem();
 
+  // Listings of the children. A non-empty `pattern` keeps only names that match it: `*`
+  // stands for any run of characters, `?` for exactly one, everything else for itself
+  // (case-sensitive, no escapes). The provider filters where it can, the library
+  // otherwise. Failures arrive as the library's Exception.
+
+  /// Files and folders by name only; ask each entry for its kind.
+  FolderListing<ListEntry> listAll(std::u16string pattern = {}) const;
+  FolderListing<File> listFiles(std::u16string pattern = {}) const;
+  FolderListing<Folder> listFolders(std::u16string pattern = {}) const;
+  /// Files with the attributes the provider lists with them.
+  FolderListing<FileEntry> listFileEntries(std::u16string pattern = {}) const;
+  FolderListing<FolderEntry> listFolderEntries(std::u16string pattern = {}) const;
+  FolderListing<FileOrFolderEntry> listAllEntries(std::u16string pattern = {}) const;
+  /// The whole tree below this folder by name, each a path relative to this folder (or,
+  /// where the library walks the tree itself, a single name). The pattern tests the last
+  /// name of each path. Sub-folders that cannot be read or vanish meanwhile are skipped;
+  /// a folder is followed by its contents. Iterate with `exhausted()`, see FolderListing.
+  FolderListing<ListEntry> listAllRecursive(std::u16string pattern = {}) const;
+  /// The whole tree below this folder with attributes; as listAllRecursive.
+  FolderListing<FileOrFolderEntry> listAllEntriesRecursive(std::u16string pattern = {}) const;
+  /// Whether the provider filters flat listings by pattern itself.
+  bool providerSupportsFlatWildcardListing() const;
+
+  /// Moves the tree: by the provider within one scheme; across schemes, or where the
+  /// provider refuses, by copyFolder and then recursive removal of this folder. A failed
+  /// fallback leaves what it did: the source is removed only after the whole copy succeeded.
+  void moveFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
+  /// Copies the tree onto `destination` (which becomes this folder's counterpart), file by
+  /// file. Existing destination folders are kept (policies 2 to 4), replaced when empty
+  /// (Overwrite), or refused (FailIfExists). Existing destination files are overwritten
+  /// only by ForceOverwrite and OverwriteDeferringPermissionErrors; the other policies keep
+  /// them. With OverwriteDeferringPermissionErrors a file refused for lack of permission is
+  /// reported after the rest was copied. InvalidLocation for a destination inside this tree.
+  void copyFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
+  /// `copyFolder` onto the folder of this folder's name in `destinationParent`.
+  void copyFolderInto(Folder const& destinationParent, provider::ReplacementPolicy const& policy) const;
+
   friend FOUNDATION_API bool operator==(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator!=(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator<(Folder const& a, Folder const& b);
 
 private:
   friend class File;
+
+  // The provider calls behind the listings, failures translated.
+  std::unique_ptr<provider::IFolderEntryIterator> doListAll(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFiles(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFolders(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFileEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFolderEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllRecursive_provider_specialization(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllEntriesRecursive_provider_specialization(
+      std::u16string const& pattern) const;
 
   provider::StorageItem item_;
   StorageSystemReference system_;
@@ -82,8 +135,9 @@ private:
 
 FOUNDATION_API std::ostream& operator<<(std::ostream& os, Folder const& folder);
 
-/// Removes a folder and everything below it, for providers without their own recursive
-/// removal.
+/// Removes a folder and everything below it with a walk, for providers without their own
+/// recursive removal. Entries that vanish meanwhile are no failure; a vanished `folder`
+/// is. A link to a folder is removed, not followed.
 FOUNDATION_API void removeNonEmptyFolder(Folder const& folder);
 
 /// A file or a folder; File is alternative 0.
@@ -105,6 +159,12 @@ FOUNDATION_API bool isSymlink(FileOrFolder const& item);
 FOUNDATION_API void remove(FileOrFolder const& item, FolderRemovalPolicy const& policy);
 FOUNDATION_API void setWritable(FileOrFolder const& item, bool writable);
 FOUNDATION_API void setLastModified(FileOrFolder const& item, boost::posix_time::ptime const& time);
+/// File::moveFile or Folder::moveFolder; std::logic_error for a file onto a folder or back.
+FOUNDATION_API void move(FileOrFolder const& source, FileOrFolder const& destination,
+                         provider::ReplacementPolicy const& policy);
+/// File::copyFile (its result) or Folder::copyFolder (Copied); std::logic_error for mixed kinds.
+FOUNDATION_API provider::CopyResult copy(FileOrFolder const& source, FileOrFolder const& destination,
+                                         provider::ReplacementPolicy const& policy);
 
 /// What stands at a location: the provider's answer; not found is NotFound.
 FOUNDATION_API provider::ExistsResult exists(AbsoluteIRI const& iri, StorageSystemReference const& system);

@@ -6,12 +6,6 @@
 
 namespace foundation::storage::vfs {
 
-std::string toString(FolderRemovalPolicy const& policy) {
-  return policy == FolderRemovalPolicy::NonRecursive ? "FolderRemovalPolicy::NonRecursive" : "FolderRemovalPolicy::Recursive";
-}
-
-std::ostream& operator<<(std::ostream& os, FolderRemovalPolicy const& policy) { return os << toString(policy); }
-
 PathComparator::PathComparator(Function function) : function_(std::move(function)) {}
 
 bool PathComparator::operator()(std::u16string const& a, std::u16string const& b, provider::CaseModifier modifier) const {
@@ -103,11 +97,5 @@ bool operator!=(Folder const& a, Folder const& b) { return a.item_.getLocation()
 bool operator<(Folder const& a, Folder const& b) { return a.item_.getLocation() < b.item_.getLocation(); }
 
 std::ostream& operator<<(std::ostream& os, Folder const& folder) { return os << folder.getLocation(); }
-
-void removeNonEmptyFolder(Folder const& folder) {
-  // Removing a tree without the provider's help needs a folder walk, which this library
-  // does not offer yet; refusing is better than removing part of the tree.
-  throw Exception(ErrorCode::UnsupportedOperation, folder.getLocation());
-}
 
 } // namespace foundation::storage::vfs

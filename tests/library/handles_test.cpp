@@ -41,13 +41,19 @@ TEST_P(Handles, CreateQueryAndRemoveFilesAndFolders) {
   EXPECT_VFS_ERROR(ErrorCode::ResourceNotFound, file.getAttributes());
 }
 
-TEST_P(Handles, RecursiveRemovalWithoutTheProvidersHelpIsRefusedWhole) {
-  h.folder(u"tree/sub").createFolderRecursive();
+TEST_P(Handles, RecursiveRemovalWithoutTheProvidersHelpWalksTheTree) {
+  h.folder(u"tree/sub/deeper").createFolderRecursive();
+  h.file(u"tree/a.txt").createFile();
+  h.file(u"tree/sub/deeper/b.txt").createFile();
   auto features = std::make_shared<wrappers::FeatureSwitchingProvider>(h.counts);
   features->disable(p::ExtendedFeature::NativeRecursiveRemoval);
   vfs::Folder tree(p::StorageItem(features, h.at(u"tree").toStorageIRI()), h.reference());
-  EXPECT_VFS_ERROR(ErrorCode::UnsupportedOperation, tree.removeFolder(vfs::FolderRemovalPolicy::Recursive));
-  EXPECT_TRUE(h.folder(u"tree/sub").folderExists());
+  h.counts->reset();
+  tree.removeFolder(vfs::FolderRemovalPolicy::Recursive);
+  EXPECT_FALSE(h.folder(u"tree").folderExists());
+  EXPECT_EQ(h.counts->count(Operation::RemoveFolderRecursively), 0u);
+  EXPECT_EQ(h.counts->count(Operation::RemoveFile), 2u);
+  EXPECT_EQ(h.counts->count(Operation::RemoveFolder), 3u);
 }
 
 TEST_P(Handles, AnswerExistenceAndBuildTheRightKind) {
