@@ -27,8 +27,12 @@ void listLevel(int dirfd, std::u16string const& prefix, ListingRequest const& re
     failErrno(error, location, "getdents");
 
   for (auto const& entry : entries) {
-    auto name = nameToUtf16(entry.name);
-    if (!name) continue; // not expressible as a location
+    // The entry's relative path is built in one string, the name converted into it.
+    std::u16string relative;
+    relative.reserve(prefix.size() + 1 + entry.name.size());
+    if (!prefix.empty()) relative.append(prefix).push_back(u'/');
+    std::size_t const nameStart = relative.size();
+    if (!appendNameAsUtf16(relative, entry.name)) continue; // not expressible as a location
     struct stat st {};
     bool haveStat = false;
     bool symlink = false;
@@ -45,22 +49,26 @@ void listLevel(int dirfd, std::u16string const& prefix, ListingRequest const& re
     }
     bool const isFolder = kind == EntryKind::Folder;
     bool const wanted = request.kinds == Kinds::All || (request.kinds == Kinds::Folders) == isFolder;
-    std::u16string relative = prefix.empty() ? *name : prefix + u'/' + *name;
+    bool const descend = request.recursive && isFolder && !symlink;
+    std::u16string_view const name = std::u16string_view(relative).substr(nameStart);
 
-    if (wanted && (request.pattern.empty() || p::matchesWildcard(request.pattern, *name))) {
+    if (wanted && (request.pattern.empty() || p::matchesWildcard(request.pattern, name))) {
+      // Only a folder still to be entered needs its path afterwards.
+      std::u16string listed = std::move(relative);
+      if (descend) relative = listed;
       if (!request.attributes) {
-        out.emplace_back(relative, !isFolder);
+        out.push_back(p::FolderEntry(std::move(listed), !isFolder));
       } else {
         // Not stated yet: a plain entry, or a broken link described by itself.
         if (!haveStat && statAt(dirfd, entry.name.c_str(), st, false) != 0) continue; // vanished meanwhile
         if (isFolder) {
-          out.emplace_back(relative, folderAttributes(st, entry.name, symlink, user));
+          out.emplace_back(std::move(listed), folderAttributes(st, entry.name, symlink, user));
         } else {
-          out.emplace_back(relative, fileAttributes(st, entry.name, symlink, user));
+          out.emplace_back(std::move(listed), fileAttributes(st, entry.name, symlink, user));
         }
       }
     }
-    if (request.recursive && isFolder && !symlink) {
+    if (descend) {
       int sub = openAt(dirfd, entry.name.c_str(), folderFlags);
       if (sub < 0) continue; // unreadable or vanished: its contents are left out
       UniqueFd subfolder(sub);
