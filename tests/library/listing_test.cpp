@@ -167,6 +167,31 @@ TEST_P(Listings, EntriesCarryTheListingsAttributesAndNamesOnlyAskAgain) {
   EXPECT_EQ(h.counts->count(Operation::Exists), 2u); // a names-only entry knows nothing of its kind
 }
 
+TEST_P(Listings, EntriesComputeOnFirstUseAndRetryAFailure) {
+  vfs::FileEntry lazy(*tree, u"a.txt");
+  vfs::FileEntry copy = lazy; // made before anything was computed, it sees what lazy computes
+  h.faults->failOn(Operation::GetFileAttributes, h.at(u"tree/a.txt").toStorageIRI(), p::ErrorCode::IOError, {}, 1);
+  h.counts->reset();
+  EXPECT_VFS_ERROR(ErrorCode::IOError, lazy.getAttributes());
+  EXPECT_EQ(lazy.getAttributes().getSize(), 3u);
+  EXPECT_EQ(&copy.getAttributes(), &lazy.getAttributes());
+  EXPECT_EQ(&copy.getFile(), &lazy.getFile());
+  EXPECT_EQ(h.counts->count(Operation::GetFileAttributes), 2u);
+
+  vfs::FolderEntry folder(h.folder(u"tree/sub"));
+  EXPECT_EQ(folder.getName(), u"sub");
+  EXPECT_EQ(vfs::detail::getFolderFromEntry(vfs::FileOrFolderEntry(folder)), h.folder(u"tree/sub"));
+  EXPECT_THROW(vfs::detail::getFolderFromEntry(vfs::FileOrFolderEntry(vfs::FileEntry(h.file(u"tree/a.txt")))), boost::bad_get);
+  EXPECT_THROW(vfs::detail::getFolderFromEntry(vfs::ListEntry(*tree, u"a.txt")), boost::bad_get);
+  EXPECT_EQ(vfs::detail::getFolderFromEntry(vfs::ListEntry(*tree, u"sub/deeper")), h.folder(u"tree/sub/deeper"));
+
+  vfs::ListEntry nested(*tree, u"sub/deeper/d.txt");
+  EXPECT_EQ(nested.getFilename(), u"d.txt");
+  EXPECT_EQ(nested.getLocation(), h.at(u"tree/sub/deeper/d.txt"));
+  EXPECT_EQ(vfs::ListEntry(*tree, u"/").getFilename(), u"/");
+  EXPECT_EQ(vfs::ListEntry(*tree, u"gone").getFileOrFolder().which(), 0); // vanished: a File, no error
+}
+
 TEST_P(Listings, ListWholeTreesInPreOrder) {
   auto names = walk(tree->listAllRecursive());
   EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), wholeTree);
