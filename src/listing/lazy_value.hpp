@@ -27,7 +27,15 @@ public:
     if (T const* value = boost::get<T>(&state_)) return *value;
     auto const& producer = boost::get<Producer>(state_);
     if (!producer) throw std::bad_function_call();
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12 takes Boost.Variant's backup copy of the producer for uninitialised.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
     state_ = producer(); // drops the producer and what it captured
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
     T const* value = &boost::get<T>(state_);
     value_.store(value, std::memory_order_release);
     return *value;
