@@ -78,6 +78,7 @@ private:
 class FOUNDATION_API fstream : public detail::FileStream<std::iostream, detail::StreamDirection::Both> {
 public:
   using FileStream::FileStream;
+  fstream() = default;
   explicit fstream(File const& file) : FileStream(file, std::ios_base::in | std::ios_base::out) {}
 };
 
@@ -86,6 +87,7 @@ public:
 class FOUNDATION_API ifstream : public detail::FileStream<std::istream, detail::StreamDirection::Input> {
 public:
   using FileStream::FileStream;
+  ifstream() = default;
   explicit ifstream(File const& file) : FileStream(file, std::ios_base::in) {}
 };
 
@@ -94,6 +96,7 @@ public:
 class FOUNDATION_API ofstream : public detail::FileStream<std::ostream, detail::StreamDirection::Output> {
 public:
   using FileStream::FileStream;
+  ofstream() = default;
   explicit ofstream(File const& file) : FileStream(file, std::ios_base::out) {}
 };
 

@@ -182,7 +182,7 @@ provider::ByteStreamOpenOptions options(provider::ByteStreamAccess access, provi
 PosixFILE::~PosixFILE() = default;
 
 std::unique_ptr<PosixFILE> openPosixFile(File file, char const* mode) {
-  std::string text(mode);
+  std::string text(mode ? mode : "");
   std::erase(text, 'b');
   if (text == "r") return std::make_unique<VfsPosixFILE>(true, false, std::move(file));
   using A = provider::ByteStreamAccess;
