@@ -78,6 +78,38 @@ TEST_P(BufferedDevices, SeekInEveryDirectionWhileReadingAndWriting) {
   EXPECT_THROW(device.seek(-1, std::ios_base::beg), vfs::IOSeekException);
 }
 
+TEST_P(BufferedDevices, LargeRequestsPassTheBufferWithoutLosingItsPlace) {
+  vfs::File const file = h.file(u"f");
+  std::string const bytes = pattern(4 * Buffer);
+  write(file, bytes);
+  vfs::BufferedIODevice device(file, readWriteCreate);
+  EXPECT_EQ(readExactly(device, 3), bytes.substr(0, 3)); // fills the buffer
+  EXPECT_EQ(readExactly(device, Buffer + 5), bytes.substr(3, Buffer + 5)); // the rest of it, then the device
+  EXPECT_EQ(device.tell(), std::streampos(Buffer + 8));
+  EXPECT_EQ(readExactly(device, 2), bytes.substr(Buffer + 8, 2));
+  device.seek(0, std::ios_base::cur);
+  std::string const big = pattern(Buffer, 7);
+  device.write(big.data(), Buffer); // in step with the device: written through
+  EXPECT_EQ(readExactly(device, 4), bytes.substr(2 * Buffer + 10, 4));
+  device.write("ab", 2); // a small write after reading ahead lands at the position
+  device.write(big.data(), Buffer); // pending output first: through the buffer
+  device.flush();
+  std::string expected = bytes;
+  expected.replace(Buffer + 10, Buffer, big);
+  expected.replace(2 * Buffer + 14, 2, "ab");
+  expected.replace(2 * Buffer + 16, Buffer, big);
+  EXPECT_EQ(read(file), expected);
+
+  vfs::ifstream stream(file);
+  std::string chunk(Buffer, '\0');
+  stream.read(chunk.data(), Buffer);
+  EXPECT_EQ(chunk, expected.substr(0, Buffer));
+  EXPECT_EQ(stream.get(), static_cast<unsigned char>(expected[Buffer]));
+  stream.unget();
+  EXPECT_EQ(stream.get(), static_cast<unsigned char>(expected[Buffer]));
+  EXPECT_EQ(stream.tellg(), std::streampos(Buffer + 1));
+}
+
 TEST_P(BufferedDevices, EveryFailureIsAnIOException) {
   vfs::File const file = h.file(u"f");
   write(file, pattern(1000));
