@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
+#include <foundation/storage/events/kinds.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <vfs/absolute_iri.hpp>
@@ -9,10 +10,13 @@
 
 #include <boost/variant.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
@@ -68,12 +72,28 @@ public:
   /// Asks the provider to flush the file system holding the folder.
   void flushFilesystem();
 
+  /// Asks the provider to report changes of the folder and its children (`kinds`; empty:
+  /// every kind) to `publisher` until stopPublishingEvents.
+  void publishEvents(EventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  /// The same for everything below the folder, also in folders created later. A provider
+  /// without recursive change events: Exception UnsupportedOperation.
+  void publishEventsRecursively(RecursiveEventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  void stopPublishingEvents() const;
+  /// Reports changes of the folder's children by comparing listings every `interval`, for
+  /// providers that cannot report changes themselves.
+  void startChangePolling(EventPublisher const& publisher, std::vector<events::Kind> const& kinds,
+                          std::chrono::milliseconds interval) const;
+  void stopChangePolling() const;
+
   friend FOUNDATION_API bool operator==(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator!=(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator<(Folder const& a, Folder const& b);
 
 private:
   friend class File;
+  friend FOUNDATION_API void configureProvider(Folder& folder, std::map<std::string, std::string> settings);
+  friend FOUNDATION_API void shutdownProvider(Folder& folder);
+  friend FOUNDATION_API provider::StorageInfo getStorageInfo(Folder const& folder);
 
   provider::StorageItem item_;
   StorageSystemReference system_;
