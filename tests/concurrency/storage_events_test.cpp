@@ -27,6 +27,12 @@ constexpr std::chrono::milliseconds pollInterval(20);
 
 /// Keeps what a manager delivers under `key` and waits for particular events.
 class Listener {
+  // Declared first: deliveries may start as soon as `connection` subscribes.
+  eventmgr::EventMgr& manager_;
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<boost::shared_ptr<vfs::Event>> events_;
+
 public:
   explicit Listener(eventmgr::EventMgr& manager, std::u16string key = u"foundation::storage::vfs::Event")
       : manager_(manager), connection(manager.subscribe(std::move(key), [this](boost::shared_ptr<eventmgr::BaseEvent> const& event) {
@@ -58,10 +64,6 @@ public:
     return events_;
   }
 
-private:
-  eventmgr::EventMgr& manager_;
-
-public:
   std::unique_ptr<eventmgr::Connection> connection;
 
 private:
@@ -72,10 +74,6 @@ private:
     }
     return nullptr;
   }
-
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<boost::shared_ptr<vfs::Event>> events_;
 };
 
 class StorageEvents : public OnEveryProvider {
