@@ -76,6 +76,8 @@ private:
   }
 };
 
+void runInThread(std::function<void()> const& work) { std::thread(work).join(); }
+
 class StorageEvents : public OnEveryProvider {
 protected:
   void SetUp() override { watched.createFolder(); } // the harness was made with the folder
@@ -86,10 +88,29 @@ protected:
 
   eventmgr::EventMgr& manager() const { return *h.system->getEventMgr(); }
 
+  /// Another thread writes a file and makes a folder in `watched`; both must arrive as
+  /// Created events of the right entry type under the watched folder's subscription.
+  void expectCreationsFromAnotherThread(Listener& listener) {
+    vfs::File const file(watched, u"a b%.txt");
+    vfs::Folder const sub(watched, u"sub");
+    runInThread([&] {
+      write(file, "one");
+      sub.createFolder();
+    });
+    auto created = listener.waitFor(Kind::Created, file.getLocation());
+    ASSERT_TRUE(created);
+    EXPECT_EQ(created->getEventSubscriptionLocation(), watched.getLocation());
+    EXPECT_EQ(created->getTypeName(), events::createEventType(Kind::Created, watched.getLocation().toString()));
+    EXPECT_EQ(created->getSimpleEventData().getEntryType(), events::EntryType::File);
+    EXPECT_EQ(boost::get<vfs::File>(created->getEventData().getFileOrFolder()), file);
+    auto folder = listener.waitFor(Kind::Created, sub.getLocation());
+    ASSERT_TRUE(folder);
+    EXPECT_EQ(folder->getSimpleEventData().getEntryType(), events::EntryType::Folder);
+    EXPECT_EQ(boost::get<vfs::Folder>(folder->getEventData().getFileOrFolder()), sub);
+  }
+
   vfs::Folder watched = (h = make(GetParam()), h.folder(u"watched"));
 };
-
-void runInThread(std::function<void()> const& work) { std::thread(work).join(); }
 
 } // namespace
 
@@ -97,23 +118,8 @@ TEST_P(StorageEvents, ChangesFromAnotherThreadArriveWithKindItemAndSubscription)
   Listener all(manager());
   Listener createdOnly(manager(), events::createEventType(Kind::Created, watched.getLocation().toString()));
   vfs::detail::publishEventsFor(watched, {}, vfs::WithRecursiveChangeEvents::No);
+  expectCreationsFromAnotherThread(all);
   vfs::File const file(watched, u"a b%.txt");
-  vfs::Folder const sub(watched, u"sub");
-
-  runInThread([&] {
-    write(file, "one");
-    sub.createFolder();
-  });
-  auto created = all.waitFor(Kind::Created, file.getLocation());
-  ASSERT_TRUE(created);
-  EXPECT_EQ(created->getEventSubscriptionLocation(), watched.getLocation());
-  EXPECT_EQ(created->getTypeName(), events::createEventType(Kind::Created, watched.getLocation().toString()));
-  EXPECT_EQ(created->getSimpleEventData().getEntryType(), events::EntryType::File);
-  EXPECT_EQ(boost::get<vfs::File>(created->getEventData().getFileOrFolder()), file);
-  auto folder = all.waitFor(Kind::Created, sub.getLocation());
-  ASSERT_TRUE(folder);
-  EXPECT_EQ(folder->getSimpleEventData().getEntryType(), events::EntryType::Folder);
-  EXPECT_EQ(boost::get<vfs::Folder>(folder->getEventData().getFileOrFolder()), sub);
 
   // A file of its own: the subscription is the file, and only the kinds asked for come.
   vfs::detail::publishEventsFor(file, {Kind::Removed}, vfs::WithRecursiveChangeEvents::No);
@@ -176,19 +182,8 @@ TEST_P(StorageEvents, PollingFindsChangesWhereTheProviderCannotNotify) {
   vfs::detail::startChangePolling(watched, {}, pollInterval);
   vfs::detail::startChangePolling(sentinel, {Kind::Created}, pollInterval);
 
-  vfs::File const file(watched, u"a.txt");
-  vfs::Folder const sub(watched, u"sub");
-  runInThread([&] {
-    write(file, "one");
-    sub.createFolder();
-  });
-  auto created = listener.waitFor(Kind::Created, file.getLocation());
-  ASSERT_TRUE(created);
-  EXPECT_EQ(created->getEventSubscriptionLocation(), watched.getLocation());
-  EXPECT_EQ(created->getSimpleEventData().getEntryType(), events::EntryType::File);
-  auto folder = listener.waitFor(Kind::Created, sub.getLocation());
-  ASSERT_TRUE(folder);
-  EXPECT_EQ(folder->getEventData().getFileOrFolder().which(), 1);
+  expectCreationsFromAnotherThread(listener);
+  vfs::File const file(watched, u"a b%.txt");
   runInThread([&] { write(file, "longer than one"); });
   ASSERT_TRUE(listener.waitFor(Kind::Modified, file.getLocation()));
   runInThread([&] { file.removeFile(); });
