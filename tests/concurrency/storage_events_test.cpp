@@ -28,14 +28,14 @@ constexpr std::chrono::milliseconds pollInterval(20);
 /// Keeps what a manager delivers under `key` and waits for particular events.
 class Listener {
   // Declared first: deliveries may start as soon as `connection` subscribes.
-  eventmgr::EventMgr& manager_;
+  boost::shared_ptr<eventmgr::EventMgr> manager_;
   std::mutex mutex_;
   std::condition_variable arrived_;
   std::vector<boost::shared_ptr<vfs::Event>> events_;
 
 public:
-  explicit Listener(eventmgr::EventMgr& manager, std::u16string key = u"foundation::storage::vfs::Event")
-      : manager_(manager), connection(manager.subscribe(std::move(key), [this](boost::shared_ptr<eventmgr::BaseEvent> const& event) {
+  explicit Listener(boost::shared_ptr<eventmgr::EventMgr> manager, std::u16string key = u"foundation::storage::vfs::Event")
+      : manager_(std::move(manager)), connection(manager_->subscribe(std::move(key), [this](boost::shared_ptr<eventmgr::BaseEvent> const& event) {
           std::lock_guard lock(mutex_);
           events_.push_back(boost::dynamic_pointer_cast<vfs::Event>(event));
           arrived_.notify_all();
@@ -43,7 +43,7 @@ public:
   /// No delivery may reach a listener that is gone.
   ~Listener() {
     connection->disconnect();
-    manager_.waitUntilDelivered();
+    manager_->waitUntilDelivered();
   }
 
   /// The first event of `kind` about `item`; null when none came in time.
@@ -82,11 +82,11 @@ class StorageEvents : public OnEveryProvider {
 protected:
   void SetUp() override { watched.createFolder(); } // the harness was made with the folder
   void TearDown() override {
-    h.system->shutdown(); // ends every watch and poll before the folders go
+    if (h.system) h.system->shutdown(); // ends every watch and poll before the folders go
     OnEveryProvider::TearDown();
   }
 
-  eventmgr::EventMgr& manager() const { return *h.system->getEventMgr(); }
+  boost::shared_ptr<eventmgr::EventMgr> manager() const { return h.system->getEventMgr(); }
 
   /// Another thread writes a file and makes a folder in `watched`; both must arrive as
   /// Created events of the right entry type under the watched folder's subscription.
@@ -125,7 +125,7 @@ TEST_P(StorageEvents, ChangesFromAnotherThreadArriveWithKindItemAndSubscription)
   vfs::detail::publishEventsFor(file, {Kind::Removed}, vfs::WithRecursiveChangeEvents::No);
   runInThread([&] { file.removeFile(); });
   ASSERT_TRUE(all.waitFor(Kind::Removed, file.getLocation()));
-  manager().waitUntilDelivered();
+  manager()->waitUntilDelivered();
   for (auto const& event : createdOnly.all()) EXPECT_EQ(event->getSimpleEventData().getKind(), Kind::Created);
   bool heardThroughFile = false;
   for (auto const& event : all.all())
@@ -200,13 +200,24 @@ TEST_P(StorageEvents, PollingFindsChangesWhereTheProviderCannotNotify) {
   EXPECT_FALSE(listener.received(Kind::Created, late.getLocation()));
 }
 
+TEST_P(StorageEvents, TheStorageSystemMayGoWhileChangesAreReported) {
+  Listener listener(manager());
+  vfs::detail::publishEventsFor(watched, {}, vfs::WithRecursiveChangeEvents::No);
+  std::thread writer([&] {
+    for (int i = 0; i < 200; ++i) vfs::File(watched, u"f" + fl::i18n::to_ustring(std::to_string(i))).createFile();
+  });
+  EXPECT_TRUE(listener.waitFor(Kind::Created, vfs::File(watched, u"f0").getLocation()));
+  h.system.reset(); // the watch still holds the manager; notifications now find no system
+  writer.join();
+}
+
 INSTANTIATE_TEST_SUITE_P(Providers, StorageEvents, ::testing::Values("mem", "file"));
 
 TEST(LocalStorageEvents, ChangesFromAnotherProcessArrive) {
   Harness h = make("file");
   vfs::Folder const watched = h.folder(u"watched");
   watched.createFolder();
-  Listener listener(*h.system->getEventMgr());
+  Listener listener(h.system->getEventMgr());
   vfs::detail::publishEventsFor(watched, {}, vfs::WithRecursiveChangeEvents::No);
 
   std::string const path = vfs::fromAbsoluteIRI(watched.getLocation()).string();
