@@ -3,10 +3,11 @@
 // - Latency: a file is created, the clock runs until the listener has its Created event;
 //   1,000 creations, median and 99th percentile. Reference: the same creations read from a
 //   bare inotify descriptor on a thread of its own, handed over the same way.
-// - Burst: 10,000 files created as fast as possible in 10 new folders of a recursively
-//   watched tree; how many events arrive and how many creations never do. The "stalled"
-//   variant holds the watcher's thread until the burst is over, so the kernel queue
-//   (fs.inotify.max_queued_events) overflows and the rescan must find the rest.
+// - Burst: 10,000 files of one byte created as fast as possible in the 10 folders of a
+//   recursively watched tree; how many events arrive and how many creations never do. The
+//   "stalled" variant holds the watcher's thread until the burst is over, so the kernel
+//   queue (fs.inotify.max_queued_events, 16,384 here, for 20,000 events) overflows and
+//   the rescan must find the rest.
 // - The same burst in one folder through change polling, at the interval given.
 // Creations go to fresh folders that stay until the end: this disk slows down creating
 // right after deleting.
@@ -186,15 +187,23 @@ void LatencyBareInotify(benchmark::State& state) {
   }
 }
 
-/// Creates the burst below `root`: `folders` new folders (none: in `root` itself).
-std::vector<std::string> createBurst(std::filesystem::path const& root, int folders, int filesEach) {
+/// The folders of a burst below `root` ("d0", "d1", ...); none: `root` itself.
+std::vector<std::filesystem::path> burstFoldersIn(std::filesystem::path const& root, int folders) {
+  std::vector<std::filesystem::path> made;
+  for (int d = 0; d < folders; ++d) made.push_back(root / ("d" + std::to_string(d)));
+  if (made.empty()) made.push_back(root);
+  for (auto const& folder : made) std::filesystem::create_directories(folder);
+  return made;
+}
+
+/// Creates `filesEach` files with one byte in each folder (an inotify event for the
+/// creation and one for the write); their names.
+std::vector<std::string> createBurst(std::vector<std::filesystem::path> const& folders, int filesEach) {
   std::vector<std::string> names;
-  for (int d = 0; d < std::max(folders, 1); ++d) {
-    auto const folder = folders ? root / ("d" + std::to_string(d)) : root;
-    std::filesystem::create_directories(folder);
+  for (std::size_t d = 0; d < folders.size(); ++d) {
     for (int i = 0; i < filesEach; ++i) {
       std::string name = "d" + std::to_string(d) + "f" + std::to_string(i);
-      createFile((folder / name).string(), true);
+      createFile((folders[d] / name).string(), true);
       names.push_back(std::move(name));
     }
   }
@@ -218,6 +227,7 @@ void BurstInWatchedTree(benchmark::State& state) {
   for (auto _ : state) {
     Library library;
     auto const root = freshFolder();
+    auto const folders = burstFoldersIn(root, burstFolders); // watched from the start, so a stall fills the queue
     std::mutex gate;
     std::unique_lock closed(gate, std::defer_lock);
     if (stall) closed.lock();
@@ -229,7 +239,7 @@ void BurstInWatchedTree(benchmark::State& state) {
                                                          [&](auto const&) { std::lock_guard wait(gate); });
     library.folder(root).publishEventsRecursively(publisher, {});
     auto const start = Clock::now();
-    auto const names = createBurst(root, burstFolders, burstFilesEach);
+    auto const names = createBurst(folders, burstFilesEach);
     auto const created = Clock::now();
     if (stall) closed.unlock();
     auto const arrived = library.arrivals.waitForCount(names.size(), std::chrono::seconds(10));
@@ -247,7 +257,7 @@ void BurstThroughPolling(benchmark::State& state) {
     auto const folder = freshFolder();
     vfs::detail::startChangePolling(library.folder(folder), {}, interval);
     auto const start = Clock::now();
-    auto const names = createBurst(folder, 0, burstFolders * burstFilesEach);
+    auto const names = createBurst(burstFoldersIn(folder, 0), burstFolders * burstFilesEach);
     auto const created = Clock::now();
     auto const arrived = library.arrivals.waitForCount(names.size(), std::max(std::chrono::milliseconds(10000), 20 * interval));
     library.folder(folder).stopChangePolling();
