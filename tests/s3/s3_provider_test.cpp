@@ -208,6 +208,23 @@ TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
     EXPECT_EQ(created.load(), 1);
     EXPECT_EQ(refused.load(), 5);
   }
+  // Server-side copies that must not replace: one lands, the others find it there.
+  for (int source = 0; source < 6; ++source) writeFile(item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))), std::to_string(source));
+  std::atomic<int> copied{0}, refused{0};
+  std::vector<std::thread> racers;
+  for (int source = 0; source < 6; ++source)
+    racers.emplace_back([&, source] {
+      try {
+        item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))).copyFile(item(u"copied"), {p::ReplacementPolicy::FailIfExists, {}});
+        ++copied;
+      } catch (p::Exception const& e) {
+        if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists) ++refused;
+      }
+    });
+  for (auto& racer : racers) racer.join();
+  EXPECT_EQ(copied.load(), 1);
+  EXPECT_EQ(refused.load(), 5);
+  EXPECT_EQ(readFile(item(u"copied")).size(), 1u);
 }
 
 TEST_F(S3ProviderTest, KeepsModificationTimesThroughCopiesAndMoves) {

@@ -224,7 +224,7 @@ void UploadStream::commit(bool replace) {
       etags_.push_back(inFlight_.front().get());
       inFlight_.pop_front();
     }
-    if (!replace) claimKey();
+    if (!replace) claimKey(*client_, key_, uploadId_, site);
     try {
       auto response = client_->perform({"POST", key_, {{"uploadId", uploadId_}}, {{"content-type", "application/xml"}},
                                         completeUploadBody(etags_)},
@@ -232,31 +232,13 @@ void UploadStream::commit(bool replace) {
       if (auto error = parseError(response.body))
         p::fail(p::ErrorCode::IOError, location_, site.call, "completing the upload failed: " + error->code + " " + error->message);
     } catch (...) {
-      if (!replace) releaseClaim();
+      if (!replace) releaseClaim(*client_, key_, uploadId_, site);
       throw;
     }
     uploadId_.clear();
   }
   pending_.clear();
   markClosed();
-}
-
-void UploadStream::claimKey() {
-  // The gateway ignores If-None-Match on CompleteMultipartUpload but honours it on PUT.
-  putObject(*client_, key_, {}, {{"if-none-match", "*"}, {std::string("x-amz-meta-") + claimMetadata, uploadId_}}, {location_, u"s3.commit"});
-}
-
-void UploadStream::releaseClaim() noexcept {
-  try {
-    Site const site{location_, u"s3.commit"};
-    auto info = headObject(*client_, key_, site);
-    // Only our own claim goes; whatever replaced it meanwhile stays.
-    if (!info || info->size != 0) return;
-    auto const claim = info->metadata.find(claimMetadata);
-    if (claim != info->metadata.end() && claim->second == uploadId_) deleteObject(*client_, key_, site);
-  } catch (...) {
-    // A claim left behind is an empty object where there was none: nothing old is lost.
-  }
 }
 
 void UploadStream::abort() noexcept {

@@ -42,11 +42,8 @@ private:
 /// Writes an object: the bytes stay in memory until there are `partSize` of them, then go
 /// out as parts of a multipart upload, several at a time. Commit completes the upload (or
 /// sends one PUT); discard and destruction abort it, unless `commitWhenDestroyed`.
-/// A commit that must not replace sends its single PUT with If-None-Match. A multipart one
-/// first claims the key with a conditional empty PUT (the gateway ignores the condition on
-/// CompleteMultipartUpload), then completes over its claim: no file that was there or that
-/// appears is replaced, but readers may see an empty object until the upload completes,
-/// and a process killed in between leaves that empty object.
+/// A commit that must not replace sends its single PUT with If-None-Match; a multipart one
+/// completes over a claim (`claimKey`).
 class UploadStream final : public provider::TransactionalStream {
 public:
   UploadStream(std::shared_ptr<S3Client> client, provider::StorageIRI location, std::string key, bool append,
@@ -64,14 +61,8 @@ private:
   void sendFullParts();
   void sendPart(std::string bytes);
   void commit(bool replace);
-  /// Takes the key for this upload only if nothing is there.
-  void claimKey();
-  /// Removes the claim if it is still ours.
-  void releaseClaim() noexcept;
   void abort() noexcept;
 
-  /// The claim's metadata (after "x-amz-meta-"), holding the upload id.
-  static constexpr char const* claimMetadata = "vfs-upload";
 
   std::shared_ptr<S3Client> client_;
   provider::StorageIRI location_;
