@@ -63,7 +63,6 @@ private:
   void commit(bool replace);
   void abort() noexcept;
 
-
   std::shared_ptr<S3Client> client_;
   provider::StorageIRI location_;
   std::string key_;
