@@ -117,6 +117,26 @@ TEST_F(S3ProviderTest, LargeWritesGoInPartsAndReadBackInParallelRanges) {
   EXPECT_EQ(readFile(item(u"copy.bin")), payload);
 }
 
+// A write far past the end: the zeros before it stream out as parts instead of being
+// held in memory, and a size no multipart upload can reach fails before anything is sent.
+TEST_F(S3ProviderTest, WritesPastTheEndSendTheGapInParts) {
+  useSmallParts();
+  auto out = item(u"gap.bin").openTransactionalStream(replaceAll);
+  out->seek(1ll << 40, std::ios_base::beg);
+  try {
+    out->write("x", 1);
+    ADD_FAILURE() << "a write at 1 TiB with 5 MiB parts went through";
+  } catch (p::ByteStreamWriteFailure const& e) {
+    EXPECT_EQ(e.getErrorCode(), p::ErrorCode::FileTooLarge);
+  }
+  std::size_t const gap = 11u << 20;
+  out->seek(static_cast<std::streamoff>(gap), std::ios_base::beg);
+  out->write("x", 1);
+  EXPECT_THROW(out->seek(0, std::ios_base::beg), p::ByteStreamSeekFailure); // the zeros went out already
+  out->close(p::StreamClosePolicy::Commit);
+  EXPECT_EQ(readFile(item(u"gap.bin")), std::string(gap, '\0') + "x");
+}
+
 TEST_F(S3ProviderTest, UnfinishedMultipartWritesLeaveTheOldObject) {
   useSmallParts();
   writeFile(item(u"t.bin"), "old");
@@ -141,6 +161,35 @@ TEST_F(S3ProviderTest, UnfinishedMultipartWritesLeaveTheOldObject) {
   EXPECT_EQ(readFile(item(u"t.bin")), "old");
 }
 
+// A commit that must not replace keeps a file that appeared while the stream was open,
+// for multipart uploads (whose completion the gateway cannot make conditional) and for
+// read-write streams staged in a temporary file; where nothing appeared, it lands whole.
+TEST_F(S3ProviderTest, CommitsThatMustNotReplaceKeepAFileThatAppeared) {
+  useSmallParts();
+  auto const payload = pattern((5u << 20) + 17);
+  p::ByteStreamOpenOptions const readWrite{p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing,
+                                           p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
+  for (auto const& options : {replaceAll, readWrite}) {
+    auto const kind = options == replaceAll ? std::u16string(u"multipart") : std::u16string(u"staged");
+    SCOPED_TRACE(std::string(kind.begin(), kind.end()));
+    auto late = item(kind + u"-late").openTransactionalStream(options);
+    late->write(payload.data(), static_cast<std::streamsize>(payload.size()));
+    writeFile(item(kind + u"-late"), "first");
+    try {
+      late->close(p::StreamClosePolicy::CommitWithoutReplacing);
+      ADD_FAILURE() << "the commit replaced a file";
+    } catch (p::ByteStreamCloseFailure const& e) {
+      EXPECT_EQ(e.getErrorCode(), p::ErrorCode::ResourceAlreadyExists);
+    }
+    EXPECT_EQ(readFile(item(kind + u"-late")), "first");
+
+    auto fresh = item(kind + u"-fresh").openTransactionalStream(options);
+    fresh->write(payload.data(), static_cast<std::streamsize>(payload.size()));
+    fresh->close(p::StreamClosePolicy::CommitWithoutReplacing);
+    EXPECT_EQ(readFile(item(kind + u"-fresh")), payload);
+  }
+}
+
 TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
   for (int round = 0; round < 3; ++round) {
     auto const name = u"race" + std::u16string(1, static_cast<char16_t>(u'0' + round));
@@ -159,6 +208,23 @@ TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
     EXPECT_EQ(created.load(), 1);
     EXPECT_EQ(refused.load(), 5);
   }
+  // Server-side copies that must not replace: one lands, the others find it there.
+  for (int source = 0; source < 6; ++source) writeFile(item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))), std::to_string(source));
+  std::atomic<int> copied{0}, refused{0};
+  std::vector<std::thread> racers;
+  for (int source = 0; source < 6; ++source)
+    racers.emplace_back([&, source] {
+      try {
+        item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))).copyFile(item(u"copied"), {p::ReplacementPolicy::FailIfExists, {}});
+        ++copied;
+      } catch (p::Exception const& e) {
+        if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists) ++refused;
+      }
+    });
+  for (auto& racer : racers) racer.join();
+  EXPECT_EQ(copied.load(), 1);
+  EXPECT_EQ(refused.load(), 5);
+  EXPECT_EQ(readFile(item(u"copied")).size(), 1u);
 }
 
 TEST_F(S3ProviderTest, KeepsModificationTimesThroughCopiesAndMoves) {

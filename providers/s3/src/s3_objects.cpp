@@ -5,6 +5,8 @@
 #include <foundation/storage/provider/exceptions.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 
 #include <curl/curl.h>
 
@@ -205,6 +207,28 @@ void copyObject(S3Client& client, std::string const& from, ObjectInfo const& sou
     throw;
   }
 }
+
+namespace {
+/// The claim's metadata name (after "x-amz-meta-").
+constexpr char const* claimMetadata = "vfs-claim";
+} // namespace
+
+void claimKey(S3Client& client, std::string const& key, std::string const& token, Site const& site) {
+  putObject(client, key, {}, {{"if-none-match", "*"}, {std::string("x-amz-meta-") + claimMetadata, token}}, site);
+}
+
+void releaseClaim(S3Client& client, std::string const& key, std::string const& token, Site const& site) noexcept {
+  try {
+    auto info = headObject(client, key, site);
+    if (!info || info->size != 0) return;
+    auto const claim = info->metadata.find(claimMetadata);
+    if (claim != info->metadata.end() && claim->second == token) deleteObject(client, key, site);
+  } catch (...) {
+    // A claim left behind is an empty object where there was none: nothing old is lost.
+  }
+}
+
+std::string newClaimToken() { return boost::uuids::to_string(boost::uuids::random_generator()()); }
 
 void deleteObject(S3Client& client, std::string const& key, Site const& site) {
   auto response = client.send({"DELETE", key, {}, {}, {}}, site);

@@ -64,6 +64,16 @@ void putObject(S3Client& client, std::string const& key, std::string_view body,
 void copyObject(S3Client& client, std::string const& from, ObjectInfo const& source, std::string const& to,
                 std::optional<std::vector<std::pair<std::string, std::string>>> const& replaceMetadata, Site const& site,
                 std::function<void(std::uint64_t)> const& progress = {});
+/// Takes `key` only if nothing is there, with an empty object carrying `token`; fails
+/// with ResourceAlreadyExists otherwise. The gateway honours If-None-Match on PUT but not
+/// on copies or on completing a multipart upload, so those land over a claim: nothing that
+/// was there or appears meanwhile is replaced, but readers see an empty object until they
+/// land, and a process killed in between leaves it.
+void claimKey(S3Client& client, std::string const& key, std::string const& token, Site const& site);
+/// Removes the claim `token` made, unless something replaced it meanwhile.
+void releaseClaim(S3Client& client, std::string const& key, std::string const& token, Site const& site) noexcept;
+/// A token no other claim carries.
+std::string newClaimToken();
 void deleteObject(S3Client& client, std::string const& key, Site const& site);
 /// Deletes in batches of 1,000 keys; the first key that could not go fails the call.
 void deleteObjects(S3Client& client, std::vector<std::string> const& keys, Site const& site);

@@ -327,6 +327,30 @@ bool mayReplace(Object const& destination, p::ReplacementPolicy policy) {
   return true;
 }
 
+/// Copies the file `from` (as `info` tells) to `to`. Unless `policy` overwrites, the copy
+/// lands over a claim, so that a destination appearing meanwhile is kept: then false for
+/// KeepExisting, ResourceAlreadyExists otherwise.
+bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Object const& to, p::ReplacementPolicy policy,
+              std::function<void(std::uint64_t)> const& progress) {
+  std::string token;
+  if (policy != p::ReplacementPolicy::Overwrite) {
+    token = newClaimToken();
+    try {
+      claimKey(client, to.key(), token, to.site());
+    } catch (p::Exception const& e) {
+      if (e.getErrorCode() == ErrorCode::ResourceAlreadyExists && policy == p::ReplacementPolicy::KeepExisting) return false;
+      throw;
+    }
+  }
+  try {
+    copyObject(client, from.key(), info, to.key(), std::nullopt, to.site(), progress);
+  } catch (...) {
+    if (!token.empty()) releaseClaim(client, to.key(), token, to.site());
+    throw;
+  }
+  return true;
+}
+
 } // namespace
 
 p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
@@ -339,10 +363,10 @@ p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem c
   Object to(*client, bucket_, destination.getLocation(), u"s3.copyFile");
   if (!mayReplace(to, options.policy)) return p::CopyResult::Skipped;
   if (to.key() == from.key()) return p::CopyResult::Copied; // onto itself: nothing to do
-  copyObject(*client, from.key(), info, to.key(), std::nullopt, to.site(), [&](std::uint64_t done) {
+  bool const copied = copyOver(*client, from, info, to, options.policy, [&](std::uint64_t done) {
     if (options.progress) options.progress(done, info.size);
   });
-  return p::CopyResult::Copied;
+  return copied ? p::CopyResult::Copied : p::CopyResult::Skipped;
 }
 
 void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
@@ -353,7 +377,7 @@ void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& dest
   Object to(*client, bucket_, destination, u"s3.moveFile");
   if (to.key() == from.key() || !mayReplace(to, policy)) return;
   // Copy first: until the copy is complete the source is untouched.
-  copyObject(*client, from.key(), info, to.key(), std::nullopt, to.site());
+  if (!copyOver(*client, from, info, to, policy, {})) return;
   deleteObject(*client, from.key(), from.site());
   from.keepParentFolder();
 }

@@ -42,6 +42,21 @@ std::uint64_t seekTarget(std::uint64_t position, std::uint64_t end, std::streamo
   return static_cast<std::uint64_t>(target);
 }
 
+/// The most parts one multipart upload may have, and so the largest object it makes.
+constexpr std::uint64_t maxParts = 10000;
+constexpr char const* tooLargeMessage = "the object would need more than 10000 parts; a larger \"partSize\" allows it";
+std::uint64_t largestUpload(std::uint64_t partSize) { return maxParts * partSize; }
+
+/// Whether a committing close may replace an existing object; unknown policies fail.
+bool replaces(p::StreamClosePolicy policy) {
+  switch (policy) {
+  case p::StreamClosePolicy::Commit: return true;
+  case p::StreamClosePolicy::CommitWithoutReplacing: return false;
+  case p::StreamClosePolicy::Discard: break;
+  }
+  throw p::ByteStreamCloseFailure("unknown close policy", p::ErrorCode::InvalidLocation);
+}
+
 [[noreturn]] void failErrno(char const* what) {
   throw p::ByteStreamFailure(std::string(what) + ": " + std::strerror(errno), p::errorCodeFromErrno(errno));
 }
@@ -124,7 +139,7 @@ UploadStream::~UploadStream() {
   if (isClosed()) return;
   if (commitWhenDestroyed_) {
     try {
-      commit();
+      commit(true);
       return;
     } catch (...) {
       // Nobody is left to tell; the old contents stay.
@@ -141,12 +156,20 @@ std::streamsize UploadStream::doWrite(char const* s, std::streamsize n) {
   if (append_) position_ = end();
   if (position_ < sent_)
     throw p::ByteStreamWriteFailure("bytes already uploaded cannot be rewritten", p::ErrorCode::UnsupportedOperation);
-  std::size_t const at = static_cast<std::size_t>(position_ - sent_);
   auto const count = static_cast<std::size_t>(n);
-  if (pending_.size() < at + count) pending_.resize(at + count, '\0');
-  std::memcpy(pending_.data() + at, s, count);
-  position_ += count;
+  std::uint64_t const partSize = client_->settings().partSize;
+  if (position_ + count > largestUpload(partSize))
+    throw p::ByteStreamWriteFailure(tooLargeMessage, p::ErrorCode::FileTooLarge);
   try {
+    // Zeros before a write past the end go out part by part, never all held at once.
+    while (end() < position_) {
+      pending_.append(std::min(position_ - end(), partSize), '\0');
+      sendFullParts();
+    }
+    std::size_t const at = static_cast<std::size_t>(position_ - sent_);
+    if (pending_.size() < at + count) pending_.resize(at + count, '\0');
+    std::memcpy(pending_.data() + at, s, count);
+    position_ += count;
     sendFullParts();
   } catch (...) {
     abort();
@@ -189,21 +212,29 @@ void UploadStream::sendPart(std::string bytes) {
   }));
 }
 
-void UploadStream::commit() {
+void UploadStream::commit(bool replace) {
   Site const site{location_, u"s3.commit"};
   if (uploadId_.empty()) {
-    putObject(*client_, key_, pending_, {}, site);
+    std::vector<std::pair<std::string, std::string>> headers;
+    if (!replace) headers.emplace_back("if-none-match", "*");
+    putObject(*client_, key_, pending_, std::move(headers), site);
   } else {
     if (!pending_.empty()) sendPart(std::move(pending_));
     while (!inFlight_.empty()) {
       etags_.push_back(inFlight_.front().get());
       inFlight_.pop_front();
     }
-    auto response = client_->perform({"POST", key_, {{"uploadId", uploadId_}}, {{"content-type", "application/xml"}},
-                                      completeUploadBody(etags_)},
-                                     site);
-    if (auto error = parseError(response.body))
-      p::fail(p::ErrorCode::IOError, location_, site.call, "completing the upload failed: " + error->code + " " + error->message);
+    if (!replace) claimKey(*client_, key_, uploadId_, site);
+    try {
+      auto response = client_->perform({"POST", key_, {{"uploadId", uploadId_}}, {{"content-type", "application/xml"}},
+                                        completeUploadBody(etags_)},
+                                       site);
+      if (auto error = parseError(response.body))
+        p::fail(p::ErrorCode::IOError, location_, site.call, "completing the upload failed: " + error->code + " " + error->message);
+    } catch (...) {
+      if (!replace) releaseClaim(*client_, key_, uploadId_, site);
+      throw;
+    }
     uploadId_.clear();
   }
   pending_.clear();
@@ -231,7 +262,7 @@ void UploadStream::doClose(p::StreamClosePolicy const& policy) {
     return;
   }
   try {
-    commit();
+    commit(replaces(policy));
   } catch (...) {
     abort();
     rethrowAs<p::ByteStreamCloseFailure>();
@@ -265,7 +296,7 @@ TempFileStream::TempFileStream(std::shared_ptr<S3Client> client, p::StorageIRI l
 TempFileStream::~TempFileStream() {
   if (!isClosed() && commitWhenDestroyed_) {
     try {
-      upload();
+      upload(p::StreamClosePolicy::Commit);
     } catch (...) {
       // Nobody is left to tell; the old contents stay.
     }
@@ -323,7 +354,9 @@ std::streampos TempFileStream::doSeek(std::streamoff off, std::ios_base::seekdir
   return static_cast<std::streamoff>(position_);
 }
 
-void TempFileStream::upload() {
+void TempFileStream::upload(p::StreamClosePolicy policy) {
+  if (size() > largestUpload(client_->settings().partSize))
+    throw p::ByteStreamCloseFailure(tooLargeMessage, p::ErrorCode::FileTooLarge);
   UploadStream out(client_, location_, key_, false, false);
   std::vector<char> buffer(1 << 20);
   for (off_t at = 0;;) {
@@ -333,13 +366,14 @@ void TempFileStream::upload() {
     out.write(buffer.data(), got);
     at += got;
   }
-  out.close(p::StreamClosePolicy::Commit);
+  out.close(policy);
 }
 
 void TempFileStream::doClose(p::StreamClosePolicy const& policy) {
-  if (policy == p::StreamClosePolicy::Commit) {
+  if (policy != p::StreamClosePolicy::Discard) {
     try {
-      upload();
+      replaces(policy); // refuses policies it does not know before anything goes out
+      upload(policy);
     } catch (...) {
       rethrowAs<p::ByteStreamCloseFailure>();
     }

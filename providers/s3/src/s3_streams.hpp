@@ -42,6 +42,8 @@ private:
 /// Writes an object: the bytes stay in memory until there are `partSize` of them, then go
 /// out as parts of a multipart upload, several at a time. Commit completes the upload (or
 /// sends one PUT); discard and destruction abort it, unless `commitWhenDestroyed`.
+/// A commit that must not replace sends its single PUT with If-None-Match; a multipart one
+/// completes over a claim (`claimKey`).
 class UploadStream final : public provider::TransactionalStream {
 public:
   UploadStream(std::shared_ptr<S3Client> client, provider::StorageIRI location, std::string key, bool append,
@@ -58,7 +60,7 @@ private:
   std::uint64_t end() const noexcept { return sent_ + pending_.size(); }
   void sendFullParts();
   void sendPart(std::string bytes);
-  void commit();
+  void commit(bool replace);
   void abort() noexcept;
 
   std::shared_ptr<S3Client> client_;
@@ -93,7 +95,7 @@ protected:
 
 private:
   std::uint64_t size() const;
-  void upload();
+  void upload(provider::StreamClosePolicy policy);
   void release() noexcept;
 
   std::shared_ptr<S3Client> client_;
