@@ -1,6 +1,8 @@
 #include <foundation/storage/provider/byte_stream.hpp>
 #include <foundation/storage/provider/exceptions.hpp>
 
+#include <cstdint>
+
 namespace foundation::storage::provider {
 
 ByteStream::~ByteStream() = default;
@@ -34,6 +36,19 @@ void TransactionalStream::close(StreamClosePolicy const& policy) {
     raise(ByteStreamCloseFailure("unknown close policy", ErrorCode::InvalidLocation));
   doClose(policy);
   markClosed();
+}
+
+std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way) {
+  std::int64_t base = 0;
+  if (way == std::ios_base::cur)
+    base = static_cast<std::int64_t>(position);
+  else if (way == std::ios_base::end)
+    base = static_cast<std::int64_t>(size);
+  else if (way != std::ios_base::beg)
+    raise(ByteStreamSeekFailure("unknown seek direction", ErrorCode::InvalidLocation));
+  if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
+    raise(ByteStreamSeekFailure("seek outside the file", ErrorCode::InvalidLocation));
+  return static_cast<std::uint64_t>(base + off);
 }
 
 } // namespace foundation::storage::provider

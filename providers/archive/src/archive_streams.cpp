@@ -36,19 +36,6 @@ void checkWrite(StreamMode const& mode) {
 
 } // namespace
 
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way) {
-  std::int64_t base = 0;
-  if (way == std::ios_base::cur)
-    base = static_cast<std::int64_t>(position);
-  else if (way == std::ios_base::end)
-    base = static_cast<std::int64_t>(size);
-  else if (way != std::ios_base::beg)
-    p::raise(p::ByteStreamSeekFailure("unknown seek direction", ErrorCode::InvalidLocation));
-  if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
-    p::raise(p::ByteStreamSeekFailure("seek outside the file", ErrorCode::InvalidLocation));
-  return static_cast<std::uint64_t>(base + off);
-}
-
 // --- ContentStream ----------------------------------------------------------------------
 
 ContentStream::ContentStream(std::shared_ptr<Content> content, std::shared_ptr<std::mutex> lock, StreamMode mode,
@@ -77,7 +64,7 @@ std::streamsize ContentStream::doWrite(char const* s, std::streamsize n) {
 
 std::streampos ContentStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
   std::lock_guard lock(*lock_);
-  position_ = seekTarget(position_, content_->size(), off, way);
+  position_ = p::seekTarget(position_, content_->size(), off, way);
   return static_cast<std::streamoff>(position_);
 }
 
@@ -105,7 +92,7 @@ std::streamsize TransactionalContentStream::doWrite(char const* s, std::streamsi
 }
 
 std::streampos TransactionalContentStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  position_ = seekTarget(position_, content_->size(), off, way);
+  position_ = p::seekTarget(position_, content_->size(), off, way);
   return static_cast<std::streamoff>(position_);
 }
 
@@ -176,7 +163,7 @@ std::streamsize EntryStream::doWrite(char const*, std::streamsize) {
 }
 
 std::streampos EntryStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  position_ = seekTarget(position_, declaredSize_, off, way);
+  position_ = p::seekTarget(position_, declaredSize_, off, way);
   return static_cast<std::streamoff>(position_);
 }
 

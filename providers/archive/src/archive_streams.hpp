@@ -13,8 +13,6 @@
 
 namespace foundation::storage::providers::archive::detail {
 
-/// The position a seek asks for; ByteStreamSeekFailure when it is before the start.
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way);
 
 struct StreamMode {
   bool read = false;

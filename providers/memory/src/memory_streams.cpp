@@ -16,20 +16,6 @@ std::streamsize copyOut(std::vector<char> const& content, std::uint64_t position
 
 } // namespace
 
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way) {
-  std::int64_t base = 0;
-  if (way == std::ios_base::cur) {
-    base = static_cast<std::int64_t>(position);
-  } else if (way == std::ios_base::end) {
-    base = static_cast<std::int64_t>(size);
-  } else if (way != std::ios_base::beg) {
-    p::raise(p::ByteStreamSeekFailure("unknown seek direction", p::ErrorCode::InvalidLocation));
-  }
-  if ((off < 0 && -off > base) || (off > 0 && off > INT64_MAX - base))
-    p::raise(p::ByteStreamSeekFailure("seek outside the file", p::ErrorCode::InvalidLocation));
-  return static_cast<std::uint64_t>(base + off);
-}
-
 MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::StorageIRI location, StreamMode mode,
                                    bool modified)
     : tree_(std::move(tree)), file_(std::move(file)), location_(std::move(location)), mode_(mode), modified_(modified) {
@@ -72,7 +58,7 @@ std::streampos MemoryByteStream::doSeek(std::streamoff off, std::ios_base::seekd
     std::shared_lock lock(tree_->mutex);
     size = data_->size();
   }
-  position_ = seekTarget(position_, size, off, way);
+  position_ = p::seekTarget(position_, size, off, way);
   return static_cast<std::streamoff>(position_);
 }
 
@@ -113,7 +99,7 @@ std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsiz
 }
 
 std::streampos MemoryTransactionalStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  position_ = seekTarget(position_, buffer_.size(), off, way);
+  position_ = p::seekTarget(position_, buffer_.size(), off, way);
   return static_cast<std::streamoff>(position_);
 }
 

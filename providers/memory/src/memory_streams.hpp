@@ -67,8 +67,5 @@ private:
   std::uint64_t position_ = 0;
 };
 
-/// The position `seek` arrives at from `position` in contents of `size`; a negative one is
-/// a seek failure.
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way);
 
 } // namespace foundation::storage::providers::memory::detail

@@ -33,15 +33,6 @@ template <class Failure>
   }
 }
 
-/// The position a seek asks for; negative results fail.
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t end, std::streamoff off, std::ios_base::seekdir way) {
-  long long base = way == std::ios_base::beg ? 0 : way == std::ios_base::cur ? static_cast<long long>(position)
-                                                                                : static_cast<long long>(end);
-  long long target = base + off;
-  if (target < 0) throw p::ByteStreamSeekFailure("seek before the start of the object", p::ErrorCode::InvalidLocation);
-  return static_cast<std::uint64_t>(target);
-}
-
 /// The most parts one multipart upload may have, and so the largest object it makes.
 constexpr std::uint64_t maxParts = 10000;
 constexpr char const* tooLargeMessage = "the object would need more than 10000 parts; a larger \"partSize\" allows it";
@@ -117,7 +108,7 @@ std::streamsize ReadStream::doWrite(char const*, std::streamsize) {
 }
 
 std::streampos ReadStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  position_ = seekTarget(position_, info_.size, off, way);
+  position_ = p::seekTarget(position_, info_.size, off, way);
   return static_cast<std::streamoff>(position_);
 }
 
@@ -179,7 +170,7 @@ std::streamsize UploadStream::doWrite(char const* s, std::streamsize n) {
 }
 
 std::streampos UploadStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  auto const target = seekTarget(position_, end(), off, way);
+  auto const target = p::seekTarget(position_, end(), off, way);
   if (target < sent_)
     throw p::ByteStreamSeekFailure("bytes already uploaded cannot be revisited", p::ErrorCode::UnsupportedOperation);
   position_ = target;
@@ -345,7 +336,7 @@ std::streamsize TempFileStream::doWrite(char const* s, std::streamsize n) {
 
 std::streampos TempFileStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
   try {
-    position_ = seekTarget(position_, size(), off, way);
+    position_ = p::seekTarget(position_, size(), off, way);
   } catch (p::ByteStreamSeekFailure const&) {
     throw;
   } catch (p::ByteStreamFailure const& e) {

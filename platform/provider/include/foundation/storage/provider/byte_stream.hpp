@@ -7,6 +7,7 @@
 #include <boost/iostreams/positioning.hpp>
 
 #include <concepts>
+#include <cstdint>
 #include <ios>
 #include <memory>
 
@@ -58,6 +59,12 @@ protected:
 private:
   void doClose() final { doClose(StreamClosePolicy::Commit); }
 };
+
+/// The absolute position a seek of `off` from `way` asks for, in a stream at `position` whose
+/// data ends at `size`. A position before the start or past the largest offset, or an unknown
+/// direction, is a ByteStreamSeekFailure (InvalidLocation). Streams over their own buffers share it.
+FOUNDATION_API std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off,
+                                        std::ios_base::seekdir way);
 
 /// A copyable Boost.Iostreams seekable, closable device over a shared stream. `read`
 /// returns -1 at end of data, as Boost expects.
