@@ -74,15 +74,15 @@ TEST(StandardStorageSystem, ReusesOneProviderPerSchemeAndAuthority) {
   EXPECT_EQ(vfs::buildProvider(*system, p::StorageIRI(u"file:///tmp")), vfs::buildProvider(*system, p::StorageIRI(u"file://localhost/")));
   EXPECT_VFS_ERROR(vfs::ErrorCode::InvalidLocation, vfs::buildProvider(*system, p::StorageIRI(u"file://server/share")));
   try {
-    vfs::Folder(vfs::AbsoluteIRI(u"zip:file:///a.zip!/dir"), vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
+    vfs::Folder(vfs::AbsoluteIRI(u"rar:file:///a.rar!/dir"), vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
     ADD_FAILURE() << "an unknown scheme was served";
   } catch (vfs::UnsupportedIRISchemeException const& e) {
-    EXPECT_EQ(e.getScheme(), u"zip");
+    EXPECT_EQ(e.getScheme(), u"rar");
   }
-  system->registerProvider(u"ZIP", [](p::StorageIRI const&) {
+  system->registerProvider(u"RAR", [](p::StorageIRI const&) {
     return std::make_shared<foundation::storage::providers::memory::MemoryProvider>();
   });
-  EXPECT_NO_THROW(vfs::buildProvider(*system, p::StorageIRI(u"zip:file:///a.zip!/dir")));
+  EXPECT_NO_THROW(vfs::buildProvider(*system, p::StorageIRI(u"rar:file:///a.rar!/dir")));
   EXPECT_TRUE(system->getEventMgr());
 }
 
