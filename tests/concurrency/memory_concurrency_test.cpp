@@ -112,6 +112,9 @@ TEST(MemoryConcurrency, AWriterGetsInBetweenListingsThatNeverPause) {
     });
   while (listings < 4) std::this_thread::yield();
   // A waiting writer lets no new listing start: each write waits for those under way only.
+  // Between writes the listers run freely, and a loaded machine may deschedule the writer
+  // there, so the bound allows a few dozen listings per write; a writer starved behind
+  // readers sees tens of thousands.
   constexpr int writes = 20;
   int const before = listings;
   auto file = at(provider, u"tree/written");
@@ -120,7 +123,7 @@ TEST(MemoryConcurrency, AWriterGetsInBetweenListingsThatNeverPause) {
   int const during = listings - before;
   done = true;
   for (auto& t : listers) t.join();
-  EXPECT_LE(during, 4 * 2 * (writes + 1)) << "listings completed while " << writes << " writes waited";
+  EXPECT_LE(during, 4 * 25 * (writes + 1)) << "listings completed while " << writes << " writes waited";
 }
 
 TEST(MemoryConcurrency, ReadersDuringCommitsSeeOldOrNewContentsNeverAMix) {
