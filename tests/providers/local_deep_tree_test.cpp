@@ -78,11 +78,15 @@ TEST_F(LocalProviderTest, RunningOutOfDescriptorsIsAnErrorNeverAShorterListing) 
     EXPECT_EQ(count(item(u"tree").listAllRecursiveNamesOnly(u"")), everything);
     EXPECT_EQ(count(item(u"tree").listAllRecursive(u"")), everything);
   }
+#ifndef __SANITIZE_ADDRESS__
+  // Sanitizer runtimes open a pipe of their own to check memory while an exception is built;
+  // with every descriptor taken they report the check itself, so only plain builds exhaust them.
   {
     DescriptorBudget budget(3);
     EXPECT_PROVIDER_ERROR(Code::Unknown, count(item(u"tree").listAllRecursiveNamesOnly(u"")));
     EXPECT_PROVIDER_ERROR(Code::Unknown, item(u"tree").removeFolderRecursively());
   }
+#endif
   EXPECT_TRUE(fs::exists(path("tree")));
   {
     DescriptorBudget budget(40);
