@@ -27,8 +27,10 @@ public:
   /// Reads the archive's entries, in archive order, into `entries`.
   virtual std::shared_ptr<ArchiveReader> open(p::StorageItem const& archive, std::vector<RawEntry>& entries) = 0;
   /// Replaces the archive, all at once, with one holding `tree`. `previous` is the archive
-  /// as read (null for a new one); the tree's entries refer to it.
-  virtual void write(p::StorageItem const& archive, Tree const& tree, ArchiveReader* previous) = 0;
+  /// as read (null for a new one); the tree's entries refer to it. `landing` is how the new
+  /// archive lands: CommitWithoutReplacing for an archive that did not exist.
+  virtual void write(p::StorageItem const& archive, Tree const& tree, ArchiveReader* previous,
+                     p::StreamClosePolicy landing) = 0;
 };
 
 std::unique_ptr<ArchiveFormat> makeZipFormat();

@@ -71,6 +71,7 @@ public:
   /// The folder that gets or loses the child at `path`: it must exist and be writable.
   Node& writableParent(Segments const& path) const {
     if (path.empty()) fail(ErrorCode::InvalidLocation, "the archive's root folder has no parent");
+    if (auto const why = refusedName(path)) fail(ErrorCode::InvalidLocation, *why);
     Node* parent = archive().exists ? archive().tree->findParent(path) : nullptr;
     if (!parent) fail(ErrorCode::ResourceNotFound, "the parent folder is missing");
     if (!parent->writable) fail(ErrorCode::PermissionDenied, "the parent folder is read-only");

@@ -146,6 +146,21 @@ std::uint64_t Tree::count() const {
   return total;
 }
 
+std::optional<std::string> refusedName(Segments const& path) {
+  // Zip keeps a name in 16 bits, a folder's with its trailing '/'.
+  constexpr std::size_t longestName = 0xFFFF - 1;
+  std::string raw;
+  try {
+    raw = fl::i18n::to_utf8(pathOf(path).substr(1));
+  } catch (std::exception const&) {
+    return std::string("the name is not valid Unicode");
+  }
+  if (raw.size() > longestName) return std::string("the name is longer than an entry header holds");
+  auto const checked = checkedSegments(raw);
+  if (auto const* reason = std::get_if<std::string>(&checked)) return *reason;
+  return std::nullopt;
+}
+
 Segments segmentsOf(std::u16string const& path) {
   Segments segments;
   std::size_t start = 0;

@@ -95,6 +95,9 @@ private:
   std::vector<SkippedEntry> skipped_;
 };
 
+/// Why a new entry cannot be named `path`: a name that reading the archive back would
+/// skip, or one longer than an entry header holds. None when it can.
+std::optional<std::string> refusedName(Segments const& path);
 /// The `/`-separated segments of a resolved path ("/a/b" gives {"a", "b"}).
 Segments segmentsOf(std::u16string const& path);
 /// "/a/b" from {"a", "b"}; "/" for none.

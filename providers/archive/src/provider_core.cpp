@@ -50,15 +50,19 @@ Place ProviderCore::locate(p::StorageIRI const& location, char16_t const* op, p:
   return {std::move(archive), std::move(path), std::move(resolved)};
 }
 
-void ProviderCore::refresh(Archive& archive, char16_t const* op) {
-  if (archive.dirty) return;
-  std::optional<p::FileAttributes> now;
+std::optional<p::FileAttributes> ProviderCore::attributesNow(Archive const& archive, char16_t const* op) const {
   try {
-    now = archive.file.getFileAttributes();
+    return archive.file.getFileAttributes();
   } catch (p::Exception& failure) {
     if (failure.getErrorCode() != p::ErrorCode::ResourceNotFound)
       throw failure.addExceptionContext(p::ExceptionContext(key(op), "the archive file cannot be reached"));
   }
+  return std::nullopt;
+}
+
+void ProviderCore::refresh(Archive& archive, char16_t const* op) {
+  if (archive.dirty) return;
+  std::optional<p::FileAttributes> const now = attributesNow(archive, op);
   if (archive.loaded && archive.seen == now) return;
   archive.loaded = false;
   archive.reader.reset();
@@ -133,8 +137,15 @@ std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file,
 void ProviderCore::commit(Archive& archive) {
   std::lock_guard lock(*archive.lock);
   if (!archive.dirty) return;
+  // Another writer's archive is never overwritten with this change set: a file that
+  // appeared where there was none is caught atomically as the new one lands, a file
+  // changed since it was read just before.
+  if (attributesNow(archive, u"commit") != archive.seen)
+    p::fail(p::ErrorCode::ResourceInUse, archive.file.getLocation(), key(u"commit"),
+            "the archive file changed since it was read; the changes wait (invalidate drops them)");
+  auto const landing = archive.seen ? p::StreamClosePolicy::Commit : p::StreamClosePolicy::CommitWithoutReplacing;
   try {
-    format->write(archive.file, *archive.tree, archive.reader.get());
+    format->write(archive.file, *archive.tree, archive.reader.get(), landing);
   } catch (p::Exception& failure) {
     throw failure.addExceptionContext(p::ExceptionContext(key(u"commit"), "the archive was left as it was"));
   }

@@ -47,6 +47,8 @@ struct ProviderCore {
   /// are InvalidLocation (UnsupportedOperation with `foreign`).
   Place locate(p::StorageIRI const& location, char16_t const* op,
                p::ErrorCode foreign = p::ErrorCode::InvalidLocation);
+  /// The archive file's attributes; none when it is missing.
+  std::optional<p::FileAttributes> attributesNow(Archive const& archive, char16_t const* op) const;
   /// Reads the archive again if its file changed and nothing is pending. Under its lock.
   void refresh(Archive& archive, char16_t const* op);
   /// The node at `path`; null when missing or when the archive does not exist.

@@ -213,7 +213,7 @@ public:
     return std::make_shared<TarReader>(file);
   }
 
-  void write(p::StorageItem const& file, Tree const&, ArchiveReader*) override {
+  void write(p::StorageItem const& file, Tree const&, ArchiveReader*, p::StreamClosePolicy) override {
     p::fail(p::ErrorCode::ReadOnlyProvider, file.getLocation(), u"tar.commit", "tar archives are read only");
   }
 };

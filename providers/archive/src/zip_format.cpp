@@ -57,8 +57,9 @@ public:
   std::shared_ptr<ArchiveReader> open(p::StorageItem const& archive, std::vector<RawEntry>& entries) override {
     return std::make_shared<ZipReader>(archive, entries);
   }
-  void write(p::StorageItem const& archive, Tree const& tree, ArchiveReader* previous) override {
-    writeZip(archive, tree, static_cast<ZipReader*>(previous));
+  void write(p::StorageItem const& archive, Tree const& tree, ArchiveReader* previous,
+             p::StreamClosePolicy landing) override {
+    writeZip(archive, tree, static_cast<ZipReader*>(previous), landing);
   }
 };
 

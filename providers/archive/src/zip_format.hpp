@@ -57,6 +57,6 @@ private:
 
 /// Writes a new archive holding `tree` through a transactional stream of `file`; entries
 /// still unchanged are copied from `previous` without recompressing.
-void writeZip(p::StorageItem const& file, Tree const& tree, ZipReader* previous);
+void writeZip(p::StorageItem const& file, Tree const& tree, ZipReader* previous, p::StreamClosePolicy landing);
 
 } // namespace foundation::storage::providers::archive::detail

@@ -19,7 +19,7 @@ p::ByteStreamOpenOptions const replaceWhole{p::ByteStreamAccess::WriteOnly, p::B
 /// commits or rolls it back when it closes the archive.
 class TargetSource {
 public:
-  explicit TargetSource(p::StorageItem file) : file_(std::move(file)) {}
+  TargetSource(p::StorageItem file, p::StreamClosePolicy landing) : file_(std::move(file)), landing_(landing) {}
 
   static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
     auto& self = *static_cast<TargetSource*>(state);
@@ -45,7 +45,7 @@ public:
       }
       case ZIP_SOURCE_TELL_WRITE: return static_cast<zip_int64_t>(self.stream_->seek(0, std::ios_base::cur));
       case ZIP_SOURCE_COMMIT_WRITE:
-        self.stream_->close(p::StreamClosePolicy::Commit);
+        self.stream_->close(self.landing_);
         self.stream_.reset();
         return 0;
       case ZIP_SOURCE_ROLLBACK_WRITE:
@@ -68,6 +68,7 @@ public:
 
 private:
   p::StorageItem file_;
+  p::StreamClosePolicy landing_;
   std::unique_ptr<p::TransactionalStream> stream_;
 };
 
@@ -121,12 +122,12 @@ void addEntries(zip_t* archive, Tree const& tree, ZipReader* previous, p::Storag
 }
 
 /// The end record of an archive without entries (libzip would remove the file instead).
-void writeEmpty(p::StorageItem const& file) {
+void writeEmpty(p::StorageItem const& file, p::StreamClosePolicy landing) {
   char const record[22] = {'P', 'K', 5, 6};
   try {
     auto stream = file.openTransactionalStream(replaceWhole);
     stream->write(record, sizeof record);
-    stream->close(p::StreamClosePolicy::Commit);
+    stream->close(landing);
   } catch (p::ByteStreamFailure const& e) {
     p::fail(e.getErrorCode(), file.getLocation(), u"zip.commit", e.what());
   }
@@ -134,12 +135,12 @@ void writeEmpty(p::StorageItem const& file) {
 
 } // namespace
 
-void writeZip(p::StorageItem const& file, Tree const& tree, ZipReader* previous) {
-  if (tree.root().children.empty()) return writeEmpty(file);
+void writeZip(p::StorageItem const& file, Tree const& tree, ZipReader* previous, p::StreamClosePolicy landing) {
+  if (tree.root().children.empty()) return writeEmpty(file, landing);
   // Unchanged entries are read from the previous archive while the new one is written.
   std::unique_lock<std::mutex> reading;
   if (previous) reading = std::unique_lock(previous->mutex);
-  TargetSource target(file);
+  TargetSource target(file, landing);
   zip_error_t error;
   zip_error_init(&error);
   zip_source_t* source = zip_source_function_create(&TargetSource::callback, &target, &error);

@@ -35,7 +35,11 @@ struct ProviderCore;
 /// `flushFilesystem(location)` (that archive and the archives around it),
 /// `shutdownProvider`, and when the provider is destroyed (failures there are logged). A
 /// commit writes a whole new archive through the outer provider's transactional stream,
-/// so the outer file changes all at once or not at all. `invalidate` drops an archive's
+/// so the outer file changes all at once or not at all. A commit never overwrites another
+/// writer's file: it fails with ResourceInUse when the archive file changed (or appeared)
+/// since it was read, or with ResourceAlreadyExists when a file lands where a new archive
+/// goes while it is written (the changes stay pending). New names that reading the archive back would skip, or longer
+/// than an entry header holds, are InvalidLocation. `invalidate` drops an archive's
 /// state, uncommitted changes included. Creating the root folder of a missing archive
 /// creates an empty archive. Settings (`configure`): "maxEditSize" (bytes; an entry larger
 /// than this is FileTooLarge when opened for in-place writing; default 256 MiB).
