@@ -3,12 +3,18 @@
 //   std::filesystem::recursive_directory_iterator;
 // - recursive listing with size and modification time vs getdents64 + fstatat and
 //   std::filesystem with file_size + last_write_time;
+// - the library's tree listings (Folder::listAllRecursive, listAllEntriesRecursive) over
+//   the local provider vs the same references and `find` as a whole command;
 // - copying a 1 GiB file vs cp.
 // The tree (200,000 files in 10,000 folders) is generated once under $VFS_BENCH_DIR
 // (default /tmp/vfs-bench) and kept: this disk creates files slowly right after deleting
 // many, so the benchmark never deletes and re-creates it.
 
 #include <foundation/storage/providers/local/local_provider.hpp>
+#include <foundation/storage/providers/wrappers/feature_switching_provider.hpp>
+#include <foundation/storage/systems/standard_storage_system.hpp>
+
+#include <vfs/vfs.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -22,6 +28,7 @@
 #include <unistd.h>
 
 namespace p = foundation::storage::provider;
+namespace vfs = foundation::storage::vfs;
 namespace fs = std::filesystem;
 using foundation::storage::providers::local::LocalProvider;
 
@@ -192,6 +199,61 @@ static void ListWithAttributes_LocalProvider(benchmark::State& state) {
   reportEntries(state, entries);
 }
 
+/// The tree's root as an application sees it, through a storage system; with
+/// `libraryWalks` the provider cannot list trees, so the library walks them itself.
+vfs::Folder libraryTree(bool libraryWalks = false) {
+  static auto const system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  static auto const walking = [] {
+    auto system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+    auto features = std::make_shared<foundation::storage::providers::wrappers::FeatureSwitchingProvider>(
+        std::make_shared<LocalProvider>());
+    features->disable(p::ExtendedFeature::RecursiveListing);
+    system->registerProvider(u"file", [features](p::StorageIRI const&) { return features; });
+    return system;
+  }();
+  std::weak_ptr<vfs::StorageSystem> chosen = libraryWalks ? walking : system;
+  return vfs::Folder(vfs::toAbsoluteIRI(u"file", fl::filesystem::path(tree())), vfs::StorageSystemReference(chosen));
+}
+
+static void ListNamesOnly_VfsFolder(benchmark::State& state) {
+  vfs::Folder root = libraryTree();
+  std::size_t entries = 0;
+  for (auto _ : state) {
+    entries = 0;
+    auto listing = root.listAllRecursive();
+    for (auto it = listing.begin(); !it.exhausted(); ++it, ++entries) benchmark::DoNotOptimize(it->getName().size());
+  }
+  reportEntries(state, entries);
+}
+
+static void ListWithAttributes_VfsFolder(benchmark::State& state) {
+  vfs::Folder root = libraryTree(state.range(0) != 0);
+  std::size_t entries = 0;
+  for (auto _ : state) {
+    entries = 0;
+    auto listing = root.listAllEntriesRecursive();
+    for (auto it = listing.begin(); !it.exhausted(); ++it, ++entries) {
+      if (auto const* file = boost::get<vfs::FileEntry>(&*it)) {
+        benchmark::DoNotOptimize(file->getAttributes().getSize());
+        benchmark::DoNotOptimize(file->getAttributes().getLastModified());
+      } else {
+        benchmark::DoNotOptimize(boost::get<vfs::FolderEntry>(*it).getAttributes().getLastModified());
+      }
+    }
+  }
+  reportEntries(state, entries);
+}
+
+/// `find` over the tree as a whole command, printing `format` per entry to /dev/null.
+void runFind(benchmark::State& state, std::string const& format) {
+  std::string const command = "find " + tree().string() + " -printf '" + format + "' > /dev/null";
+  for (auto _ : state)
+    if (std::system(command.c_str()) != 0) state.SkipWithError("find failed");
+}
+
+static void ListNamesOnly_FindCommand(benchmark::State& state) { runFind(state, ""); }
+static void ListWithAttributes_FindCommand(benchmark::State& state) { runFind(state, "%s %T@\\n"); }
+
 // Copies land in fresh names and are removed only at the end of each benchmark. Each copy
 // starts with nothing left to write back (sync, untimed), so that one copy's writeback
 // does not slow the next.
@@ -228,8 +290,12 @@ static void CopyOneGiB_LocalProvider(benchmark::State& state) {
 BENCHMARK(ListNamesOnly_Getdents64)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListNamesOnly_LocalProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListNamesOnly_StdFilesystem)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(ListNamesOnly_VfsFolder)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(ListNamesOnly_FindCommand)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListWithAttributes_Getdents64Fstatat)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListWithAttributes_LocalProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListWithAttributes_StdFilesystem)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(ListWithAttributes_VfsFolder)->ArgName("libraryWalks")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(ListWithAttributes_FindCommand)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(CopyOneGiB_Cp)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(CopyOneGiB_LocalProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);

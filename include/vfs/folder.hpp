@@ -4,7 +4,9 @@
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <vfs/absolute_iri.hpp>
+#include <vfs/entries.hpp>
 #include <vfs/file.hpp>
+#include <vfs/listing.hpp>
 #include <vfs/storage_system.hpp>
 
 #include <boost/variant.hpp>
@@ -12,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 namespace foundation::storage::vfs {
@@ -68,12 +71,46 @@ public:
   /// Asks the provider to flush the file system holding the folder.
   void flushFilesystem();
 
+  // Listings of the children. A non-empty `pattern` keeps only names that match it: `*`
+  // stands for any run of characters, `?` for exactly one, everything else for itself
+  // (case-sensitive, no escapes). The provider filters where it can, the library
+  // otherwise. Failures arrive as the library's Exception.
+
+  /// Files and folders by name only; ask each entry for its kind.
+  FolderListing<ListEntry> listAll(std::u16string pattern = {}) const;
+  FolderListing<File> listFiles(std::u16string pattern = {}) const;
+  FolderListing<Folder> listFolders(std::u16string pattern = {}) const;
+  /// Files with the attributes the provider lists with them.
+  FolderListing<FileEntry> listFileEntries(std::u16string pattern = {}) const;
+  FolderListing<FolderEntry> listFolderEntries(std::u16string pattern = {}) const;
+  FolderListing<FileOrFolderEntry> listAllEntries(std::u16string pattern = {}) const;
+  /// The whole tree below this folder by name, each a path relative to this folder (or,
+  /// where the library walks the tree itself, a single name). The pattern tests the last
+  /// name of each path. Sub-folders that cannot be read or vanish meanwhile are skipped;
+  /// a folder is followed by its contents. Iterate with `exhausted()`, see FolderListing.
+  FolderListing<ListEntry> listAllRecursive(std::u16string pattern = {}) const;
+  /// The whole tree below this folder with attributes; as listAllRecursive.
+  FolderListing<FileOrFolderEntry> listAllEntriesRecursive(std::u16string pattern = {}) const;
+  /// Whether the provider filters flat listings by pattern itself.
+  bool providerSupportsFlatWildcardListing() const;
+
   friend FOUNDATION_API bool operator==(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator!=(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator<(Folder const& a, Folder const& b);
 
 private:
   friend class File;
+
+  // The provider calls behind the listings, failures translated.
+  std::unique_ptr<provider::IFolderEntryIterator> doListAll(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFiles(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFolders(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFileEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListFolderEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllEntries(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllRecursive_provider_specialization(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator> doListAllEntriesRecursive_provider_specialization(
+      std::u16string const& pattern) const;
 
   provider::StorageItem item_;
   StorageSystemReference system_;
