@@ -49,22 +49,32 @@ inline char const* direntName(LinuxDirent64 const* entry) noexcept {
   return reinterpret_cast<char const*>(entry) + offsetof(LinuxDirent64, d_type) + 1;
 }
 
+inline long readDirectoryBatch(int dirfd, char* buffer, std::size_t size) noexcept {
+  for (;;) {
+    long got = ::syscall(SYS_getdents64, dirfd, buffer, size);
+    if (got >= 0) return got;
+    if (errno != EINTR) return -errno;
+  }
+}
+
+inline DirectoryRecord decodeDirectoryRecord(char const* record) noexcept {
+  auto const* entry = reinterpret_cast<LinuxDirent64 const*>(record);
+  char const* name = direntName(entry);
+  return {name, kindFromDirentType(entry->d_type), entry->d_reclen, isDotOrDotDot(name), entry->d_off};
+}
+
 template <class Visit>
 int readDirectory(int dirfd, Visit&& visit) {
-  alignas(LinuxDirent64) char buffer[64 * 1024];
+  alignas(LinuxDirent64) char buffer[directoryBatchSize];
   if (::lseek(dirfd, 0, SEEK_SET) < 0) return errno;
   for (;;) {
-    long got = ::syscall(SYS_getdents64, dirfd, buffer, sizeof buffer);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
+    long got = readDirectoryBatch(dirfd, buffer, sizeof buffer);
+    if (got < 0) return static_cast<int>(-got);
     if (got == 0) return 0;
     for (long offset = 0; offset < got;) {
-      auto const* entry = reinterpret_cast<LinuxDirent64 const*>(buffer + offset);
-      offset += entry->d_reclen;
-      char const* name = direntName(entry);
-      if (!isDotOrDotDot(name)) visit(std::string_view(name), kindFromDirentType(entry->d_type));
+      DirectoryRecord const record = decodeDirectoryRecord(buffer + offset);
+      offset += static_cast<long>(record.length);
+      if (!record.dotOrDotDot) visit(std::string_view(record.name), record.kind);
     }
   }
 }

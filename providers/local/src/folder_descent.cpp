@@ -41,9 +41,11 @@ void FolderDescent::closeShallowest() noexcept {
   ++firstOpen_;
 }
 
-int FolderDescent::ascend() noexcept {
+int FolderDescent::ascend(bool* reopened) noexcept {
   std::size_t const parent = levels_.size() - 2;
-  if (parent >= 1 && parent < firstOpen_) {
+  bool const closed = parent >= 1 && parent < firstOpen_;
+  if (reopened) *reopened = closed;
+  if (closed) {
     int fd = openAt(current(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return -fd;
     UniqueFd reopened(fd);

@@ -21,6 +21,8 @@ class FolderDescent {
 public:
   FolderDescent(UniqueFd root, std::size_t keepOpen);
 
+  /// The root's descriptor (always open).
+  int root() const noexcept { return levels_.front().fd.get(); }
   /// The deepest level's descriptor (always open).
   int current() const noexcept { return levels_.back().fd.get(); }
   /// 0 for the root.
@@ -29,8 +31,9 @@ public:
   /// (ENOTDIR or ELOOP: not a folder, or a link).
   int descend(char const* name) noexcept;
   /// Closes the current level and makes its parent current; 0 or an errno value. Not at the
-  /// root.
-  int ascend() noexcept;
+  /// root. `reopened`, when given, tells whether the parent had to be opened again (its new
+  /// descriptor then reads the folder from its start).
+  int ascend(bool* reopened = nullptr) noexcept;
 
 private:
   struct Level {

@@ -3,13 +3,17 @@
 #include "directory_reader.hpp"
 #include "folder_descent.hpp"
 #include "posix_calls.hpp"
+#include "temporary_files.hpp"
 
 #include <foundation/storage/provider/wildcard.hpp>
 
 #include <cerrno>
+#include <exception>
 #include <fcntl.h>
 #include <new>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace foundation::storage::providers::local::detail {
 
@@ -29,100 +33,224 @@ bool isSkippable(int error) noexcept {
   return error == EACCES || error == EPERM || error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-/// The folder's entries; for listings without the provider's temporary files (those nobody
-/// holds any more are removed on the way).
-int readEntries(int dirfd, std::vector<RawEntry>& entries, bool forListing) noexcept {
+/// The folder's entries.
+int readEntries(int dirfd, std::vector<RawEntry>& entries) noexcept {
   try {
-    std::vector<std::string> temporaries;
-    int error = readDirectory(dirfd, [&](std::string_view name, EntryKind kind) {
-      if (forListing && isTemporaryFileName(name)) temporaries.emplace_back(name);
-      else entries.push_back({std::string(name), kind});
-    });
-    for (auto const& name : temporaries) removeIfStale(dirfd, name.c_str());
-    return error;
+    return readDirectory(dirfd, [&](std::string_view name, EntryKind kind) { entries.push_back({std::string(name), kind}); });
   } catch (std::bad_alloc const&) {
     return ENOMEM;
   }
 }
 
-/// A folder being listed: its entries and the next one to visit.
-struct Frame {
-  std::vector<RawEntry> entries;
-  std::size_t next = 0;
-  std::size_t pathLength = 0; ///< of the folder's path relative to the listed one
+/// An entry found by the walk, ready to be handed out.
+struct Found {
+  std::u16string name; ///< relative to the listed folder; its capacity is reused
+  bool isFile = true;
+  bool walkInto = false; ///< a folder, not a link to one
+  boost::optional<p::FileAttributes> file;
+  boost::optional<p::FolderAttributes> folder;
 };
 
-/// Adds `entry` of the folder `dirfd` to `out` when the request wants it; tells whether it is
-/// a folder to walk into (not a link).
-bool visit(int dirfd, RawEntry const& entry, std::u16string const& relative, std::u16string const& name,
-           ListingRequest const& request, UserIdentity const& user, std::vector<p::FolderEntry>& out) {
-  struct stat st {};
-  bool haveStat = false;
-  bool symlink = false;
-  EntryKind kind = entry.kind;
-  if (kind == EntryKind::Unknown) { // file systems without d_type
-    if (statAt(dirfd, entry.name.c_str(), st, false) != 0) return false; // vanished meanwhile
-    kind = kindFromMode(st.st_mode);
-    haveStat = kind != EntryKind::Symlink;
+/// A cursor that walks the folder while it is read: one batch of records is decoded at a
+/// time, so memory grows with the depth of the tree, never with the number of entries.
+///
+/// The records of every folder on the way down stay in one byte stack, each level owning
+/// the batch it read last; a level's batch is replaced by its next one once decoded. A
+/// folder is handed out before its contents. `hasNext` reads ahead by one entry; a failure
+/// met while reading ahead is thrown by the `next` that would have moved past it.
+class StreamingCursor final : public p::IFolderEntryIterator {
+public:
+  StreamingCursor(UniqueFd folder, ListingRequest request, UserIdentity user, p::StorageIRI location)
+      : request_(std::move(request)), user_(std::move(user)), location_(std::move(location)),
+        descent_(std::move(folder), keepOpen) {
+    levels_.push_back(Level{});
+    if (int error = readBatch()) failErrno(error, location_, "getdents");
   }
-  if (kind == EntryKind::Symlink) {
-    symlink = true;
-    haveStat = statAt(dirfd, entry.name.c_str(), st, true) == 0;
-    kind = haveStat ? kindFromMode(st.st_mode) : EntryKind::File;
+
+  p::FolderEntry current() const override {
+    if (yielded_ == 0) throw std::logic_error("a listing cursor has no entry before its first next()");
+    if (current_.file) return p::FolderEntry(current_.name, *current_.file);
+    if (current_.folder) return p::FolderEntry(current_.name, *current_.folder);
+    return p::FolderEntry(current_.name, current_.isFile);
   }
-  bool const isFolder = kind == EntryKind::Folder;
-  bool const wanted = request.kinds == Kinds::All || (request.kinds == Kinds::Folders) == isFolder;
-  if (wanted && (request.pattern.empty() || p::matchesWildcard(request.pattern, name))) {
-    if (!request.attributes) {
-      out.emplace_back(relative, !isFolder);
-    } else if (haveStat || statAt(dirfd, entry.name.c_str(), st, false) == 0) { // else: vanished meanwhile
-      // Not stated yet: a plain entry, or a broken link described by itself.
-      if (isFolder) {
-        out.emplace_back(relative, folderAttributes(st, entry.name, symlink, user));
-      } else {
-        out.emplace_back(relative, fileAttributes(st, entry.name, symlink, user));
+
+  bool hasNext() const override {
+    if (!lookedAhead_) {
+      lookedAhead_ = true;
+      try {
+        havePending_ = advance();
+      } catch (...) {
+        failure_ = std::current_exception();
+        havePending_ = true;
       }
     }
+    return havePending_;
   }
-  return isFolder && !symlink;
-}
+
+  void next() override {
+    if (!hasNext()) throw std::logic_error("a listing cursor moved past its last entry");
+    if (failure_) std::rethrow_exception(failure_); // the walk cannot go on past it
+    std::swap(current_, pending_);
+    lookedAhead_ = false;
+    ++yielded_;
+  }
+
+  /// A clone walks the folder again from its start and skips what this cursor has handed
+  /// out; it has its own descriptors, so the two never disturb each other's reading.
+  std::unique_ptr<p::IFolderEntryIterator> clone() const override {
+    int fd = openAt(descent_.root(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) failErrno(-fd, location_, "open");
+    auto copy = std::make_unique<StreamingCursor>(UniqueFd(fd), request_, user_, location_);
+    for (std::size_t i = 0; i < yielded_ && copy->hasNext(); ++i) copy->next();
+    return copy;
+  }
+
+private:
+  /// A folder being read: where its batch lies in the byte stack, and the next record.
+  struct Level {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    std::size_t next = 0;
+    std::size_t pathLength = 0; ///< of the folder's path relative to the listed one
+    long long offset = 0;       ///< in the folder, just past the record before `next`
+  };
+
+  /// Replaces the deepest level's batch by the next one; 0, or an errno value.
+  int readBatch() const {
+    Level& level = levels_.back();
+    bytes_.resize(level.begin + directoryBatchSize);
+    long got = readDirectoryBatch(descent_.current(), bytes_.data() + level.begin, directoryBatchSize);
+    bytes_.resize(level.begin + static_cast<std::size_t>(got > 0 ? got : 0));
+    level.end = bytes_.size();
+    level.next = level.begin;
+    return got < 0 ? static_cast<int>(-got) : 0;
+  }
+
+  /// Leaves the deepest level for its parent. A parent whose descriptor was closed on the
+  /// way down is read on from where it was left, not from its start.
+  void climb() const {
+    bytes_.resize(levels_.back().begin);
+    levels_.pop_back();
+    Level& parent = levels_.back();
+    path_.resize(parent.pathLength);
+    bool reopened = false;
+    if (int error = descent_.ascend(&reopened)) failErrno(error, location_, "reopen");
+    if (!reopened) return;
+    if (::lseek(descent_.current(), static_cast<off_t>(parent.offset), SEEK_SET) < 0) failErrno(errno, location_, "lseek");
+    parent.end = parent.next; // the rest of its batch is read again
+  }
+
+  /// Enters the folder `name` of the deepest level, whose relative path is `path_`.
+  void enter(char const* name) const {
+    if (int error = descent_.descend(name)) {
+      path_.resize(levels_.back().pathLength);
+      if (isSkippable(error)) return;
+      failErrno(error, location_, "open");
+    }
+    levels_.push_back(Level{bytes_.size(), bytes_.size(), bytes_.size(), path_.size()});
+    if (int error = readBatch()) {
+      if (!isSkippable(error)) failErrno(error, location_, "getdents");
+      climb();
+    }
+  }
+
+  /// Finds the next wanted entry into `pending_`; false at the end of the walk.
+  bool advance() const {
+    for (;;) {
+      Level& level = levels_.back();
+      if (level.next == level.end) {
+        if (level.end == level.begin) { // the folder is read to its end
+          if (levels_.size() == 1) return false;
+          climb();
+        } else if (int error = readBatch()) {
+          failErrno(error, location_, "getdents");
+        }
+        continue;
+      }
+      DirectoryRecord const record = decodeDirectoryRecord(bytes_.data() + level.next);
+      level.next += record.length;
+      level.offset = record.nextOffset;
+      if (record.dotOrDotDot) continue;
+      if (isTemporaryFileName(record.name)) {
+        removeIfStale(descent_.current(), record.name);
+        continue;
+      }
+      std::size_t const base = path_.size();
+      if (base != 0) path_ += u'/';
+      if (!appendNameAsUtf16(path_, record.name)) { // not expressible as a location
+        path_.resize(base);
+        continue;
+      }
+      bool const wanted = describe(record, base == 0 ? 0 : base + 1);
+      if (!pending_.walkInto || !request_.recursive) {
+        path_.resize(base);
+        if (wanted) return true;
+        continue;
+      }
+      enter(record.name); // a folder is handed out before its contents
+      if (wanted) return true;
+    }
+  }
+
+  /// Describes the entry `record` of the deepest level, whose relative path is `path_` (its
+  /// name from `nameStart`), into `pending_`; tells whether the request wants it.
+  bool describe(DirectoryRecord const& record, std::size_t nameStart) const {
+    int const dirfd = descent_.current();
+    struct stat st {};
+    bool haveStat = false;
+    bool symlink = false;
+    EntryKind kind = record.kind;
+    pending_.walkInto = false;
+    if (kind == EntryKind::Unknown) { // file systems without d_type
+      if (statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
+      kind = kindFromMode(st.st_mode);
+      haveStat = kind != EntryKind::Symlink;
+    }
+    if (kind == EntryKind::Symlink) {
+      symlink = true;
+      haveStat = statAt(dirfd, record.name, st, true) == 0;
+      kind = haveStat ? kindFromMode(st.st_mode) : EntryKind::File;
+    }
+    bool const isFolder = kind == EntryKind::Folder;
+    pending_.walkInto = isFolder && !symlink;
+    bool const wanted = request_.kinds == Kinds::All || (request_.kinds == Kinds::Folders) == isFolder;
+    if (!wanted) return false;
+    if (!request_.pattern.empty() &&
+        !p::matchesWildcard(request_.pattern, std::u16string_view(path_).substr(nameStart)))
+      return false;
+    pending_.file.reset();
+    pending_.folder.reset();
+    if (request_.attributes) {
+      // Not stated yet: a plain entry, or a broken link described by itself.
+      if (!haveStat && statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
+      if (isFolder) pending_.folder = folderAttributes(st, record.name, symlink, user_);
+      else pending_.file = fileAttributes(st, record.name, symlink, user_);
+    }
+    pending_.isFile = !isFolder;
+    pending_.name.assign(path_);
+    return true;
+  }
+
+  ListingRequest const request_;
+  UserIdentity const user_;
+  p::StorageIRI const location_;
+  mutable FolderDescent descent_;
+  mutable std::vector<char> bytes_;
+  mutable std::vector<Level> levels_;
+  mutable std::u16string path_; ///< of the entry being looked at
+  mutable Found current_;
+  mutable Found pending_;
+  mutable std::exception_ptr failure_;
+  mutable bool lookedAhead_ = false;
+  mutable bool havePending_ = false;
+  std::size_t yielded_ = 0;
+};
 
 } // namespace
 
-void listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user, p::StorageIRI const& location,
-                std::vector<p::FolderEntry>& out) {
-  FolderDescent descent(std::move(folder), keepOpen);
-  std::vector<Frame> frames(1);
-  if (int error = readEntries(descent.current(), frames.back().entries, true)) failErrno(error, location, "getdents");
-  std::u16string path; // of the current folder, relative to the listed one
-  while (!frames.empty()) {
-    Frame& frame = frames.back();
-    if (frame.next == frame.entries.size()) {
-      frames.pop_back();
-      if (frames.empty()) break;
-      path.resize(frames.back().pathLength);
-      if (int error = descent.ascend()) failErrno(error, location, "reopen");
-      continue;
-    }
-    RawEntry const& entry = frame.entries[frame.next++];
-    auto name = nameToUtf16(entry.name);
-    if (!name) continue; // not expressible as a location
-    std::u16string relative = path.empty() ? *name : path + u'/' + *name;
-    if (!visit(descent.current(), entry, relative, *name, request, user, out) || !request.recursive) continue;
-    if (int error = descent.descend(entry.name.c_str())) {
-      if (isSkippable(error)) continue;
-      failErrno(error, location, "open");
-    }
-    Frame child;
-    if (int error = readEntries(descent.current(), child.entries, true)) {
-      if (!isSkippable(error)) failErrno(error, location, "getdents");
-      if (int climb = descent.ascend()) failErrno(climb, location, "reopen");
-      continue;
-    }
-    path = std::move(relative);
-    child.pathLength = path.size();
-    frames.push_back(std::move(child));
-  }
+std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user,
+                                                   p::StorageIRI const& location) {
+  return std::make_unique<StreamingCursor>(std::move(folder), request, user, location);
 }
 
 int removeTree(int parent, char const* name) noexcept {
@@ -136,7 +264,7 @@ int removeTree(int parent, char const* name) noexcept {
     };
     std::vector<Level> levels(1);
     std::vector<std::string> names; // of the levels below the root, in their parents
-    if (int error = readEntries(descent.current(), levels.back().entries, false)) return error;
+    if (int error = readEntries(descent.current(), levels.back().entries)) return error;
     while (true) {
       Level& level = levels.back();
       if (level.next == level.entries.size()) {
@@ -158,7 +286,7 @@ int removeTree(int parent, char const* name) noexcept {
         int const error = descent.descend(entry.name.c_str());
         if (error == 0) {
           Level child;
-          if (int readError = readEntries(descent.current(), child.entries, false)) return readError;
+          if (int readError = readEntries(descent.current(), child.entries)) return readError;
           names.push_back(entry.name);
           levels.push_back(std::move(child));
           continue;

@@ -5,7 +5,7 @@
 
 #include <foundation/storage/provider/folder_entry.hpp>
 
-#include <vector>
+#include <memory>
 
 namespace foundation::storage::providers::local::detail {
 
@@ -18,15 +18,17 @@ struct ListingRequest {
   bool recursive;
 };
 
-/// Lists the folder `folder` into `out`, names relative to it. A symbolic link is listed as
+/// A cursor over the folder `folder`, names relative to it, that reads the folder as it
+/// moves (memory bounded by the depth of the tree, not by the number of entries). A symbolic link is listed as
 /// what it points to (a broken one as a file) with its symlink flag set, and a recursive
 /// listing never enters a linked folder, so links cannot make it loop. The provider's
 /// temporary files are left out. The walk is a loop with a bounded number of open
 /// descriptors (FolderDescent), whatever the depth. Subfolders that cannot be read or
 /// vanish meanwhile are left out; any other failure (running out of descriptors included)
-/// is the provider Exception for `location`, never a shortened listing.
-void listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user, p::StorageIRI const& location,
-                std::vector<p::FolderEntry>& out);
+/// is the provider Exception for `location` (thrown by the cursor's `next`), never a
+/// shortened listing.
+std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user,
+                                                   p::StorageIRI const& location);
 
 /// Removes the folder `name` of `parent` and everything in it without following symbolic
 /// links: every level is opened relative to its parent (O_NOFOLLOW), so a folder swapped

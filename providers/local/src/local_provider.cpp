@@ -108,9 +108,7 @@ std::unique_ptr<p::IFolderEntryIterator> list(std::string const& path, p::Storag
                                               ListingRequest const& request, UserIdentity const& user, char const* op) {
   int fd = openAt(AT_FDCWD, path.c_str(), folderFlags);
   if (fd < 0) failErrno(-fd, location, op);
-  std::vector<p::FolderEntry> entries;
-  listFolder(UniqueFd(fd), request, user, location, entries);
-  return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
+  return listFolder(UniqueFd(fd), request, user, location);
 }
 
 } // namespace
