@@ -1,14 +1,18 @@
 // The main job: files and folders on the memory provider and on the local file system,
-// through the same File and Folder handles, printing each step.
+// through the same File and Folder handles, and the changes a watched folder reports,
+// printing each step.
 
 #include <foundation/storage/systems/standard_storage_system.hpp>
 #include <vfs/vfs.hpp>
 
+#include <condition_variable>
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace p = foundation::storage::provider;
 namespace vfs = foundation::storage::vfs;
@@ -93,6 +97,37 @@ int main() {
   listFolder(*system, disk);
   std::cout << "  kind of " << disk.getLocation() << ": "
             << (vfs::makeFileOrFolder(disk.getLocation(), reference).which() == 1 ? "folder" : "file") << "\n";
+
+  std::cout << "\n== change events\n";
+  // Listeners subscribe to the storage system's event manager; the folder's provider
+  // (inotify here) reports what another thread does, also in folders created meanwhile.
+  std::mutex mutex;
+  std::condition_variable arrived;
+  vfs::File const report(vfs::Folder(disk, u"new"), u"report.txt");
+  bool reportSeen = false;
+  auto connection = system->getEventMgr()->subscribe(vfs::Event::EventType(), [&](auto const& base) {
+    auto const& event = static_cast<vfs::Event const&>(*base);
+    auto const data = event.getSimpleEventData();
+    std::lock_guard lock(mutex);
+    std::cout << "  " << data.getKind() << " " << fl::i18n::to_utf8(data.getLocation()) << " ("
+              << data.getEntryType() << ")\n";
+    reportSeen |= data.getLocation() == report.getLocation().toString();
+    arrived.notify_all();
+  });
+  vfs::detail::publishEventsFor(disk, {foundation::storage::events::Kind::Created}, vfs::WithRecursiveChangeEvents::Yes);
+  std::thread([&] {
+    report.getParent().createFolder();
+    writeText(report, "written by another thread\n");
+  }).join();
+  bool seen = false;
+  {
+    std::unique_lock lock(mutex);
+    seen = arrived.wait_for(lock, std::chrono::seconds(10), [&] { return reportSeen; });
+  }
+  vfs::unsubscribe(disk, connection); // the provider's watch and the listener both end
+  if (!seen) return 1;
+  std::cout << "  unsubscribed from " << disk << "\n";
+
   disk.removeFolder(vfs::FolderRemovalPolicy::Recursive);
   std::cout << "  removed " << disk << " (exists: " << std::boolalpha << disk.folderExists() << ")\n";
   return 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
+#include <foundation/storage/events/kinds.hpp>
 #include <foundation/storage/provider/byte_stream.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 
@@ -11,10 +12,13 @@
 
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
 class Folder;
+class EventPublisher;
+class RecursiveEventPublisher;
 
 /// A value handle to a file location (the file need not exist). Every operation forwards
 /// to the provider built for the location when the handle was made, failures translated
@@ -70,6 +74,13 @@ public:
   /// The move and copy algorithms, unguarded (moveFile and copyFile guard them).
   void doMoveFile(File const& destination, provider::ReplacementPolicy const& policy) const;
   provider::CopyResult doCopyFile(File const& destination, provider::CopyFileOptions const& options) const;
+
+  /// Asks the provider to report changes of the file (`kinds`; empty: every kind) to
+  /// `publisher` until stopPublishingEvents. Subscribing again replaces the publisher.
+  void publishEvents(EventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  /// Always Exception InvalidLocation: a file has nothing below it.
+  void publishEventsRecursively(RecursiveEventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  void stopPublishingEvents() const;
 
   friend FOUNDATION_API bool operator==(File const& a, File const& b);
   friend FOUNDATION_API bool operator!=(File const& a, File const& b);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
+#include <foundation/storage/events/kinds.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <vfs/absolute_iri.hpp>
@@ -11,11 +12,14 @@
 
 #include <boost/variant.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
@@ -95,7 +99,6 @@ public:
   FolderListing<FileOrFolderEntry> listAllEntriesRecursive(std::u16string pattern = {}) const;
   /// Whether the provider filters flat listings by pattern itself.
   bool providerSupportsFlatWildcardListing() const;
-
   /// Moves the tree: by the provider within one scheme; across schemes, or where the
   /// provider refuses, by copyFolder and then recursive removal of this folder. A failed
   /// fallback leaves what it did: the source is removed only after the whole copy succeeded.
@@ -109,6 +112,18 @@ public:
   void copyFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
   /// `copyFolder` onto the folder of this folder's name in `destinationParent`.
   void copyFolderInto(Folder const& destinationParent, provider::ReplacementPolicy const& policy) const;
+  /// Asks the provider to report changes of the folder and its children (`kinds`; empty:
+  /// every kind) to `publisher` until stopPublishingEvents.
+  void publishEvents(EventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  /// The same for everything below the folder, also in folders created later. A provider
+  /// without recursive change events: Exception UnsupportedOperation.
+  void publishEventsRecursively(RecursiveEventPublisher const& publisher, std::vector<events::Kind> const& kinds) const;
+  void stopPublishingEvents() const;
+  /// Reports changes of the folder's children by comparing listings every `interval`, for
+  /// providers that cannot report changes themselves.
+  void startChangePolling(EventPublisher const& publisher, std::vector<events::Kind> const& kinds,
+                          std::chrono::milliseconds interval) const;
+  void stopChangePolling() const;
 
   friend FOUNDATION_API bool operator==(Folder const& a, Folder const& b);
   friend FOUNDATION_API bool operator!=(Folder const& a, Folder const& b);
@@ -116,6 +131,9 @@ public:
 
 private:
   friend class File;
+  friend FOUNDATION_API void configureProvider(Folder& folder, std::map<std::string, std::string> settings);
+  friend FOUNDATION_API void shutdownProvider(Folder& folder);
+  friend FOUNDATION_API provider::StorageInfo getStorageInfo(Folder const& folder);
 
   // The provider calls behind the listings, failures translated.
   std::unique_ptr<provider::IFolderEntryIterator> doListAll(std::u16string const& pattern) const;

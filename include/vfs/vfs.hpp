@@ -5,6 +5,7 @@
 #include <vfs/absolute_iri.hpp>
 #include <vfs/buffered_io_device.hpp>
 #include <vfs/entries.hpp>
+#include <vfs/events.hpp>
 #include <vfs/exceptions.hpp>
 #include <vfs/file.hpp>
 #include <vfs/folder.hpp>
@@ -14,5 +15,6 @@
 #include <vfs/listing.hpp>
 #include <vfs/open_mode.hpp>
 #include <vfs/posix_file.hpp>
+#include <vfs/provider_administration.hpp>
 #include <vfs/storage_system.hpp>
 #include <vfs/walk.hpp>

@@ -1,26 +1,12 @@
 #include <vfs/exceptions.hpp>
 #include <vfs/folder.hpp>
 
+#include "core/dispatch.hpp"
 #include "errors/guard.hpp"
 
 namespace foundation::storage::vfs {
 
-namespace {
-
-/// Calls `onFile` or `onFolder` for the alternative held.
-template <class OnFile, class OnFolder>
-decltype(auto) dispatch(FileOrFolder const& item, OnFile&& onFile, OnFolder&& onFolder) {
-  struct Visitor : boost::static_visitor<decltype(onFile(std::declval<File const&>()))> {
-    OnFile& file;
-    OnFolder& folder;
-    Visitor(OnFile& f, OnFolder& d) : file(f), folder(d) {}
-    auto operator()(File const& f) const { return file(f); }
-    auto operator()(Folder const& d) const { return folder(d); }
-  };
-  return boost::apply_visitor(Visitor(onFile, onFolder), item);
-}
-
-} // namespace
+using detail::dispatch;
 
 AbsoluteIRI getLocation(FileOrFolder const& item) {
   return dispatch(item, [](File const& f) { return f.getLocation(); }, [](Folder const& d) { return d.getLocation(); });

@@ -18,4 +18,15 @@ decltype(auto) guarded(Call&& call) {
   }
 }
 
+/// Runs `call`; a provider failure that escapes it leaves translated, anything else as it
+/// was thrown.
+template <class Call>
+decltype(auto) guardedProviderFailures(Call&& call) {
+  try {
+    return std::forward<Call>(call)();
+  } catch (provider::Exception const&) {
+    handleException();
+  }
+}
+
 } // namespace foundation::storage::vfs::detail
