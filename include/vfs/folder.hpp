@@ -16,8 +16,8 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
-#include <memory>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
