@@ -10,7 +10,8 @@ packages=(
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
-  fd-find hyperfine
+  libcli11-dev
+  fd-find hyperfine python3
 )
 
 missing=()
