@@ -36,6 +36,7 @@ Shown shown(std::string name, bool folder, std::uint64_t size, Attributes const&
   return {std::move(name), folder, size, a.getLastModified(), a.isWritable(), a.isHidden(), a.isSymlink()};
 }
 
+/// `name` with what the listing delivered with `entry`.
 Shown shownEntry(vfs::FileOrFolderEntry const& entry, std::string name) {
   if (auto const* file = boost::get<vfs::FileEntry>(&entry)) {
     auto const& a = file->getAttributes();
@@ -73,19 +74,15 @@ int listFlat(vfs::Folder const& folder, LsOptions const& o, Output& out) {
 
 int listRecursive(Location const& root, vfs::Folder const& folder, LsOptions const& o, Output& out) {
   auto const pattern = fl::i18n::to_ustring(o.pattern);
-  return walkTree(folder, false, [&](WalkedEntry const& entry) {
-    if (entry.location == root.iri) return;
-    if (!pattern.empty() && !provider::matchesWildcard(pattern, entry.name)) return;
-    if (!o.longForm) {
-      out.record(root.relative(entry.location));
-      return;
+  return walkTree(folder, false, [&](vfs::FileOrFolderEntry const& entry) {
+    auto const location = vfs::getLocation(entry);
+    if (location == root.iri) return;
+    if (!pattern.empty() && !provider::matchesWildcard(pattern, vfs::getName(entry))) return;
+    if (o.longForm) {
+      print(out, shownEntry(entry, root.relative(location)), true);
+    } else {
+      out.record(root.relative(location));
     }
-    auto const item = entry.folder ? vfs::FileOrFolder(vfs::Folder(entry.location, folder.getStorageSystem()))
-                                   : vfs::FileOrFolder(vfs::File(entry.location, folder.getStorageSystem()));
-    print(out,
-          Shown{root.relative(entry.location), entry.folder, entry.size, vfs::getLastModified(item),
-                vfs::isWritable(item), vfs::isHidden(item), vfs::isSymlink(item)},
-          true);
   });
 }
 
@@ -94,7 +91,7 @@ int ls(Tool& tool, LsOptions const& o) {
   auto const item = tool.session.existing(location);
   Output out;
   if (auto const* file = boost::get<vfs::File>(&item)) {
-    print(out, shown(location.given, false, file->getAttributes().getSize(), file->getAttributes()), o.longForm);
+    print(out, shownEntry(vfs::FileEntry(*file), location.given), o.longForm);
     return Success;
   }
   auto const& folder = boost::get<vfs::Folder>(item);

@@ -5,6 +5,7 @@
 
 #include <vfs/entries.hpp>
 
+#include <atomic>
 #include <exception>
 
 namespace vfs_tool {
@@ -13,15 +14,15 @@ namespace {
 
 class ReportingVisitor final : public vfs::FolderVisitor {
 public:
-  explicit ReportingVisitor(std::function<void(WalkedEntry const&)> const& onEntry) : onEntry_(onEntry) {}
+  explicit ReportingVisitor(std::function<void(vfs::FileOrFolderEntry const&)> const& onEntry) : onEntry_(onEntry) {}
 
   vfs::FolderVisitResult visitEntryBefore(vfs::FolderEntry const& entry) override {
-    onEntry_(WalkedEntry{entry.getLocation(), entry.getName(), true, 0});
+    onEntry_(vfs::FileOrFolderEntry(entry));
     progress_.add();
     return vfs::FolderVisitResult::Continue;
   }
   vfs::FolderVisitResult visitEntry(vfs::FileEntry const& entry) override {
-    onEntry_(WalkedEntry{entry.getLocation(), entry.getName(), false, entry.getAttributes().getSize()});
+    onEntry_(vfs::FileOrFolderEntry(entry));
     progress_.add();
     return vfs::FolderVisitResult::Continue;
   }
@@ -42,14 +43,19 @@ public:
   int status() const { return status_; }
 
 private:
-  std::function<void(WalkedEntry const&)> const& onEntry_;
+  std::function<void(vfs::FileOrFolderEntry const&)> const& onEntry_;
   Progress progress_{"walking"};
   std::atomic<int> status_{Success};
 };
 
 } // namespace
 
-int walkTree(vfs::Folder const& root, bool parallel, std::function<void(WalkedEntry const&)> const& onEntry) {
+std::uint64_t sizeOf(vfs::FileOrFolderEntry const& entry) {
+  auto const* file = boost::get<vfs::FileEntry>(&entry);
+  return file ? file->getAttributes().getSize() : 0;
+}
+
+int walkTree(vfs::Folder const& root, bool parallel, std::function<void(vfs::FileOrFolderEntry const&)> const& onEntry) {
   ReportingVisitor visitor(onEntry);
   if (parallel) {
     vfs::walkFolderParallel(root, visitor);

@@ -7,6 +7,8 @@
 
 #include <foundation/storage/provider/wildcard.hpp>
 
+#include <vfs/entries.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
 #include <atomic>
@@ -30,14 +32,14 @@ int find(Tool& tool, FindOptions const& o) {
   bool const filesOnly = o.type == "f", foldersOnly = o.type == "d";
   char const terminator = o.nulTerminated ? '\0' : '\n';
   Output out;
-  auto const report = [&](WalkedEntry const& entry) {
-    if ((filesOnly && entry.folder) || (foldersOnly && !entry.folder)) return;
-    if (!pattern.empty() && !foundation::storage::provider::matchesWildcard(pattern, entry.name)) return;
-    out.record(root.display(entry.location), terminator);
+  auto const report = [&](vfs::FileOrFolderEntry const& entry) {
+    bool const folder = entry.which() == 1;
+    if ((filesOnly && folder) || (foldersOnly && !folder)) return;
+    if (!pattern.empty() && !foundation::storage::provider::matchesWildcard(pattern, vfs::getName(entry))) return;
+    out.record(root.display(vfs::getLocation(entry)), terminator);
   };
   if (auto const* file = boost::get<vfs::File>(&item)) {
-    auto const name = file->getName();
-    report(WalkedEntry{root.iri, name, false, 0});
+    report(vfs::FileEntry(*file));
     return Success;
   }
   return walkTree(boost::get<vfs::Folder>(item), o.parallel, report);
@@ -51,8 +53,8 @@ int du(Tool& tool, std::string const& text, bool parallel) {
   if (auto const* file = boost::get<vfs::File>(&item)) {
     bytes = file->getAttributes().getSize();
   } else {
-    status = walkTree(boost::get<vfs::Folder>(item), parallel, [&](WalkedEntry const& entry) {
-      bytes.fetch_add(entry.size, std::memory_order_relaxed);
+    status = walkTree(boost::get<vfs::Folder>(item), parallel, [&](vfs::FileOrFolderEntry const& entry) {
+      bytes.fetch_add(sizeOf(entry), std::memory_order_relaxed);
     });
   }
   Output out;
