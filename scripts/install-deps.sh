@@ -13,7 +13,8 @@ packages=(
   libzip-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
   libcurl4-openssl-dev libxml2-dev libssl-dev
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
-  fd-find hyperfine
+  libcli11-dev
+  fd-find hyperfine python3
 )
 
 missing=()
