@@ -102,14 +102,23 @@ p::ExtendedAttributes extendedAttributes(struct stat const& st, bool symlink) {
   return attributes;
 }
 
-boost::optional<std::u16string> nameToUtf16(std::string_view name) {
-  bool ascii = std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-  if (ascii) return std::u16string(name.begin(), name.end()); // the common case, without a decoder
-  try {
-    return fl::i18n::strict::utf8_to_utf16(name);
-  } catch (std::invalid_argument const&) {
-    return boost::none;
+bool appendNameAsUtf16(std::u16string& out, std::string_view name) {
+  std::size_t const start = out.size();
+  out.resize(start + name.size());
+  char16_t* to = out.data() + start;
+  for (char c : name) {
+    if (static_cast<unsigned char>(c) >= 0x80) { // not ASCII: the decoder takes the whole name
+      out.resize(start);
+      try {
+        out += fl::i18n::strict::utf8_to_utf16(name);
+        return true;
+      } catch (std::invalid_argument const&) {
+        return false;
+      }
+    }
+    *to++ = static_cast<char16_t>(c);
   }
+  return true;
 }
 
 std::string_view baseName(std::string const& path) noexcept {

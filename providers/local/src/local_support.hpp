@@ -53,9 +53,10 @@ p::FileAttributes fileAttributes(struct stat const& st, std::string_view name, b
 p::FolderAttributes folderAttributes(struct stat const& st, std::string_view name, bool symlink, UserIdentity const& user);
 p::ExtendedAttributes extendedAttributes(struct stat const& st, bool symlink);
 
-/// A file name as UTF-16; none when it is not valid UTF-8 (such names cannot be written as
-/// locations).
-boost::optional<std::u16string> nameToUtf16(std::string_view name);
+/// Appends a file name as UTF-16 to `out`; false, with `out` unchanged, when the name is not
+/// valid UTF-8 (such names cannot be written as locations). Listings call it per entry, so
+/// ASCII names are copied in place without a decoder or a temporary string.
+bool appendNameAsUtf16(std::u16string& out, std::string_view name);
 
 /// The last segment of a path.
 std::string_view baseName(std::string const& path) noexcept;
