@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A short tour of the vfs tool on the local and memory providers. Usage: vfs-demo.sh VFS_BINARY
+# A short tour of the vfs tool on the local, memory and archive providers. Usage: vfs-demo.sh VFS_BINARY
 set -euo pipefail
 vfs="$1"
 demo="$(mktemp -d "${TMPDIR:-/tmp}/vfs-demo-XXXXXX")"
@@ -29,6 +29,15 @@ printf '\n$ %s\n' "$vfs stat mem:///notes"
 status=0
 "$vfs" stat mem:///notes || status=$?
 echo "(exit status $status: a new process has a new, empty memory tree)"
+
+# Archives are folders too: a zip is written when the process ends, and read by unzip; a
+# tar made by tar is read in place.
+step "$vfs" mkdir -p "zip:file://$demo/notes.zip!/"
+step "$vfs" cp -r "$demo/notes" "zip:file://$demo/notes.zip!/"
+step unzip -l "$demo/notes.zip"
+tar -czf "$demo/notes.tar.gz" -C "$demo" notes
+step "$vfs" ls -R "tar:file://$demo/notes.tar.gz!/"
+step "$vfs" cat "tar:file://$demo/notes.tar.gz!/notes/todo.txt"
 
 echo
 echo "\$ $vfs watch -r $demo   # while another process writes a file"
