@@ -5,6 +5,7 @@
 #include <vfs/folder.hpp>
 #include <vfs/walk.hpp>
 
+#include "core/durability_batch.hpp"
 #include "core/entry_deletion_visitor.hpp"
 #include "core/folder_copy_visitor.hpp"
 #include "errors/guard.hpp"
@@ -56,8 +57,10 @@ void Folder::copyFolder(Folder const& destination, Policy const& policy) const {
   if (source == target || source.isAncestorOf(target))
     throw Exception(vfs::ErrorCode::InvalidLocation, destination.getLocation());
   detail::guarded([&] {
+    detail::DurabilityBatch batch(destination.item_);
     detail::FolderCopyVisitor visitor(destination, policy);
     walkFolder(*this, visitor);
+    batch.complete(); // before a move removes the source
     if (policy == Policy::OverwriteDeferringPermissionErrors && visitor.deferredFileFailure())
       throw *visitor.deferredFileFailure();
   });

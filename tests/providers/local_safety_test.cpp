@@ -5,8 +5,10 @@
 
 #include "../support/item_io.hpp"
 
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/file.h>
@@ -89,6 +91,50 @@ TEST_F(LocalProviderTest, CopiesAndCommitsReachTheDiskBeforeTheyLandAndTheFolder
   transaction->write("new", 3);
   transaction->close();
   expectSyncedThenLandedThenFolderSynced();
+}
+
+TEST_F(LocalProviderTest, InADurabilityBatchOnlyFilesThatReplaceSomethingAreSyncedOneByOne) {
+  std::atomic<int> syncs{0};
+  LocalProviderOptions options;
+  options.sync = [&](int fd) {
+    ++syncs;
+    return ::fsync(fd) == 0 ? 0 : errno;
+  };
+  auto batching = std::make_shared<LocalProvider>(options);
+  writePath(path("source.txt"), "new");
+  p::StorageItem const source(batching, item(u"source.txt").getLocation());
+  auto const copyTo = [&](char16_t const* name, p::ReplacementPolicy policy) {
+    syncs = 0;
+    source.copyFile(p::StorageItem(batching, item(name).getLocation()), {policy, {}});
+    return syncs.load();
+  };
+  auto const folder = item(u"").getLocation();
+
+  batching->beginDurabilityBatch();
+  EXPECT_EQ(copyTo(u"fresh.txt", p::ReplacementPolicy::FailIfExists), 0);
+  EXPECT_EQ(copyTo(u"fresh-overwrite.txt", p::ReplacementPolicy::Overwrite), 0); // nothing was there
+  syncs = 0;
+  auto transaction = p::StorageItem(batching, item(u"fresh-stream.txt").getLocation()).openTransactionalStream(testsupport::replaceAll);
+  transaction->write("new", 3);
+  transaction->close();
+  EXPECT_EQ(syncs, 0);
+  writePath(path("old.txt"), "old");
+  EXPECT_EQ(copyTo(u"old.txt", p::ReplacementPolicy::Overwrite), 2); // old contents are at stake
+  int otherThread = 0;
+  std::thread([&] { otherThread = copyTo(u"other-thread.txt", p::ReplacementPolicy::FailIfExists); }).join();
+  EXPECT_EQ(otherThread, 2); // the batch is this thread's
+  batching->beginDurabilityBatch(); // nested: only the outermost end flushes
+  batching->endDurabilityBatch(folder);
+  EXPECT_EQ(copyTo(u"still-batched.txt", p::ReplacementPolicy::FailIfExists), 0);
+  batching->endDurabilityBatch(folder);
+  EXPECT_EQ(copyTo(u"after.txt", p::ReplacementPolicy::FailIfExists), 2);
+
+  batching->beginDurabilityBatch();
+  EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, copyTo(u"fresh.txt", p::ReplacementPolicy::FailIfExists));
+  batching->abandonDurabilityBatch();
+  EXPECT_EQ(copyTo(u"unbatched.txt", p::ReplacementPolicy::FailIfExists), 2);
+  for (auto name : {"fresh.txt", "fresh-overwrite.txt", "fresh-stream.txt", "old.txt", "still-batched.txt", "unbatched.txt"})
+    EXPECT_EQ(readPath(path(name)), "new") << name;
 }
 
 TEST_F(LocalProviderTest, RecursiveRemovalThatCannotFinishRemovesNothing) {

@@ -6,6 +6,7 @@ namespace foundation::storage::provider {
 IProvider::~IProvider() = default;
 extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
+extensions::IDurabilityBatching::~IDurabilityBatching() = default;
 void extensions::IFlushableFilesystem::flushFilesystem(StorageIRI const&) { flushFilesystem(); }
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)

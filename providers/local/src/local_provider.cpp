@@ -1,5 +1,6 @@
 #include <foundation/storage/providers/local/local_provider.hpp>
 
+#include "durability_batch.hpp"
 #include "inotify_watcher.hpp"
 #include "local_listing.hpp"
 #include "local_streams.hpp"
@@ -500,6 +501,14 @@ void LocalProvider::flushFilesystem(p::StorageIRI const& location) {
 }
 
 void LocalProvider::invalidate(p::StorageIRI const&) {}
+
+void LocalProvider::beginDurabilityBatch() { detail::beginDurabilityBatch(); }
+
+void LocalProvider::endDurabilityBatch(p::StorageIRI const& location) {
+  if (int error = detail::endDurabilityBatch(true)) failErrno(error, location, "syncfs");
+}
+
+void LocalProvider::abandonDurabilityBatch() noexcept { detail::endDurabilityBatch(false); }
 
 void LocalProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
                                       std::vector<events::Kind> const& kinds) {

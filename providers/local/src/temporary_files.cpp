@@ -1,5 +1,6 @@
 #include "temporary_files.hpp"
 
+#include "durability_batch.hpp"
 #include "posix_calls.hpp"
 
 #include <atomic>
@@ -62,6 +63,16 @@ int nameTemporaryFile(int fd, int dirfd, std::string& name) noexcept {
   return EEXIST;
 }
 
+/// Lands the file where nothing is, without syncing it: the open durability batch will.
+int landWithoutReplacing(int fd, int dirfd, std::string& name, char const* target, SyncCall const& sync) noexcept {
+  int error = name.empty() ? linkOpenFile(fd, dirfd, target) : renameAt(dirfd, name.c_str(), dirfd, target, true);
+  if (error != 0) return error;
+  name.clear();
+  if (deferDurability(dirfd) == 0) return 0;
+  if ((error = sync(fd)) != 0) return error; // cannot defer: sync now
+  return sync(dirfd);
+}
+
 bool leftAloneLongEnough(struct stat const& st) {
   auto const modified = std::chrono::system_clock::time_point(std::chrono::seconds(modificationTime(st).tv_sec));
   return std::chrono::system_clock::now() - modified >= staleAfter;
@@ -98,6 +109,11 @@ int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) n
 
 int commitTemporaryFile(int fd, int dirfd, std::string& name, char const* target, bool replace,
                         SyncCall const& sync) noexcept {
+  if (durabilityBatchOpen()) {
+    int const error = landWithoutReplacing(fd, dirfd, name, target, sync);
+    // Something is in the way: replacing it needs the data on disk first.
+    if (error != EEXIST || !replace) return error;
+  }
   if (int error = sync(fd)) return error;
   if (name.empty() && !replace) {
     if (int error = linkOpenFile(fd, dirfd, target)) return error; // fails, atomically, if the target exists

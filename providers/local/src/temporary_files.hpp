@@ -35,6 +35,8 @@ bool isTemporaryFileName(std::string_view name) noexcept;
 /// new file survives a crash before anything relies on it. Without `replace` the check that
 /// `target` is free and the landing are one atomic step (linkat, renameat2 NOREPLACE):
 /// EEXIST when something is there. `name` is cleared once the file has landed.
+/// While a durability batch is open on this thread, a landing that replaces nothing skips
+/// both syncs and leaves them to the batch.
 int commitTemporaryFile(int fd, int dirfd, std::string& name, char const* target, bool replace,
                         SyncCall const& sync) noexcept;
 

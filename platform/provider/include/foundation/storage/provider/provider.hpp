@@ -159,5 +159,20 @@ public:
   virtual void flushFilesystem(StorageIRI const& location);
 };
 
+/// Lets a caller that lands many new files make them durable together, with one flush at
+/// the end instead of one per file. While a batch is open on the calling thread, a file
+/// that replaces nothing may land without its own flush; a file that replaces old contents
+/// is flushed first as always, so a crash never costs old contents. Batches nest.
+class FOUNDATION_API IDurabilityBatching {
+public:
+  virtual ~IDurabilityBatching();
+  virtual void beginDurabilityBatch() = 0;
+  /// Closes the batch; the outermost close makes everything landed in it durable before it
+  /// returns. Failures name `location`.
+  virtual void endDurabilityBatch(StorageIRI const& location) = 0;
+  /// Closes the batch without flushing, for work that failed and that nothing will rely on.
+  virtual void abandonDurabilityBatch() noexcept = 0;
+};
+
 } // namespace extensions
 } // namespace foundation::storage::provider

@@ -43,7 +43,9 @@ struct LocalProviderOptions {
 /// - Transactional streams write a temporary file in the target's folder and commit with
 ///   fsync, rename and an fsync of the folder, keeping the target's permissions. Copies land
 ///   the same way, so a failed copy leaves no partial destination and a finished one is on
-///   disk before the call returns. Copies use reflinks where the file system shares extents,
+///   disk before the call returns. Inside a durability batch (which the library opens for
+///   tree copies) files that replace nothing skip their own syncs, and the batch's end
+///   syncs their file systems once (syncfs): the whole tree is on disk when it returns. Copies use reflinks where the file system shares extents,
 ///   else copy_file_range, else read/write.
 /// - FailIfExists and KeepExisting never replace a destination, even one that appears while
 ///   a copy or move runs: the check and the landing are one step (linkat of an unnamed
@@ -59,7 +61,8 @@ struct LocalProviderOptions {
 /// Thread-safe.
 class FOUNDATION_API LocalProvider final : public provider::IProvider,
                                            public provider::extensions::IFlushableFilesystem,
-                                           public provider::extensions::IInvalidatable {
+                                           public provider::extensions::IInvalidatable,
+                                           public provider::extensions::IDurabilityBatching {
 public:
   explicit LocalProvider(LocalProviderOptions options = {});
   ~LocalProvider() override;
@@ -114,6 +117,10 @@ public:
   void flushFilesystem(provider::StorageIRI const& location) override;
   /// Nothing is cached: does nothing.
   void invalidate(provider::StorageIRI const& location) override;
+  /// Batches are per thread and shared by every local provider of the thread.
+  void beginDurabilityBatch() override;
+  void endDurabilityBatch(provider::StorageIRI const& location) override;
+  void abandonDurabilityBatch() noexcept override;
 
 private:
   int rename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) const;
