@@ -54,10 +54,12 @@ def main():
     rows = []
     for path in sorted(results.glob("*.json")):
         try:
-            rows.extend(google_benchmark(path) if "-gb-" in path.name else hyperfine(path))
+            found = list(google_benchmark(path) if "-gb-" in path.name else hyperfine(path))
         except (ValueError, KeyError) as error:  # a run that died mid-write leaves broken JSON
-            rows.append({"source": path.stem, "group": "unreadable", "contender": str(error), "name": path.name,
-                         "median_ms": float("nan")})
+            found = [{"source": path.stem, "group": "unreadable", "contender": str(error), "name": path.name,
+                      "median_ms": float("nan")}]
+        # Interleaved repetitions report in a shuffled order: each group together, fastest first.
+        rows.extend(sorted(found, key=lambda r: (r["group"], r["median_ms"])))
     fastest = {}
     for r in rows:
         key = (r["source"], r["group"])
@@ -71,15 +73,19 @@ def main():
     out.write_text(json.dumps({"results": rows, "notes": notes}, indent=1) + "\n")
 
     columns = [("source", 20), ("group", 34), ("contender", 40)]
-    print(" ".join(f"{title:<{width}}" for title, width in columns) + f" {'median ms':>12} {'ratio':>8}")
+    print(" ".join(f"{title:<{width}}" for title, width in columns) + f" {'median ms':>12} {'ratio':>9}")
+    sizes = {}
+    for r in rows:
+        sizes[(r["source"], r["group"])] = sizes.get((r["source"], r["group"]), 0) + 1
     previous = None
     for r in rows:
-        if previous and (previous["source"], previous["group"]) != (r["source"], r["group"]):
-            print()
+        key = (r["source"], r["group"])
+        if previous and previous != key and (sizes[previous] > 1 or sizes[key] > 1):
+            print()  # a blank line around every group of several contenders
         cells = [r[title] if len(r[title]) <= width else "..." + r[title][-(width - 3):] for title, width in columns]
-        print(" ".join(f"{cell:<{width}}" for cell, (_, width) in zip(cells, columns))
-              + f" {r['median_ms']:>12.3f} {r['ratio']:>7.2f}x")
-        previous = r
+        median = f"{r['median_ms']:>12.3f}" if r["median_ms"] >= 1 else f"{r['median_ms']:>12.6f}"
+        print(" ".join(f"{cell:<{width}}" for cell, (_, width) in zip(cells, columns)) + f" {median} {r['ratio']:>8.2f}x")
+        previous = key
     if notes:
         print()
         print("\n".join(notes))
