@@ -18,6 +18,8 @@
 #include <fstream>
 #include <map>
 
+#include <unistd.h>
+
 #include <fl/i18n/i18n.hpp>
 
 namespace p = foundation::storage::provider;
@@ -93,9 +95,10 @@ fs::path const& tarWith(std::uint64_t bigSize) {
   return tar;
 }
 
+/// A new folder for every output, unique across runs too: unzip would ask before replacing.
 fs::path freshFolder(std::string const& kind) {
   static int n = 0;
-  fs::path folder = benchRoot() / "out" / (kind + std::to_string(n++));
+  fs::path folder = benchRoot() / "out" / (kind + "-" + std::to_string(::getpid()) + "-" + std::to_string(n++));
   fs::create_directories(folder);
   return folder;
 }

@@ -106,7 +106,7 @@ void reportBytes(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * setup().bytes));
 }
 
-void UploadCopyFile(benchmark::State& state) {
+void Upload_CopyFile(benchmark::State& state) {
   for (auto _ : state) {
     prepare(state);
     setup().file(setup().source).copyFile(setup().object(u"upload.bin"), {p::ReplacementPolicy::Overwrite, {}});
@@ -114,7 +114,7 @@ void UploadCopyFile(benchmark::State& state) {
   reportBytes(state);
 }
 
-void UploadStream(benchmark::State& state) {
+void Upload_Stream(benchmark::State& state) {
   for (auto _ : state) {
     prepare(state);
     std::ifstream in(setup().source, std::ios::binary);
@@ -126,7 +126,7 @@ void UploadStream(benchmark::State& state) {
   reportBytes(state);
 }
 
-void UploadS3cmd(benchmark::State& state) {
+void Upload_S3cmd(benchmark::State& state) {
   for (auto _ : state) {
     prepare(state);
     setup().run("put " + setup().source.string() + " s3://vfs-bench/upload.bin");
@@ -134,12 +134,12 @@ void UploadS3cmd(benchmark::State& state) {
   reportBytes(state);
 }
 
-void DownloadCopyFile(benchmark::State& state) {
+void Download_CopyFile(benchmark::State& state) {
   for (auto _ : state) setup().object(u"download.bin").copyFile(setup().file(setup().target), {p::ReplacementPolicy::Overwrite, {}});
   reportBytes(state);
 }
 
-void DownloadStream(benchmark::State& state) {
+void Download_Stream(benchmark::State& state) {
   for (auto _ : state) {
     boost::iostreams::stream<p::ByteStreamDevice> in(p::ByteStreamDevice(setup().object(u"download.bin").openReadOnlyStream()));
     std::ofstream out(setup().target, std::ios::binary | std::ios::trunc);
@@ -148,12 +148,12 @@ void DownloadStream(benchmark::State& state) {
   reportBytes(state);
 }
 
-void DownloadS3cmd(benchmark::State& state) {
+void Download_S3cmd(benchmark::State& state) {
   for (auto _ : state) setup().run("get --force s3://vfs-bench/download.bin " + setup().target.string());
   reportBytes(state);
 }
 
-void ListRecursive(benchmark::State& state) {
+void ListRecursive_S3Provider(benchmark::State& state) {
   std::size_t entries = 0;
   for (auto _ : state) {
     entries = 0;
@@ -162,11 +162,11 @@ void ListRecursive(benchmark::State& state) {
   state.counters["entries"] = static_cast<double>(entries);
 }
 
-void ListRecursiveS3cmd(benchmark::State& state) {
+void ListRecursive_S3cmd(benchmark::State& state) {
   for (auto _ : state) setup().run("ls -r s3://vfs-bench/listing/ > /dev/null");
 }
 
-void ListRecursiveRequests(benchmark::State& state) {
+void ListRecursiveRequests_S3ProviderNamesOnly(benchmark::State& state) {
   std::uint64_t requests = 0;
   for (auto _ : state) {
     auto const before = setup().bucket->requestCount();
@@ -179,12 +179,12 @@ void ListRecursiveRequests(benchmark::State& state) {
 } // namespace
 
 #define S3_BENCH(name) BENCHMARK(name)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1)
-S3_BENCH(UploadCopyFile);
-S3_BENCH(UploadStream);
-S3_BENCH(UploadS3cmd);
-S3_BENCH(DownloadCopyFile);
-S3_BENCH(DownloadStream);
-S3_BENCH(DownloadS3cmd);
-S3_BENCH(ListRecursive);
-S3_BENCH(ListRecursiveS3cmd);
-S3_BENCH(ListRecursiveRequests);
+S3_BENCH(Upload_CopyFile);
+S3_BENCH(Upload_Stream);
+S3_BENCH(Upload_S3cmd);
+S3_BENCH(Download_CopyFile);
+S3_BENCH(Download_Stream);
+S3_BENCH(Download_S3cmd);
+S3_BENCH(ListRecursive_S3Provider);
+S3_BENCH(ListRecursive_S3cmd);
+S3_BENCH(ListRecursiveRequests_S3ProviderNamesOnly);

@@ -150,7 +150,7 @@ std::vector<double> measureLatencies(std::filesystem::path const& folder, Arriva
   return micros;
 }
 
-void LatencyThroughLibrary(benchmark::State& state) {
+void Latency_Library(benchmark::State& state) {
   for (auto _ : state) {
     Library library;
     auto const path = freshFolder();
@@ -160,7 +160,7 @@ void LatencyThroughLibrary(benchmark::State& state) {
 }
 
 /// The kernel's part alone: a bare inotify descriptor read on its own thread.
-void LatencyBareInotify(benchmark::State& state) {
+void Latency_BareInotify(benchmark::State& state) {
   for (auto _ : state) {
     auto const path = freshFolder();
     Arrivals arrivals;
@@ -222,7 +222,7 @@ void reportBurst(benchmark::State& state, Arrivals& arrivals, std::size_t expect
 
 /// The burst in a recursively watched tree. Argument: 1 holds the watcher's thread until the
 /// burst is over (kernel queue overflow), 0 lets it run.
-void BurstInWatchedTree(benchmark::State& state) {
+void Burst_WatchedTree(benchmark::State& state) {
   bool const stall = state.range(0) != 0;
   for (auto _ : state) {
     Library library;
@@ -250,7 +250,7 @@ void BurstInWatchedTree(benchmark::State& state) {
 }
 
 /// The burst in one polled folder; argument: the interval in milliseconds.
-void BurstThroughPolling(benchmark::State& state) {
+void Burst_Polling(benchmark::State& state) {
   std::chrono::milliseconds const interval(state.range(0));
   for (auto _ : state) {
     Library library;
@@ -267,7 +267,7 @@ void BurstThroughPolling(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(LatencyThroughLibrary)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(LatencyBareInotify)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BurstInWatchedTree)->ArgName("stalled")->Arg(0)->Arg(1)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BurstThroughPolling)->ArgName("interval_ms")->Arg(100)->Arg(1000)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Latency_Library)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Latency_BareInotify)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Burst_WatchedTree)->ArgName("stalled")->Arg(0)->Arg(1)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Burst_Polling)->ArgName("interval_ms")->Arg(100)->Arg(1000)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);

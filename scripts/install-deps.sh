@@ -14,7 +14,7 @@ packages=(
   libcurl4-openssl-dev libxml2-dev libssl-dev
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
   libcli11-dev
-  fd-find hyperfine python3
+  fd-find hyperfine python3 awscli
 )
 
 missing=()
