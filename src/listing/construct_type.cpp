@@ -5,56 +5,56 @@ namespace foundation::storage::vfs::detail {
 namespace {
 
 template <class Entry, class Attributes>
-Entry entryOf(Folder const& parent, provider::FolderEntry& entry, boost::optional<Attributes> const& attributes) {
-  if (attributes) return Entry(parent, std::move(entry).getName(), *attributes);
-  return Entry(parent, std::move(entry).getName());
+Entry entryOf(Folder const& parent, provider::FolderEntry const& entry, boost::optional<Attributes> const& attributes) {
+  if (attributes) return Entry(parent, entry.getName(), *attributes);
+  return Entry(parent, entry.getName());
 }
 
-FileEntry fileEntryOf(Folder const& parent, provider::FolderEntry& entry) {
+FileEntry fileEntryOf(Folder const& parent, provider::FolderEntry const& entry) {
   return entryOf<FileEntry>(parent, entry, entry.getFileAttributes());
 }
 
-FolderEntry folderEntryOf(Folder const& parent, provider::FolderEntry& entry) {
+FolderEntry folderEntryOf(Folder const& parent, provider::FolderEntry const& entry) {
   return entryOf<FolderEntry>(parent, entry, entry.getFolderAttributes());
 }
 
 } // namespace
 
 template <>
-File constructType<File>(Folder const& parent, provider::FolderEntry entry) {
+File constructType<File>(Folder const& parent, provider::FolderEntry const& entry) {
   return File(parent, entry.getName());
 }
 
 template <>
-Folder constructType<Folder>(Folder const& parent, provider::FolderEntry entry) {
+Folder constructType<Folder>(Folder const& parent, provider::FolderEntry const& entry) {
   return Folder(parent, entry.getName());
 }
 
 template <>
-FileOrFolder constructType<FileOrFolder>(Folder const& parent, provider::FolderEntry entry) {
+FileOrFolder constructType<FileOrFolder>(Folder const& parent, provider::FolderEntry const& entry) {
   if (entry.isFile()) return File(parent, entry.getName());
   return Folder(parent, entry.getName());
 }
 
 template <>
-FileEntry constructType<FileEntry>(Folder const& parent, provider::FolderEntry entry) {
+FileEntry constructType<FileEntry>(Folder const& parent, provider::FolderEntry const& entry) {
   return fileEntryOf(parent, entry);
 }
 
 template <>
-FolderEntry constructType<FolderEntry>(Folder const& parent, provider::FolderEntry entry) {
+FolderEntry constructType<FolderEntry>(Folder const& parent, provider::FolderEntry const& entry) {
   return folderEntryOf(parent, entry);
 }
 
 template <>
-FileOrFolderEntry constructType<FileOrFolderEntry>(Folder const& parent, provider::FolderEntry entry) {
+FileOrFolderEntry constructType<FileOrFolderEntry>(Folder const& parent, provider::FolderEntry const& entry) {
   if (entry.isFile()) return fileEntryOf(parent, entry);
   return folderEntryOf(parent, entry);
 }
 
 template <>
-ListEntry constructType<ListEntry>(Folder const& parent, provider::FolderEntry entry) {
-  return ListEntry(parent, std::move(entry).getName());
+ListEntry constructType<ListEntry>(Folder const& parent, provider::FolderEntry const& entry) {
+  return ListEntry(parent, entry.getName());
 }
 
 template <>

@@ -10,9 +10,8 @@ namespace foundation::storage::vfs::detail {
 
 /// The element of type T for the provider entry `entry` of `parent`. Entries get the
 /// attributes the listing delivered, or fetch them lazily; names-only listings carry none.
-/// Taken by value: the cursor hands out a fresh entry, whose name moves into the element.
 template <class T>
-T constructType(Folder const& parent, provider::FolderEntry entry);
+T constructType(Folder const& parent, provider::FolderEntry const& entry);
 
 /// One level of a tree walk: the unfiltered flat listing of `folder` (names only for
 /// ListEntry, with attributes for FileOrFolderEntry).
@@ -21,7 +20,7 @@ FolderListing<T> constructType(Folder const& folder);
 
 #define VFS_DECLARE_CONSTRUCT_TYPE(T) \
   template <>                         \
-  T constructType<T>(Folder const& parent, provider::FolderEntry entry);
+  T constructType<T>(Folder const& parent, provider::FolderEntry const& entry);
 VFS_FOR_EACH_ELEMENT_TYPE(VFS_DECLARE_CONSTRUCT_TYPE)
 #undef VFS_DECLARE_CONSTRUCT_TYPE
 

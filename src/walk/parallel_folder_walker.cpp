@@ -132,11 +132,11 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
   tbb::task_group group;
   std::mutex mutex;
   std::vector<FolderVisitResult> results;
+  std::vector<FileOrFolderEntry> files; // listed, not yet handed to a task
+  auto const spawn = [&](std::vector<FileOrFolderEntry> entries) {
+    group.run(EntriesTask(this, &results, &mutex, &entry, std::move(entries)));
+  };
   try {
-    std::vector<FileOrFolderEntry> files;
-    auto const spawn = [&](std::vector<FileOrFolderEntry> entries) {
-      group.run(EntriesTask(this, &results, &mutex, &entry, std::move(entries)));
-    };
     for (; *position != *end; ++*position) {
       FileOrFolderEntry const& child = **position;
       if (boost::get<FolderEntry>(&child)) {
@@ -146,9 +146,15 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
       files.push_back(child);
       if (files.size() == filesPerTask) spawn(std::exchange(files, {}));
     }
-    if (!files.empty()) spawn(std::move(files));
+    if (!files.empty()) spawn(std::exchange(files, {}));
   } catch (...) {
-    // Advancing the listing failed: the tasks already running still use this frame.
+    // Advancing the listing failed: the files listed before it are visited all the same, and
+    // the tasks already running still use this frame.
+    try {
+      if (!files.empty()) spawn(std::exchange(files, {}));
+    } catch (...) {
+      // out of memory: these files go unvisited; the listing's failure is the one reported
+    }
     try {
       group.wait();
     } catch (...) {

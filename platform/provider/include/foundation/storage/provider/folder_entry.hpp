@@ -7,7 +7,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace foundation::storage::provider {
@@ -23,9 +22,7 @@ public:
   FolderEntry(std::u16string name, FolderAttributes attributes)
       : name_(std::move(name)), isFile_(false), folderAttributes_(attributes) {}
 
-  std::u16string const& getName() const& noexcept { return name_; }
-  /// From an entry about to go: the name moves out.
-  std::u16string getName() && noexcept { return std::move(name_); }
+  std::u16string const& getName() const noexcept { return name_; }
   bool isFile() const noexcept { return isFile_; }
   boost::optional<FileAttributes> const& getFileAttributes() const noexcept { return fileAttributes_; }
   boost::optional<FolderAttributes> const& getFolderAttributes() const noexcept { return folderAttributes_; }
