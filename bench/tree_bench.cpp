@@ -243,10 +243,10 @@ static void RemoveTree_RmRf(benchmark::State& state) {
   removeCopies(state, [&](fs::path const& victim) { run(state, "rm -rf " + victim.string()); });
 }
 
-BENCHMARK(WalkParallel_Library)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(WalkParallel_Library)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->MinTime(2);
 BENCHMARK(WalkParallel_Fdfind)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkParallel_DuS)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
-BENCHMARK(WalkParallel_BareGetdents64FstatatTwoThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(WalkParallel_BareGetdents64FstatatTwoThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->MinTime(2);
 BENCHMARK(WalkSerial_Library)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkSerial_BareGetdents64)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkSerial_BareGetdents64Fstatat)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);

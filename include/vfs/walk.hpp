@@ -65,7 +65,8 @@ public:
 FOUNDATION_API FolderVisitResult walkFolder(Folder const& folder, FolderVisitor& visitor);
 
 /// Walks a tree with the visitor's callbacks running concurrently on oneTBB worker threads
-/// and the calling thread, one task per entry. Callbacks for one folder keep their causal
+/// and the calling thread: a task per sub-folder and per batch of files, whose files are
+/// visited in listing order. Callbacks for one folder keep their causal
 /// order (before-callback, the entries, after-callback); siblings run in no defined order, so
 /// the visitor and the predicate must be thread-safe. `Stop` from a callback suppresses the
 /// after-callbacks of its folder and of the folders above it but does not stop siblings;
@@ -86,7 +87,7 @@ public:
   FolderVisitResult operator()(FolderEntry const& entry) const;
 
 private:
-  struct EntryTask; ///< one entry of a folder, as a task
+  struct EntriesTask; ///< entries of a folder, as a task
 
   FolderVisitor& visitor_;
   std::function<bool()> isCancelled_;

@@ -1,6 +1,7 @@
-// The parallel walk: every entry of a folder is a task of the folder's own task group; a
-// sub-folder's task walks that sub-folder with a nested group. The folder's mutex guards
-// only the appending of one task's result; no lock is held while the visitor runs.
+// The parallel walk: the entries of a folder are tasks of the folder's own task group, each
+// sub-folder a task that walks it with a nested group, the files in batches of a few dozen
+// per task. The folder's mutex guards only the appending of one task's results; no lock is
+// held while the visitor runs.
 
 #include <vfs/entries.hpp>
 #include <vfs/walk.hpp>
@@ -9,6 +10,7 @@
 
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #if defined(__SANITIZE_THREAD__)
@@ -46,6 +48,10 @@ struct TaskMemory {
   ~TaskMemory() { handOver(this); }
 };
 
+/// Files visited by one task. Enough to make a task's own cost small beside the visits,
+/// few enough that the files of one large folder still spread over the threads.
+constexpr std::size_t filesPerTask = 32;
+
 /// Stop if any task stopped, else Skip if any skipped, else Continue.
 FolderVisitResult fold(std::vector<FolderVisitResult> const& results) {
   FolderVisitResult folded = FolderVisitResult::Continue;
@@ -58,16 +64,19 @@ FolderVisitResult fold(std::vector<FolderVisitResult> const& results) {
 
 } // namespace
 
-/// One entry of a folder, visited on whichever thread the scheduler picks.
-struct ParallelFolderWalker::EntryTask {
-  EntryTask(ParallelFolderWalker const* w, std::vector<FolderVisitResult>* r, std::mutex* m, FolderEntry const* p,
-            FileOrFolderEntry e)
-      : walker(w), results(r), mutex(m), parent(p), entry(std::move(e)) {
+/// Entries of one folder, visited in listing order on whichever thread the scheduler picks:
+/// a sub-folder alone, files in batches (a task per file would cost more than visiting it).
+struct ParallelFolderWalker::EntriesTask {
+  EntriesTask(ParallelFolderWalker const* w, std::vector<FolderVisitResult>* r, std::mutex* m, FolderEntry const* p,
+              std::vector<FileOrFolderEntry> e)
+      : walker(w), results(r), mutex(m), parent(p), entries(std::move(e)) {
     handOver(&memory);
   }
-  EntryTask(EntryTask const& other) : EntryTask(other.walker, other.results, other.mutex, other.parent, other.entry) {}
-  EntryTask(EntryTask&& other) noexcept
-      : walker(other.walker), results(other.results), mutex(other.mutex), parent(other.parent), entry(std::move(other.entry)) {
+  EntriesTask(EntriesTask const& other)
+      : EntriesTask(other.walker, other.results, other.mutex, other.parent, other.entries) {}
+  EntriesTask(EntriesTask&& other) noexcept
+      : walker(other.walker), results(other.results), mutex(other.mutex), parent(other.parent),
+        entries(std::move(other.entries)) {
     handOver(&memory); // from the spawning thread to the one that runs the task
   }
 
@@ -76,23 +85,27 @@ struct ParallelFolderWalker::EntryTask {
   std::vector<FolderVisitResult>* results;
   std::mutex* mutex;
   FolderEntry const* parent;
-  FileOrFolderEntry entry;
+  std::vector<FileOrFolderEntry> entries;
 
   void operator()() const {
     takeOver(&memory);
     HandOverAtEnd const done{results};
-    FolderVisitResult result;
+    std::vector<FolderVisitResult> mine;
+    mine.reserve(entries.size());
+    for (FileOrFolderEntry const& entry : entries) mine.push_back(visit(entry));
+    std::lock_guard lock(*mutex);
+    results->insert(results->end(), mine.begin(), mine.end());
+  }
+
+  FolderVisitResult visit(FileOrFolderEntry const& entry) const {
     try {
-      result = walker->isCancelled_() ? FolderVisitResult::Stop : boost::apply_visitor(*walker, entry);
+      return walker->isCancelled_() ? FolderVisitResult::Stop : boost::apply_visitor(*walker, entry);
     } catch (Exception const& failure) {
       // A failure below is the parent's: its after-callback when something vanished (it
       // runs once more when the parent's walk ends), its failure callback otherwise.
-      result = failure.getErrorCode() == ErrorCode::ResourceNotFound
-                   ? walker->visitor_.visitEntryAfter(*parent)
-                   : walker->visitor_.visitFolderEntryFailed(*parent, failure);
+      return failure.getErrorCode() == ErrorCode::ResourceNotFound ? walker->visitor_.visitEntryAfter(*parent)
+                                                                    : walker->visitor_.visitFolderEntryFailed(*parent, failure);
     }
-    std::lock_guard lock(*mutex);
-    results->push_back(result);
   }
 };
 
@@ -119,10 +132,29 @@ FolderVisitResult ParallelFolderWalker::walk(FolderEntry const& entry) const {
   tbb::task_group group;
   std::mutex mutex;
   std::vector<FolderVisitResult> results;
+  std::vector<FileOrFolderEntry> files; // listed, not yet handed to a task
+  auto const spawn = [&](std::vector<FileOrFolderEntry> entries) {
+    group.run(EntriesTask(this, &results, &mutex, &entry, std::move(entries)));
+  };
   try {
-    for (; *position != *end; ++*position) group.run(EntryTask(this, &results, &mutex, &entry, **position));
+    for (; *position != *end; ++*position) {
+      FileOrFolderEntry const& child = **position;
+      if (boost::get<FolderEntry>(&child)) {
+        spawn({child});
+        continue;
+      }
+      files.push_back(child);
+      if (files.size() == filesPerTask) spawn(std::exchange(files, {}));
+    }
+    if (!files.empty()) spawn(std::exchange(files, {}));
   } catch (...) {
-    // Advancing the listing failed: the tasks already running still use this frame.
+    // Advancing the listing failed: the files listed before it are visited all the same, and
+    // the tasks already running still use this frame.
+    try {
+      if (!files.empty()) spawn(std::exchange(files, {}));
+    } catch (...) {
+      // out of memory: these files go unvisited; the listing's failure is the one reported
+    }
     try {
       group.wait();
     } catch (...) {

@@ -18,10 +18,14 @@ namespace {
 
 constexpr int repetitions = 20;
 constexpr int folders = 6, subfolders = 3, filesPerFolder = 8;
+/// More files than one task visits, and not a multiple of that number.
+constexpr int manyFiles = 70;
 
-/// root/d<i>/s<j>/f<k>.txt and root/d<i>/f<k>.txt, plus root/empty.
+/// root/d<i>/s<j>/f<k>.txt and root/d<i>/f<k>.txt, plus root/empty and root/many/f<k>.txt.
 void buildTree(Harness const& h) {
   h.folder(u"root/empty").createFolderRecursive();
+  h.folder(u"root/many").createFolderRecursive();
+  for (int k = 0; k < manyFiles; ++k) h.file(u"root/many/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
   for (int i = 0; i < folders; ++i) {
     std::u16string const d = u"root/d" + fl::i18n::to_ustring(std::to_string(i));
     for (int j = 0; j < subfolders; ++j) {
@@ -33,8 +37,8 @@ void buildTree(Harness const& h) {
   }
 }
 
-constexpr std::size_t totalFiles = folders * (subfolders + 1) * filesPerFolder;
-constexpr std::size_t totalFolders = 1 + 1 + folders * (1 + subfolders); // root, empty, d<i>, s<j>
+constexpr std::size_t totalFiles = folders * (subfolders + 1) * filesPerFolder + manyFiles;
+constexpr std::size_t totalFolders = 1 + 2 + folders * (1 + subfolders); // root, empty, many, d<i>, s<j>
 
 class ParallelWalk : public OnEveryProvider {
 protected:

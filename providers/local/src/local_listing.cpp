@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <fcntl.h>
 #include <new>
 #include <stdexcept>
@@ -41,6 +42,27 @@ int readEntries(int dirfd, std::vector<RawEntry>& entries) noexcept {
     return ENOMEM;
   }
 }
+
+/// Leaves the elements it makes uninitialised: a batch buffer is grown before every read and
+/// filled by the kernel, so zeroing it first would be wasted work.
+template <class T>
+struct UninitialisedAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UninitialisedAllocator<U>;
+  };
+  UninitialisedAllocator() = default;
+  template <class U>
+  UninitialisedAllocator(UninitialisedAllocator<U> const&) noexcept {}
+  template <class U>
+  void construct(U* at) noexcept {
+    ::new (static_cast<void*>(at)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* at, Args&&... args) {
+    ::new (static_cast<void*>(at)) U(std::forward<Args>(args)...);
+  }
+};
 
 /// An entry found by the walk, ready to be handed out.
 struct Found {
@@ -95,15 +117,30 @@ public:
     ++yielded_;
   }
 
-  /// A clone walks the folder again from its start and skips what this cursor has handed
-  /// out; it has its own descriptors, so the two never disturb each other's reading.
+  /// A clone has its own descriptors, so the two never disturb each other's reading. While
+  /// the cursor reads the listed folder itself (always, for a flat listing), the clone takes
+  /// over its batch and reads on from where the batch ends; deeper in a tree it walks the
+  /// folder again from its start and skips what this cursor has handed out.
   std::unique_ptr<p::IFolderEntryIterator> clone() const override {
     int fd = openAt(descent_.root(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) failErrno(-fd, location_, "open");
-    auto copy = std::make_unique<StreamingCursor>(UniqueFd(fd), request_, user_, location_);
+    UniqueFd folder(fd);
+    if (levels_.size() == 1) {
+      Level const& level = levels_.front();
+      if (level.end != level.begin && ::lseek(fd, static_cast<off_t>(batchEndOffset()), SEEK_SET) < 0)
+        failErrno(errno, location_, "lseek");
+      return std::make_unique<StreamingCursor>(std::move(folder), *this);
+    }
+    auto copy = std::make_unique<StreamingCursor>(std::move(folder), request_, user_, location_);
     for (std::size_t i = 0; i < yielded_ && copy->hasNext(); ++i) copy->next();
     return copy;
   }
+
+  /// A copy of `from`, which reads only its listed folder, that reads on from `folder`.
+  StreamingCursor(UniqueFd folder, StreamingCursor const& from)
+      : request_(from.request_), user_(from.user_), location_(from.location_), descent_(std::move(folder), keepOpen),
+        bytes_(from.bytes_), levels_(from.levels_), path_(from.path_), current_(from.current_), pending_(from.pending_),
+        failure_(from.failure_), lookedAhead_(from.lookedAhead_), havePending_(from.havePending_), yielded_(from.yielded_) {}
 
 private:
   /// A folder being read: where its batch lies in the byte stack, and the next record.
@@ -114,6 +151,18 @@ private:
     std::size_t pathLength = 0; ///< of the folder's path relative to the listed one
     long long offset = 0;       ///< in the folder, just past the record before `next`
   };
+
+  /// The offset in the listed folder just past the batch it read last.
+  long long batchEndOffset() const {
+    Level const& level = levels_.front();
+    long long offset = level.offset;
+    for (std::size_t at = level.next; at < level.end;) {
+      DirectoryRecord const record = decodeDirectoryRecord(bytes_.data() + at);
+      at += record.length;
+      offset = record.nextOffset;
+    }
+    return offset;
+  }
 
   /// Replaces the deepest level's batch by the next one; 0, or an errno value.
   int readBatch() const {
@@ -235,7 +284,7 @@ private:
   UserIdentity const user_;
   p::StorageIRI const location_;
   mutable FolderDescent descent_;
-  mutable std::vector<char> bytes_;
+  mutable std::vector<char, UninitialisedAllocator<char>> bytes_;
   mutable std::vector<Level> levels_;
   mutable std::u16string path_; ///< of the entry being looked at
   mutable Found current_;
