@@ -381,7 +381,9 @@ void MountedFolder::readdir(fuse_req_t request, NodeId node, std::size_t size, o
                             bool plus) {
   answer(request, [&] {
     auto& listing = *reinterpret_cast<Listing*>(info->fh);
-    std::lock_guard lock(listing.mutex);
+    // The reply lets the program close the folder, and the release may then run on another
+    // thread at once: nothing of the listing is touched after it.
+    std::unique_lock lock(listing.mutex);
     if (offset == 0) {
       // One provider listing with attributes per folder: no request per entry.
       listing.entries.clear();
@@ -417,6 +419,7 @@ void MountedFolder::readdir(fuse_req_t request, NodeId node, std::size_t size, o
       if (added > room) break;
       used += added;
     }
+    lock.unlock();
     fuse_reply_buf(request, buffer.data(), used);
   });
 }

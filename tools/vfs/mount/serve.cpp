@@ -36,6 +36,7 @@ bool serve(MountedFolder& folder, std::string const& mountpoint, std::string con
   auto const& ops = MountedFolder::operations();
   std::unique_ptr<fuse_session, void (*)(fuse_session*)> session(fuse_session_new(&args, &ops, sizeof ops, &folder),
                                                                  fuse_session_destroy);
+  fuse_opt_free_args(&args);  // what parsing allocated; the session keeps its own copies
   if (!session) return false;
   if (fuse_set_signal_handlers(session.get()) != 0) return false;
   if (fuse_session_mount(session.get(), mountpoint.c_str()) != 0) {
