@@ -67,6 +67,8 @@ TEST_F(MountInodeTable, RenamingAFolderMovesEverythingBelowIt) {
   NodeId const f = table.remember(b, "f #1?.txt", NodeKind::File);
   EXPECT_EQ(at(f), vfs::AbsoluteIRI(vfs::AbsoluteIRI(u"mem:///root"), u"a/b/f #1?.txt").toString());
   EXPECT_EQ(table.remember(b, "f #1?.txt", NodeKind::File), f) << "a name looked up again keeps its node";
+  EXPECT_EQ(table.childKind(a, "b"), NodeKind::Folder);
+  EXPECT_FALSE(table.childKind(a, "never seen"));
 
   NodeId const z = table.remember(InodeTable::Root, "z", NodeKind::Folder);
   table.renamed(a, "b", z, "c");

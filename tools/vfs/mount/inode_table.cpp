@@ -48,6 +48,13 @@ std::optional<NodeKind> InodeTable::kind(NodeId node) const {
   return found->second.kind;
 }
 
+std::optional<NodeKind> InodeTable::childKind(NodeId parent, std::string const& name) const {
+  std::shared_lock lock(mutex_);
+  auto const known = byName_.find({parent, name});
+  if (known == byName_.end()) return std::nullopt;
+  return nodes_.at(known->second).kind;
+}
+
 NodeId InodeTable::remember(NodeId parent, std::string const& name, NodeKind kind) {
   std::unique_lock lock(mutex_);
   auto const known = byName_.find({parent, name});

@@ -34,6 +34,8 @@ public:
   /// The location of `name` in the folder `parent`; nothing when the parent is unknown.
   std::optional<vfs::AbsoluteIRI> childLocation(NodeId parent, std::string const& name) const;
   std::optional<NodeKind> kind(NodeId node) const;
+  /// The kind last seen of `name` in `parent`, if the kernel holds its node.
+  std::optional<NodeKind> childKind(NodeId parent, std::string const& name) const;
   /// The node of `name` in `parent`, made when new, with one more kernel reference.
   NodeId remember(NodeId parent, std::string const& name, NodeKind kind);
   /// Drops `count` kernel references; the node goes when none are left.

@@ -158,8 +158,9 @@ void MountedFolder::init(fuse_conn_info* connection) {
 
 void MountedFolder::lookup(fuse_req_t request, NodeId parent, char const* name) {
   answer(request, [&] {
-    NodeKind kind;
-    auto const attributes = attributesOf(whereChild(parent, name), NodeKind::File, kind);
+    // A folder listed before is asked for as a folder first: a wrong guess costs a request.
+    NodeKind kind = nodes_.childKind(parent, name).value_or(NodeKind::File);
+    auto const attributes = attributesOf(whereChild(parent, name), kind, kind);
     replyEntry(request, parent, name, kind, attributes);
   });
 }
