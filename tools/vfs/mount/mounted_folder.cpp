@@ -154,6 +154,10 @@ void MountedFolder::replyEntry(fuse_req_t request, NodeId parent, std::string co
 void MountedFolder::init(fuse_conn_info* connection) {
   connection->max_write = TransferSize;
   connection->max_readahead = std::min(connection->max_readahead, TransferSize);
+  // Where the kernel may trust what it was told, it may also gather writes in its page cache
+  // and send them in large pieces; without caching every write waits for the provider.
+  if (options_.cacheTimeout > 0 && (connection->capable & FUSE_CAP_WRITEBACK_CACHE))
+    connection->want |= FUSE_CAP_WRITEBACK_CACHE;
 }
 
 void MountedFolder::lookup(fuse_req_t request, NodeId parent, char const* name) {
