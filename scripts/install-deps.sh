@@ -15,6 +15,7 @@ packages=(
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
   libcli11-dev
   fd-find hyperfine python3 awscli
+  fuse3 libfuse3-dev fio git
 )
 
 missing=()

@@ -1,6 +1,8 @@
 // The vfs tool end to end: the built binary against temporary trees, its output compared
 // with what the trees hold.
 
+#include "../support/shell.hpp"
+
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -25,21 +27,9 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string const Tool = VFS_TOOL_BINARY;
-
-std::string quote(std::string const& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-std::string readFile(fs::path const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(fs::path const& path, std::string const& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
+using testsupport::quote;
+using testsupport::readFile;
+using testsupport::writeFile;
 
 std::set<std::string> split(std::string const& text, char separator) {
   std::set<std::string> parts;

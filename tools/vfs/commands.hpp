@@ -24,6 +24,8 @@ void addStreamCommands(CLI::App& app, Tool& tool);
 void addTransferCommands(CLI::App& app, Tool& tool);
 /// watch
 void addWatchCommand(CLI::App& app, Tool& tool);
+/// mount, umount
+void addMountCommands(CLI::App& app, Tool& tool);
 
 /// A modification time as "YYYY-MM-DD HH:MM:SS" (UTC).
 std::string formatTime(boost::posix_time::ptime const& time);

@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
   vfs_tool::addStreamCommands(app, tool);
   vfs_tool::addTransferCommands(app, tool);
   vfs_tool::addWatchCommand(app, tool);
+  vfs_tool::addMountCommands(app, tool);
 
   try {
     app.parse(argc, argv);
