@@ -64,9 +64,12 @@ int nameTemporaryFile(int fd, int dirfd, std::string& name) noexcept {
 }
 
 /// Lands the file where nothing is, without syncing it: the open durability batch will.
-int landWithoutReplacing(int fd, int dirfd, std::string& name, char const* target, SyncCall const& sync) noexcept {
+/// `landed` tells whether the file is in place, even when a sync failed afterwards.
+int landWithoutReplacing(int fd, int dirfd, std::string& name, char const* target, SyncCall const& sync,
+                         bool& landed) noexcept {
   int error = name.empty() ? linkOpenFile(fd, dirfd, target) : renameAt(dirfd, name.c_str(), dirfd, target, true);
-  if (error != 0) return error;
+  landed = error == 0;
+  if (!landed) return error;
   name.clear();
   if (deferDurability(dirfd) == 0) return 0;
   if ((error = sync(fd)) != 0) return error; // cannot defer: sync now
@@ -110,9 +113,11 @@ int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) n
 int commitTemporaryFile(int fd, int dirfd, std::string& name, char const* target, bool replace,
                         SyncCall const& sync) noexcept {
   if (durabilityBatchOpen()) {
-    int const error = landWithoutReplacing(fd, dirfd, name, target, sync);
-    // Something is in the way: replacing it needs the data on disk first.
-    if (error != EEXIST || !replace) return error;
+    bool landed = false;
+    int const error = landWithoutReplacing(fd, dirfd, name, target, sync, landed);
+    // Not in place (something is in the way, or no link could be made): a replacing landing
+    // goes the usual way, with the data on disk before it replaces anything.
+    if (landed || !replace) return error;
   }
   if (int error = sync(fd)) return error;
   if (name.empty() && !replace) {
