@@ -14,7 +14,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <functional>
+#include <iostream>
 #include <vector>
 
 namespace vfs_tool::mount {
@@ -78,6 +80,16 @@ struct MountedFolder::Listing {
 
 MountedFolder::MountedFolder(vfs::Folder root, MountOptions options)
     : root_(std::move(root)), options_(options), nodes_(root_.getLocation()), owner_(::getuid()), group_(::getgid()) {}
+
+MountedFolder::~MountedFolder() {
+  while (!handles_.empty()) {
+    try {
+      closeHandle(handles_.begin()->second.get());
+    } catch (std::exception const& e) {
+      std::cerr << "vfs: a file open at unmount could not be committed: " << e.what() << "\n";
+    }
+  }
+}
 
 vfs::AbsoluteIRI MountedFolder::where(NodeId node) const {
   auto location = nodes_.location(node);
@@ -273,7 +285,13 @@ void MountedFolder::rename(fuse_req_t request, NodeId parent, char const* name, 
 MountedFolder::Handle* MountedFolder::openHandle(NodeId node, vfs::AbsoluteIRI const& location, int flags) {
   bool const writing = (flags & O_ACCMODE) != O_RDONLY;
   if (writing) refuseWhenReadOnly();
-  auto* handle = new Handle{node, writing, OpenFile(vfs::File(location, root_.getStorageSystem()), writing, (flags & O_TRUNC) != 0)};
+  std::unique_ptr<Handle> owned(
+      new Handle{node, writing, OpenFile(vfs::File(location, root_.getStorageSystem()), writing, (flags & O_TRUNC) != 0)});
+  auto* handle = owned.get();
+  {
+    std::lock_guard lock(handlesMutex_);
+    handles_.emplace(handle, std::move(owned));
+  }
   if (writing) {
     std::lock_guard lock(pendingMutex_);
     writers_.emplace(node, &handle->file);
@@ -282,7 +300,13 @@ MountedFolder::Handle* MountedFolder::openHandle(NodeId node, vfs::AbsoluteIRI c
 }
 
 void MountedFolder::closeHandle(Handle* handle) {
-  std::unique_ptr<Handle> owned(handle);
+  std::unique_ptr<Handle> owned;
+  {
+    std::lock_guard lock(handlesMutex_);
+    auto const at = handles_.find(handle);
+    owned = std::move(at->second);
+    handles_.erase(at);
+  }
   if (handle->writing) {
     std::lock_guard lock(pendingMutex_);
     for (auto [at, last] = writers_.equal_range(handle->node); at != last; ++at) {

@@ -28,6 +28,8 @@ struct MountOptions {
 class MountedFolder {
 public:
   MountedFolder(vfs::Folder root, MountOptions options);
+  /// Commits and closes the files the kernel never released (the server stopped first).
+  ~MountedFolder();
 
   /// The request handlers; each expects this object as the session's user data.
   static fuse_lowlevel_ops const& operations();
@@ -84,6 +86,9 @@ private:
   /// Sizes of files whose writes wait in a transaction, so that stat shows what was written.
   mutable std::mutex pendingMutex_;
   std::unordered_multimap<NodeId, OpenFile const*> writers_;
+  /// Every open file, owned here until its release.
+  std::mutex handlesMutex_;
+  std::unordered_map<Handle const*, std::unique_ptr<Handle>> handles_;
 };
 
 } // namespace vfs_tool::mount
