@@ -63,11 +63,17 @@ int nameTemporaryFile(int fd, int dirfd, std::string& name) noexcept {
   return EEXIST;
 }
 
+/// Links or renames the temporary file to `target`, atomically refused (EEXIST) when
+/// something is there.
+int landWhereNothingIs(int fd, int dirfd, std::string const& name, char const* target) noexcept {
+  return name.empty() ? linkOpenFile(fd, dirfd, target) : renameAt(dirfd, name.c_str(), dirfd, target, true);
+}
+
 /// Lands the file where nothing is, without syncing it: the open durability batch will.
 /// `landed` tells whether the file is in place, even when a sync failed afterwards.
 int landWithoutReplacing(int fd, int dirfd, std::string& name, char const* target, SyncCall const& sync,
                          bool& landed) noexcept {
-  int error = name.empty() ? linkOpenFile(fd, dirfd, target) : renameAt(dirfd, name.c_str(), dirfd, target, true);
+  int error = landWhereNothingIs(fd, dirfd, name, target);
   landed = error == 0;
   if (!landed) return error;
   name.clear();
@@ -120,11 +126,11 @@ int commitTemporaryFile(int fd, int dirfd, std::string& name, char const* target
     if (landed || !replace) return error;
   }
   if (int error = sync(fd)) return error;
-  if (name.empty() && !replace) {
-    if (int error = linkOpenFile(fd, dirfd, target)) return error; // fails, atomically, if the target exists
+  if (!replace) {
+    if (int error = landWhereNothingIs(fd, dirfd, name, target)) return error;
   } else {
     if (int error = nameTemporaryFile(fd, dirfd, name)) return error;
-    if (int error = renameAt(dirfd, name.c_str(), dirfd, target, !replace)) return error;
+    if (int error = renameAt(dirfd, name.c_str(), dirfd, target, false)) return error;
   }
   name.clear();
   return sync(dirfd);
