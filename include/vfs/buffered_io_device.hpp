@@ -33,8 +33,9 @@ public:
   std::streampos tell() const;
   /// Writes what is pending to the device.
   void flush() const;
-  /// Writes what is pending and closes the device; a failure leaves it open. Closing a
-  /// closed device does nothing.
+  /// Writes what is pending and closes the device; a failure of either is IOCloseException
+  /// and leaves the device open, with its output still pending. Closing a closed device
+  /// does nothing.
   void close();
   bool is_open() const noexcept { return !closed_; }
 

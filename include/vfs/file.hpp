@@ -61,7 +61,7 @@ public:
   void setWritable(bool writable) const;
   void truncateToSize(unsigned long long size) const;
   /// Moves within the provider, or copies and removes across schemes or where the provider
-  /// cannot move.
+  /// cannot move. With KeepExisting onto an existing file nothing moves: this file stays.
   void moveFile(File const& destination, provider::ReplacementPolicy const& policy) const;
   provider::CopyResult copyFile(File const& destination, provider::ReplacementPolicy const& policy) const;
   provider::CopyResult copyFile(File const& destination, provider::CopyFileOptions const& options) const;

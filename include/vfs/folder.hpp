@@ -100,14 +100,18 @@ public:
   /// Whether the provider filters flat listings by pattern itself.
   bool providerSupportsFlatWildcardListing() const;
   /// Moves the tree: by the provider within one scheme; across schemes, or where the
-  /// provider refuses, by copyFolder and then recursive removal of this folder. A failed
-  /// fallback leaves what it did: the source is removed only after the whole copy succeeded.
+  /// provider refuses, by copyFolder and then removal of what was copied. A file the copy
+  /// left out (its destination kept, or a name the destination cannot hold) stays here,
+  /// with the folders holding it, as `mv` leaves a file it does not replace across file
+  /// systems. A failed fallback leaves what it did: the source is removed only after the
+  /// whole copy succeeded.
   void moveFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
   /// Copies the tree onto `destination` (which becomes this folder's counterpart), file by
   /// file. Existing destination folders are kept (policies 2 to 4), replaced when empty
   /// (Overwrite), or refused (FailIfExists). Existing destination files are overwritten
   /// only by ForceOverwrite and OverwriteDeferringPermissionErrors; the other policies keep
-  /// them. With OverwriteDeferringPermissionErrors a file refused for lack of permission is
+  /// them, also one that appears while the copy runs or a namesake differing in case only
+  /// on a destination that ignores case (the first copied of such names wins). With OverwriteDeferringPermissionErrors a file refused for lack of permission is
   /// reported after the rest was copied. InvalidLocation for a destination inside this tree.
   void copyFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
   /// `copyFolder` onto the folder of this folder's name in `destinationParent`.

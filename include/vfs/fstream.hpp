@@ -55,7 +55,8 @@ public:
     this->init(standardBuffer(*buffer_));
   }
   /// On a closed stream: the state becomes exactly `failbit`. A failure to write pending
-  /// output or to close is thrown and the stream stays open.
+  /// output or to close is thrown (IOCloseException, unless the provider's failure says
+  /// more) and the stream stays open.
   void close() {
     if (!is_open()) {
       this->clear(std::ios_base::failbit);

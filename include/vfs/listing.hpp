@@ -34,12 +34,19 @@ public:
   virtual bool exhausted() const = 0;
 };
 
+/// A position of no folder, at its end: the beginning and the end of an empty listing made
+/// by default.
+template <class T>
+FOUNDATION_API std::shared_ptr<IFolderIteratorImpl<T>> emptyListingPosition();
+
 } // namespace detail
 
 /// An input iterator over a FolderListing. A copy is an independent position (the
 /// implementation is cloned); a moved-from iterator may only be assigned or destroyed.
 /// Iterators compare equal when they stand on the same element object (identity, not
-/// value) of the same listing, or both at its end.
+/// value) of the same listing, or both at its end. Advancing an iterator at the end leaves
+/// it there (except in a tree listing the library walks, see FolderListing); dereferencing
+/// it throws std::logic_error.
 template <class T>
 class FolderListingIterator {
 public:
@@ -111,15 +118,15 @@ public:
   using iterator = FolderListingIterator<T>;
   using const_iterator = iterator;
 
-  /// An empty listing.
+  /// An empty listing; its iterators, like every listing's, are not singular.
   FolderListing() = default;
   /// Starts at `impl` (which must already stand on the first element).
   explicit FolderListing(std::shared_ptr<detail::IFolderIteratorImpl<T>> const& impl)
       : begin_(impl), end_(impl->buildEndIterator()) {}
 
   bool empty() const { return !begin_ || begin_->equal(*end_); }
-  iterator begin() const { return begin_ ? iterator(begin_->cloneImpl(), false) : iterator(); }
-  iterator end() const { return end_ ? iterator(end_->cloneImpl(), false) : iterator(); }
+  iterator begin() const { return iterator(begin_ ? begin_->cloneImpl() : detail::emptyListingPosition<T>(), false); }
+  iterator end() const { return iterator(end_ ? end_->cloneImpl() : detail::emptyListingPosition<T>(), false); }
 
 private:
   std::shared_ptr<detail::IFolderIteratorImpl<T>> begin_; ///< never advanced

@@ -4,11 +4,16 @@
 
 #include <vfs/walk.hpp>
 
+#include <set>
+#include <vector>
+
 namespace foundation::storage::vfs::detail {
 
 class EntryDeletionVisitor final : public FolderVisitor {
 public:
-  explicit EntryDeletionVisitor(Folder root);
+  /// Removes `root` and everything below it, except the files in `kept` (when given) and
+  /// the folders holding them.
+  explicit EntryDeletionVisitor(Folder root, std::set<AbsoluteIRI> const* kept = nullptr);
   ~EntryDeletionVisitor() override;
 
   /// A link to a folder is removed as a link: what it points to is not part of the tree.
@@ -20,6 +25,9 @@ private:
   bool isRoot(Folder const& folder) const { return folder.getLocation() == root_.getLocation(); }
 
   Folder root_;
+  std::set<AbsoluteIRI> const* kept_;
+  /// Per folder being walked, outermost first: whether it holds a kept file.
+  std::vector<bool> holdsKept_;
 };
 
 } // namespace foundation::storage::vfs::detail

@@ -5,6 +5,8 @@
 
 #include "errors/guard.hpp"
 
+#include <utility>
+
 namespace foundation::storage::vfs {
 
 namespace {
@@ -14,6 +16,18 @@ using Policy = provider::ReplacementPolicy;
 /// OverwriteDeferringPermissionErrors is the library's own; providers see Overwrite.
 Policy effectiveFor(Policy policy) {
   return policy == Policy::OverwriteDeferringPermissionErrors ? Policy::Overwrite : policy;
+}
+
+/// Runs `call`, a step of recovering from `first`. A provider failure of the step gives way
+/// to `first`, which tells what went wrong; anything else (out of memory, a programming
+/// error) passes as it is.
+template <class Call>
+decltype(auto) recoveringFrom(provider::Exception const& first, Call&& call) {
+  try {
+    return std::forward<Call>(call)();
+  } catch (provider::Exception const&) {
+    throw provider::Exception(first);
+  }
 }
 
 } // namespace
@@ -34,18 +48,16 @@ void File::doMoveFile(File const& destination, Policy const& policy) const {
         } catch (provider::Exception const& unlock) {
           if (unlock.getErrorCode() != provider::ErrorCode::ResourceNotFound) throw;
         }
-        try {
-          item_.moveFile(destination.item_.getLocation(), effective);
-          return;
-        } catch (...) {
-          throw provider::Exception(failure); // the first failure tells what went wrong
-        }
+        recoveringFrom(failure, [&] { item_.moveFile(destination.item_.getLocation(), effective); });
+        return;
       } else {
         throw;
       }
     }
   }
-  copyFile(destination, effective);
+  // A copy that kept the destination's file leaves this one where it is, as the providers'
+  // own moves do.
+  if (copyFile(destination, effective) == provider::CopyResult::Skipped) return;
   detail::guarded([&] { item_.removeFile(); });
 }
 
@@ -63,11 +75,7 @@ provider::CopyResult File::doCopyFile(File const& destination, provider::CopyFil
   } catch (provider::Exception const& failure) {
     if (failure.getErrorCode() != provider::ErrorCode::PermissionDenied || effective.policy != Policy::ForceOverwrite)
       throw;
-    try {
-      destination.item_.setWritable(true);
-    } catch (...) {
-      throw provider::Exception(failure); // report the first provider failure
-    }
+    recoveringFrom(failure, [&] { destination.item_.setWritable(true); });
     provider::CopyResult const result = item_.copyFile(destination.item_, effective);
     if (result != provider::CopyResult::Skipped) {
       keepModificationTime();

@@ -6,6 +6,15 @@ namespace {
 
 using Policy = provider::ReplacementPolicy;
 
+/// The policy a file is copied with. Only the library's two overwriting policies replace an
+/// existing file. For the others the provider's landing that never replaces is the
+/// existence check: atomic, so that neither a file another writer creates meanwhile nor a
+/// namesake differing in case only (on a destination that ignores case) is overwritten.
+Policy landingPolicy(Policy policy) {
+  bool const overwrites = policy == Policy::ForceOverwrite || policy == Policy::OverwriteDeferringPermissionErrors;
+  return overwrites ? policy : Policy::KeepExisting;
+}
+
 } // namespace
 
 FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, Policy policy)
@@ -43,21 +52,15 @@ FolderVisitResult FolderCopyVisitor::visitBefore(Folder const& folder) {
     }
   }
   currentDestination_ = target;
-  createdLevels_.push_back(create && !deferredFolderFailure_);
   return FolderVisitResult::Continue;
 }
 
 FolderVisitResult FolderCopyVisitor::visit(File const& file) {
   deferredFolderFailure_.reset();
   File const target(currentOrRoot(), file.getName());
-  // Only the two overwriting policies of the library's own replace an existing file. A
-  // folder this copy has just created holds none: no need to ask.
-  bool const createdHere = !createdLevels_.empty() && createdLevels_.back();
-  if (policy_ != Policy::ForceOverwrite && policy_ != Policy::OverwriteDeferringPermissionErrors && !createdHere &&
-      target.fileExists())
-    return FolderVisitResult::Continue;
+  provider::CopyResult copied{};
   try {
-    file.copyFile(target, policy_);
+    copied = file.copyFile(target, landingPolicy(policy_));
   } catch (Exception const& failure) {
     ErrorCode const code = failure.getErrorCode();
     if (policy_ == Policy::OverwriteDeferringPermissionErrors && code == ErrorCode::PermissionDenied) {
@@ -65,6 +68,15 @@ FolderVisitResult FolderCopyVisitor::visit(File const& file) {
     } else if (code != ErrorCode::ResourceNotFound && code != ErrorCode::InvalidLocation) {
       throw; // a file that vanished or cannot be named here is skipped
     }
+    notCopied_.insert(file.getLocation());
+    return FolderVisitResult::Continue;
+  }
+  if (copied == provider::CopyResult::Skipped) {
+    // An existing file is kept; a folder in its place is refused unless the policy keeps
+    // whatever is there.
+    if (policy_ != Policy::KeepExisting && Folder(currentOrRoot(), file.getName()).folderExists())
+      throw Exception(ErrorCode::ResourceAlreadyExists, target.getLocation());
+    notCopied_.insert(file.getLocation());
   }
   return FolderVisitResult::Continue;
 }
@@ -72,7 +84,6 @@ FolderVisitResult FolderCopyVisitor::visit(File const& file) {
 FolderVisitResult FolderCopyVisitor::visitAfter(Folder const& folder) {
   if (deferredFolderFailure_) throw *deferredFolderFailure_;
   if (!currentDestination_) return FolderVisitResult::Continue;
-  if (!createdLevels_.empty()) createdLevels_.pop_back();
   Folder const done = *currentDestination_;
   if (done != destinationRoot_) currentDestination_ = done.getParent();
   if (done.getLocation().getScheme() == folder.getLocation().getScheme()) {

@@ -6,7 +6,7 @@
 
 #include <boost/optional.hpp>
 
-#include <vector>
+#include <set>
 
 namespace foundation::storage::vfs::detail {
 
@@ -23,6 +23,9 @@ public:
 
   /// The latest file refused for lack of permission under OverwriteDeferringPermissionErrors.
   boost::optional<Exception> const& deferredFileFailure() const noexcept { return deferredFileFailure_; }
+  /// The walked files that were not copied: their destination was kept, or they were
+  /// skipped as vanished or as names the destination cannot hold.
+  std::set<AbsoluteIRI> const& notCopied() const noexcept { return notCopied_; }
 
 private:
   Folder currentOrRoot() const { return currentDestination_ ? *currentDestination_ : destinationRoot_; }
@@ -32,8 +35,7 @@ private:
   Folder destinationRoot_;
   boost::optional<Folder> currentDestination_;
   provider::ReplacementPolicy policy_;
-  /// Per folder being copied, outermost first: whether this copy created its counterpart.
-  std::vector<bool> createdLevels_;
+  std::set<AbsoluteIRI> notCopied_;
 };
 
 } // namespace foundation::storage::vfs::detail

@@ -10,6 +10,8 @@
 #include "core/folder_copy_visitor.hpp"
 #include "errors/guard.hpp"
 
+#include <set>
+
 namespace foundation::storage::vfs {
 
 namespace {
@@ -29,6 +31,28 @@ bool copyInstead(provider::Exception const& failure, Policy policy) {
                      code == ErrorCode::ResourceAlreadyExists);
 }
 
+/// Copies the tree `source` onto `destination` (whose provider item is `destinationItem`);
+/// returns the source files it did not copy.
+std::set<AbsoluteIRI> copyTree(Folder const& source, Folder const& destination,
+                               provider::StorageItem const& destinationItem, Policy policy) {
+  if (!source.folderExists()) throw Exception(vfs::ErrorCode::ResourceNotFound, source.getLocation());
+  // Copying a folder into itself would copy its own copies, without end on a provider
+  // without a path length limit: compare with dot segments resolved.
+  auto const resolved = [](provider::StorageIRI const& iri) { return iri.withPath(iri.getResolvedPath()); };
+  auto const from = resolved(source.getLocation().toStorageIRI());
+  auto const to = resolved(destinationItem.getLocation());
+  if (from == to || from.isAncestorOf(to)) throw Exception(vfs::ErrorCode::InvalidLocation, destination.getLocation());
+  return detail::guarded([&] {
+    detail::DurabilityBatch batch(destinationItem);
+    detail::FolderCopyVisitor visitor(destination, policy);
+    walkFolder(source, visitor);
+    batch.complete(); // before a move removes the source
+    if (policy == Policy::OverwriteDeferringPermissionErrors && visitor.deferredFileFailure())
+      throw *visitor.deferredFileFailure();
+    return visitor.notCopied();
+  });
+}
+
 } // namespace
 
 void Folder::moveFolder(Folder const& destination, Policy const& policy) const {
@@ -42,28 +66,19 @@ void Folder::moveFolder(Folder const& destination, Policy const& policy) const {
       handleException();
     }
   }
-  // The source goes only once everything was copied: a failed copy leaves it whole.
-  copyFolder(destination, policy);
-  removeFolder(FolderRemovalPolicy::Recursive);
+  // The source goes only once everything was copied: a failed copy leaves it whole. What
+  // the copy left out (a destination file kept) stays, with the folders holding it.
+  std::set<AbsoluteIRI> const notCopied = copyTree(*this, destination, destination.item_, policy);
+  if (notCopied.empty()) {
+    removeFolder(FolderRemovalPolicy::Recursive);
+  } else {
+    detail::EntryDeletionVisitor visitor(*this, &notCopied);
+    walkFolder(*this, visitor);
+  }
 }
 
 void Folder::copyFolder(Folder const& destination, Policy const& policy) const {
-  if (!folderExists()) throw Exception(vfs::ErrorCode::ResourceNotFound, getLocation());
-  // Copying a folder into itself would copy its own copies, without end on a provider
-  // without a path length limit: compare with dot segments resolved.
-  auto const resolved = [](provider::StorageIRI const& iri) { return iri.withPath(iri.getResolvedPath()); };
-  auto const source = resolved(item_.getLocation());
-  auto const target = resolved(destination.item_.getLocation());
-  if (source == target || source.isAncestorOf(target))
-    throw Exception(vfs::ErrorCode::InvalidLocation, destination.getLocation());
-  detail::guarded([&] {
-    detail::DurabilityBatch batch(destination.item_);
-    detail::FolderCopyVisitor visitor(destination, policy);
-    walkFolder(*this, visitor);
-    batch.complete(); // before a move removes the source
-    if (policy == Policy::OverwriteDeferringPermissionErrors && visitor.deferredFileFailure())
-      throw *visitor.deferredFileFailure();
-  });
+  copyTree(*this, destination, destination.item_, policy);
 }
 
 void Folder::copyFolderInto(Folder const& destinationParent, Policy const& policy) const {

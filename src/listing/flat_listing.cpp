@@ -47,8 +47,8 @@ void FolderListingIteratorImpl<T>::updateCurrent() {
 
 template <class T>
 void FolderListingIteratorImpl<T>::increment() {
-  if (!current_ || !cursor_) throw std::logic_error("Cannot advance a folder listing iterator past its end.");
-  updateCurrent();
+  // At the end it stays there: the cursor has nothing more to give.
+  if (current_) updateCurrent();
 }
 
 template <class T>
@@ -81,7 +81,15 @@ bool FolderListingIteratorImpl<T>::exhausted() const {
   return !current_;
 }
 
-#define VFS_DEFINE_FLAT_LISTING(T) template class FolderListingIteratorImpl<T>;
+template <class T>
+std::shared_ptr<IFolderIteratorImpl<T>> emptyListingPosition() {
+  return std::make_shared<FolderListingIteratorImpl<T>>();
+}
+
+// Exported explicitly: the element types of Boost's variant would hide it otherwise.
+#define VFS_DEFINE_FLAT_LISTING(T)               \
+  template class FolderListingIteratorImpl<T>; \
+  template FOUNDATION_API std::shared_ptr<IFolderIteratorImpl<T>> emptyListingPosition<T>();
 VFS_FOR_EACH_ELEMENT_TYPE(VFS_DEFINE_FLAT_LISTING)
 #undef VFS_DEFINE_FLAT_LISTING
 

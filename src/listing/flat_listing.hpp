@@ -11,7 +11,8 @@
 namespace foundation::storage::vfs::detail {
 
 /// A position in a flat listing over a provider cursor. It stands on its current element
-/// (null at the end) and moves on only when incremented: nothing is read ahead. Two
+/// (null at the end) and moves on only when incremented (at the end, incrementing does
+/// nothing): nothing is read ahead. Two
 /// positions are equal when they share the current element object and belong to the same
 /// folder, so an end position equals an advanced one exactly once the latter has run out.
 template <class T>

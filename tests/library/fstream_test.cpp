@@ -223,7 +223,7 @@ TEST_P(FileStreams, FailuresAreExceptionsNeverSilentLoss) {
   vfs::ofstream out(file, bits(ios_base::app));
   out << "pending";
   EXPECT_TRUE(out.good());
-  EXPECT_THROW(out.close(), vfs::IOWriteException);
+  EXPECT_THROW(out.close(), vfs::IOCloseException);
   EXPECT_TRUE(out.is_open());
 
   // A read failure makes the standard stream bad, and rethrows when asked to.
@@ -253,6 +253,94 @@ TEST_P(FileStreams, AClosedStreamReadsNothingAndWritesNothing) {
   stream.clear();
   EXPECT_EQ(stream.tellg(), std::streampos(-1));
   EXPECT_EQ(read(file), streambytes::pattern(1000));
+}
+
+namespace {
+
+/// What a stream answers to `unget(); get();` and where it then stands.
+struct AfterUnget {
+  ios_base::iostate afterUnget;
+  int got;
+  std::streamoff tellg;
+  std::streamoff afterClear; ///< tellg once the state is cleared
+  bool operator==(AfterUnget const&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& os, AfterUnget const& a) {
+  return os << "{state " << a.afterUnget << ", got " << a.got << ", tellg " << a.tellg << ", after clear " << a.afterClear
+            << "}";
+}
+
+AfterUnget ungetAndGet(vfs::fstream& stream) {
+  AfterUnget after{};
+  stream.unget();
+  after.afterUnget = stream.rdstate();
+  after.got = stream.get();
+  after.tellg = stream.tellg();
+  stream.clear();
+  after.afterClear = stream.tellg();
+  return after;
+}
+
+/// Reads or writes `n` bytes at once, or in pieces that each go through the buffer.
+void readBytes(vfs::fstream& stream, std::size_t n, bool inPieces) {
+  std::string into(n, '\0');
+  std::size_t const piece = inPieces ? streambytes::Buffer / 4 : n;
+  for (std::size_t done = 0; done < n; done += piece)
+    stream.read(into.data() + done, static_cast<std::streamsize>(std::min(piece, n - done)));
+}
+void writeBytes(vfs::fstream& stream, std::string const& bytes, bool inPieces) {
+  std::size_t const piece = inPieces ? streambytes::Buffer / 4 : bytes.size();
+  for (std::size_t done = 0; done < bytes.size(); done += piece)
+    stream.write(bytes.data() + done, static_cast<std::streamsize>(std::min(piece, bytes.size() - done)));
+}
+
+} // namespace
+
+TEST_P(FileStreams, LargeRequestsLeaveThePutBackAreaAsBufferedOnesWould) {
+  using streambytes::Buffer;
+  std::string const bytes = streambytes::pattern(4 * Buffer);
+  std::string const big = streambytes::pattern(Buffer + 7, 100);
+  int n = 0;
+  // Each sequence runs with requests of the buffer's size or more, which pass the buffer, and
+  // with the same requests in pieces, which go through it: the stream must answer the same.
+  auto both = [&](auto const& sequence) {
+    AfterUnget outcome[2];
+    std::string contents[2];
+    for (bool inPieces : {false, true}) {
+      vfs::File const file = h.file(u"f" + fl::i18n::to_ustring(std::to_string(n++)));
+      write(file, bytes);
+      {
+        vfs::fstream stream(file, bits(ios_base::in | ios_base::out));
+        outcome[inPieces] = sequence(stream, inPieces);
+      }
+      contents[inPieces] = read(file);
+    }
+    EXPECT_EQ(outcome[0], outcome[1]);
+    EXPECT_EQ(contents[0], contents[1]);
+    return outcome[0];
+  };
+
+  // A large write after reading to the end of the buffered data: the bytes read before are
+  // no longer where the stream stands.
+  both([&](vfs::fstream& stream, bool inPieces) {
+    stream.get(); // fills the buffer
+    readBytes(stream, Buffer - 1, false);
+    writeBytes(stream, big, inPieces);
+    return ungetAndGet(stream);
+  });
+  // A large read, from the start and from inside the buffered data: the last byte read can
+  // be put back.
+  for (std::size_t before : {0, 3}) {
+    SCOPED_TRACE("after reading " + std::to_string(before));
+    AfterUnget const after = both([&](vfs::fstream& stream, bool inPieces) {
+      readBytes(stream, before, false);
+      readBytes(stream, Buffer + 5, inPieces);
+      return ungetAndGet(stream);
+    });
+    std::streamoff const end = static_cast<std::streamoff>(before + Buffer + 5);
+    EXPECT_EQ(after, (AfterUnget{ios_base::goodbit, static_cast<unsigned char>(bytes[end - 1]), end, end}));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, FileStreams, ::testing::Values("mem", "file"));

@@ -137,15 +137,37 @@ TEST_P(Listings, BehaveAsReIterableInputRanges) {
   ++copy;
   EXPECT_NE(copy, second);
 
+  auto end = files.end();
+  EXPECT_THROW(*end, std::logic_error);
+}
+
+TEST_P(Listings, AdvancingPastTheEndStaysThere) {
+  // Flat listings, filtered or not, and tree listings the provider makes.
+  auto expectStays = [](auto const& listing) {
+    auto it = listing.begin();
+    while (it != listing.end()) ++it;
+    EXPECT_NO_THROW(++it);
+    EXPECT_EQ(it, listing.end());
+    EXPECT_TRUE(it.exhausted());
+    EXPECT_THROW(*it, std::logic_error);
+    auto end = listing.end();
+    EXPECT_NO_THROW(++end);
+    EXPECT_EQ(end, listing.end());
+  };
+  expectStays(tree->listFiles());
+  expectStays(tree->listAllEntries(u"*.txt"));
+  expectStays(h.folder(u"tree/empty").listFolders());
+  if (!walkedByLibrary()) expectStays(tree->listAllRecursive());
+
+  // An empty listing made by default is such a listing too, without a folder.
   vfs::FolderListing<vfs::ListEntry> none;
   EXPECT_TRUE(none.empty());
   EXPECT_EQ(none.begin(), none.end());
+  EXPECT_NE(none.begin(), vfs::FolderListingIterator<vfs::ListEntry>()) << "a listing's iterators are not singular";
   EXPECT_TRUE(none.begin().exhausted());
   EXPECT_THROW(*none.begin(), std::logic_error);
-
-  auto end = files.end();
-  EXPECT_THROW(*end, std::logic_error);
-  EXPECT_THROW(++end, std::logic_error);
+  expectStays(none);
+  expectStays(vfs::FolderListing<vfs::FileOrFolderEntry>());
 }
 
 TEST_P(Listings, EntriesCarryTheListingsAttributesAndNamesOnlyAskAgain) {

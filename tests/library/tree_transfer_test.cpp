@@ -2,12 +2,14 @@
 
 #include "../support/temporary_folder.hpp"
 
+#include <foundation/storage/providers/memory/memory_provider.hpp>
 #include <foundation/storage/providers/wrappers/feature_switching_provider.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <unistd.h>
 
 using namespace harness;
@@ -55,6 +57,73 @@ public:
 private:
   p::StorageIRI folder_, file_;
 };
+
+/// Writes "theirs" to the destination of one source file just before that file is copied,
+/// as another writer might while a tree copy runs.
+class WritingBeforeCopy final : public p::ForwardingProvider {
+public:
+  WritingBeforeCopy(std::shared_ptr<p::IProvider> inner, p::StorageIRI source)
+      : ForwardingProvider(std::move(inner)), source_(std::move(source)) {}
+
+  p::CopyResult copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+                         p::CopyFileOptions const& options) override {
+    if (source == source_) {
+      auto out = destination.openTransactionalStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                                      p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
+      out->write("theirs", 6);
+      out->close(p::StreamClosePolicy::Commit);
+    }
+    return ForwardingProvider::copyFile(source, destination, options);
+  }
+
+private:
+  p::StorageIRI source_;
+};
+
+/// Lists names and kinds only, as providers that learn nothing more from a listing do, and
+/// removes one folder right after its parent was listed, as another process might.
+class NamesOnlyRemovingAfterListing final : public p::ForwardingProvider {
+public:
+  NamesOnlyRemovingAfterListing(std::shared_ptr<p::IProvider> inner, p::StorageIRI vanishing)
+      : ForwardingProvider(std::move(inner)), vanishing_(std::move(vanishing)) {}
+
+  std::unique_ptr<p::IFolderEntryIterator> listAll(p::StorageIRI const& folder, std::u16string const& pattern) override {
+    auto listing = ForwardingProvider::listAllNamesOnly(folder, pattern);
+    if (folder == vanishing_.getParent()) inner().removeFolderRecursively(vanishing_);
+    return listing;
+  }
+
+private:
+  p::StorageIRI vanishing_;
+};
+
+/// Runs out of memory on the call of `op` that follows `callsBefore` successful ones.
+class OutOfMemoryOn final : public p::ForwardingProvider {
+public:
+  OutOfMemoryOn(std::shared_ptr<p::IProvider> inner, Operation op, int callsBefore)
+      : ForwardingProvider(std::move(inner)), op_(op), callsBefore_(callsBefore) {}
+
+protected:
+  void beforeCall(Operation op, p::StorageIRI const& location) override {
+    if (op == op_ && callsBefore_-- == 0) throw std::bad_alloc();
+    ForwardingProvider::beforeCall(op, location);
+  }
+
+private:
+  Operation op_;
+  int callsBefore_;
+};
+
+/// A case-insensitive memory provider, registered as "memci" in `h`'s storage system.
+void registerCaseInsensitiveMemory(Harness const& h) {
+  auto insensitive = std::make_shared<foundation::storage::providers::memory::MemoryProvider>(
+      p::FilenameSensitivity::CaseInsensitive, u"", u"memci");
+  h.system->registerProvider(u"memci", [insensitive](p::StorageIRI const&) { return insensitive; });
+}
+
+std::u16string numbered(std::u16string const& name, Policy policy) {
+  return name + fl::i18n::to_ustring(std::to_string(static_cast<int>(policy)));
+}
 
 } // namespace
 
@@ -230,8 +299,11 @@ TEST_P(TreeTransfer, MovesWithinAProviderAreTheProvidersOwn) {
   EXPECT_EQ(read(h.file(u"again/a.txt")), "kept");
   write(h.file(u"other/a.txt"), "theirs");
   h.folder(u"again").moveFolder(h.folder(u"other"), Policy::KeepExisting);
-  EXPECT_FALSE(h.folder(u"again").folderExists());
   EXPECT_EQ(read(h.file(u"other/a.txt")), "theirs");
+  // Every file was there already, so each stays where it was; an empty folder moves.
+  EXPECT_EQ(read(h.file(u"again/a.txt")), "kept");
+  EXPECT_EQ(read(h.file(u"again/sub/deeper/c.txt")), "c");
+  EXPECT_FALSE(h.folder(u"again/empty").folderExists());
 }
 
 TEST_P(TreeTransfer, MovesAndCopiesAcrossProviders) {
@@ -245,6 +317,103 @@ TEST_P(TreeTransfer, MovesAndCopiesAcrossProviders) {
   expectCopyOfSource(there);
   EXPECT_FALSE(h.folder(u"back").folderExists());
   there.removeFolder(vfs::FolderRemovalPolicy::Recursive);
+}
+
+TEST_P(TreeTransfer, ACopyNeverReplacesAFileThatAppearsInAFolderItHasJustCreated) {
+  // Keeping policies keep a file another writer creates meanwhile; ForceOverwrite replaces it.
+  for (Policy policy : {Policy::FailIfExists, Policy::Overwrite, Policy::KeepExisting, Policy::ForceOverwrite}) {
+    SCOPED_TRACE(testing::Message() << "policy " << policy);
+    auto const writer = std::make_shared<WritingBeforeCopy>(h.counts, h.at(u"src/sub/b.txt").toStorageIRI());
+    vfs::Folder const source(p::StorageItem(writer, h.at(u"src").toStorageIRI()), h.reference());
+    std::u16string const dst = numbered(u"dst", policy);
+    source.copyFolder(h.folder(dst), policy);
+    EXPECT_EQ(read(h.file(dst + u"/sub/b.txt")), policy == Policy::ForceOverwrite ? "b" : "theirs");
+    EXPECT_EQ(read(h.file(dst + u"/a.txt")), "a");
+    EXPECT_EQ(read(h.file(dst + u"/sub/deeper/c.txt")), "c");
+  }
+}
+
+TEST_P(TreeTransfer, IntoACaseInsensitiveFolderNamesDifferingInCaseOnlyLandOnce) {
+  registerCaseInsensitiveMemory(h);
+  write(h.file(u"src/A.txt"), "A");
+  // The walk copies in listing order; a later namesake is skipped unless the policy
+  // overwrites.
+  std::vector<std::string> order;
+  for (auto const& entry : h.folder(u"src").listAllEntries())
+    if (auto name = vfs::getName(entry); name == u"A.txt" || name == u"a.txt") order.push_back(name == u"A.txt" ? "A" : "a");
+  ASSERT_EQ(order.size(), 2u);
+  for (Policy policy : {Policy::FailIfExists, Policy::Overwrite, Policy::KeepExisting, Policy::ForceOverwrite}) {
+    SCOPED_TRACE(testing::Message() << "policy " << policy);
+    vfs::Folder const dst(vfs::AbsoluteIRI(numbered(u"memci:///dst", policy)), h.reference());
+    h.folder(u"src").copyFolder(dst, policy);
+    EXPECT_EQ(read(vfs::File(dst, u"a.txt")), policy == Policy::ForceOverwrite ? order[1] : order[0]);
+    EXPECT_EQ(read(vfs::File(dst, u"sub/b.txt")), "b");
+  }
+}
+
+TEST_P(TreeTransfer, AMoveAcrossProvidersRemovesFromTheSourceOnlyWhatItCopied) {
+  // The destination holds sub/b.txt already: the keeping policies skip it, and the source
+  // keeps it with the folder holding it.
+  for (Policy policy : {Policy::Overwrite, Policy::ForceOverwrite, Policy::OverwriteDeferringPermissionErrors,
+                        Policy::KeepExisting}) {
+    SCOPED_TRACE(testing::Message() << "policy " << policy);
+    std::u16string const src = numbered(u"src", policy);
+    buildSource(h, src);
+    auto const there = elsewhere("moved" + std::to_string(static_cast<int>(policy)));
+    vfs::Folder(there, u"sub").createFolderRecursive();
+    write(vfs::File(there, u"sub/b.txt"), "theirs");
+    h.folder(src).moveFolder(there, policy);
+    EXPECT_EQ(read(vfs::File(there, u"a.txt")), "a");
+    EXPECT_EQ(read(vfs::File(there, u"sub/deeper/c.txt")), "c");
+    EXPECT_TRUE(vfs::Folder(there, u"empty").folderExists());
+    bool const replaces = policy == Policy::ForceOverwrite || policy == Policy::OverwriteDeferringPermissionErrors;
+    EXPECT_EQ(read(vfs::File(there, u"sub/b.txt")), replaces ? "b" : "theirs");
+    if (replaces) {
+      EXPECT_FALSE(h.folder(src).folderExists());
+    } else {
+      EXPECT_EQ(read(h.file(src + u"/sub/b.txt")), "b");
+      EXPECT_FALSE(h.file(src + u"/a.txt").fileExists());
+      EXPECT_FALSE(h.folder(src + u"/sub/deeper").folderExists());
+      EXPECT_FALSE(h.folder(src + u"/empty").folderExists());
+    }
+  }
+  // FailIfExists copies into a new folder only, where another writer's file is skipped too.
+  auto const writer = std::make_shared<WritingBeforeCopy>(h.counts, h.at(u"src/sub/b.txt").toStorageIRI());
+  vfs::Folder const source(p::StorageItem(writer, h.at(u"src").toStorageIRI()), h.reference());
+  auto const there = elsewhere("moved0");
+  source.moveFolder(there, Policy::FailIfExists);
+  EXPECT_EQ(read(vfs::File(there, u"sub/b.txt")), "theirs");
+  EXPECT_EQ(read(vfs::File(there, u"sub/deeper/c.txt")), "c");
+  EXPECT_EQ(read(h.file(u"src/sub/b.txt")), "b");
+  EXPECT_FALSE(h.file(u"src/a.txt").fileExists());
+
+  // A file, too, stays where it was when the move keeps the destination's.
+  h.file(u"src/sub/b.txt").moveFile(vfs::File(there, u"sub/b.txt"), Policy::KeepExisting);
+  EXPECT_EQ(read(vfs::File(there, u"sub/b.txt")), "theirs");
+  EXPECT_EQ(read(h.file(u"src/sub/b.txt")), "b");
+}
+
+TEST_P(TreeTransfer, OnlyProviderAndLibraryFailuresGiveWayToTheFirstFailure) {
+  // A copy refused for lack of permission, whose destination cannot be made writable for
+  // lack of memory.
+  write(h.file(u"dst.txt"), "old");
+  h.faults->failOn(Operation::CopyFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
+  auto const unlockFails = std::make_shared<OutOfMemoryOn>(h.counts, Operation::SetWritable, 0);
+  vfs::File const target(p::StorageItem(unlockFails, h.at(u"dst.txt").toStorageIRI()), h.reference());
+  EXPECT_THROW(h.file(u"src/a.txt").copyFile(target, Policy::ForceOverwrite), std::bad_alloc);
+  EXPECT_EQ(read(h.file(u"dst.txt")), "old");
+
+  // A move refused for lack of permission, whose retry runs out of memory.
+  h.faults->failOn(Operation::MoveFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
+  auto const retryFails = std::make_shared<OutOfMemoryOn>(h.counts, Operation::MoveFile, 1);
+  vfs::File const source(p::StorageItem(retryFails, h.at(u"src/a.txt").toStorageIRI()), h.reference());
+  EXPECT_THROW(source.moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite), std::bad_alloc);
+  EXPECT_EQ(read(h.file(u"src/a.txt")), "a");
+
+  // A provider failure of the retry still gives way to the first one.
+  h.faults->failOn(Operation::MoveFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
+  h.faults->failOn(Operation::MoveFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::IOError, {}, 1);
+  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied, h.file(u"src/a.txt").moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite));
 }
 
 TEST_P(TreeTransfer, AFailedMoveAcrossProvidersKeepsTheSource) {
@@ -262,6 +431,13 @@ TEST_P(TreeTransfer, RecursiveRemovalFailsForATreeGoneAlreadyAndToleratesEntries
                                                         h.at(u"src/sub/b.txt").toStorageIRI());
   withoutNativeRemoval(h, u"src", remover).removeFolder(vfs::FolderRemovalPolicy::Recursive);
   EXPECT_FALSE(h.folder(u"src").folderExists());
+
+  // A folder that vanishes where the listing carried no attributes to tell it is a folder
+  // (and no link), so that they are asked for.
+  buildSource(h, u"again");
+  auto const vanishing = std::make_shared<NamesOnlyRemovingAfterListing>(h.counts, h.at(u"again/empty").toStorageIRI());
+  vfs::removeNonEmptyFolder(vfs::Folder(p::StorageItem(vanishing, h.at(u"again").toStorageIRI()), h.reference()));
+  EXPECT_FALSE(h.folder(u"again").folderExists());
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, TreeTransfer, ::testing::Values("mem", "file"));
