@@ -111,8 +111,9 @@ public:
   /// (Overwrite), or refused (FailIfExists). Existing destination files are overwritten
   /// only by ForceOverwrite and OverwriteDeferringPermissionErrors; the other policies keep
   /// them, also one that appears while the copy runs or a namesake differing in case only
-  /// on a destination that ignores case (the first copied of such names wins). With OverwriteDeferringPermissionErrors a file refused for lack of permission is
-  /// reported after the rest was copied. InvalidLocation for a destination inside this tree.
+  /// on a destination that ignores case (the first copied of such names wins). With
+  /// OverwriteDeferringPermissionErrors a file refused for lack of permission is reported
+  /// after the rest was copied. InvalidLocation for a destination inside this tree.
   void copyFolder(Folder const& destination, provider::ReplacementPolicy const& policy) const;
   /// `copyFolder` onto the folder of this folder's name in `destinationParent`.
   void copyFolderInto(Folder const& destinationParent, provider::ReplacementPolicy const& policy) const;
