@@ -99,6 +99,32 @@ TEST(MemoryConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
   EXPECT_EQ(kinds.back() == events::Kind::Created, file.exists() == p::ExistsResult::File);
 }
 
+TEST(MemoryConcurrency, ACallbackMayWaitForAnotherThreadChangingTheTree) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  std::mutex mutex;
+  std::vector<std::u16string> reported;
+  std::future<void> other; // outlives the callback: its end must not wait for the other thread
+  auto waited = std::future_status::deferred;
+  at(provider, u"").publishFolderEvents(
+      [&](auto const&, auto const&, p::StorageIRI const& item, auto const&, auto) {
+        {
+          std::lock_guard lock(mutex);
+          reported.push_back(item.getName());
+        }
+        if (item.getName() != u"first") return;
+        // As a callback handing work to a pool and waiting for it would.
+        other = std::async(std::launch::async, [&] { at(provider, u"second").createFile(); });
+        waited = other.wait_for(std::chrono::seconds(20));
+      },
+      {}, p::RecursiveWatching::No);
+  at(provider, u"first").createFile();
+  EXPECT_EQ(waited, std::future_status::ready) << "the other thread's change waited for the callback waiting for it";
+  other.get();
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(reported, (std::vector<std::u16string>{u"first", u"second"}))
+      << "the change made meanwhile is reported after the one under way, before the call that reports returns";
+}
+
 TEST(MemoryConcurrency, AWriterGetsInBetweenListingsThatNeverPause) {
   std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
   for (int f = 0; f < 500; ++f) at(provider, u"tree/f" + std::u16string(1, char16_t(u'A' + f % 26)) + std::u16string(1, char16_t(u'a' + f / 26))).createFolderRecursive();

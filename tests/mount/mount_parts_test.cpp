@@ -6,6 +6,7 @@
 #include <mount/errno_mapping.hpp>
 #include <mount/inode_table.hpp>
 #include <mount/open_file.hpp>
+#include <mount/renaming.hpp>
 
 #include <foundation/storage/provider/exceptions.hpp>
 
@@ -166,12 +167,69 @@ TEST_F(MountOpenFile, TruncatingOpenEmptiesTheFileAndAnUnwrittenTransactionChang
   EXPECT_EQ(harness::read(h.file(u"f")), "");
 }
 
+TEST_F(MountOpenFile, TruncatingATransactionLastsThroughItsCommit) {
+  h.faults->failOn(Operation::OpenStream, {}, p::ErrorCode::UnsupportedOperation);
+  OpenFile writer(h.file(u"f"), true, false);
+  writer.write("NEW", 3, 0);
+  writer.truncate(5);
+  EXPECT_EQ(writer.pendingSize(), 5u);
+  EXPECT_EQ(readAll(writer), "NEW c");
+  EXPECT_EQ(harness::read(h.file(u"f")), "old contents") << "others see the truncation with the commit";
+  writer.truncate(7);
+  writer.write("!", 1, 7);
+  EXPECT_EQ(readAll(writer), std::string("NEW c\0\0!", 8)) << "growth reads as zeros";
+
+  OpenFile other(h.file(u"f"), true, false);
+  other.write("X", 1, 0);
+  other.truncateTransaction(2);  // as after a truncation through the first handle
+  other.close();
+  EXPECT_EQ(harness::read(h.file(u"f")), "Xl");
+  writer.flush();
+  EXPECT_EQ(harness::read(h.file(u"f")), std::string("NEW c\0\0!", 8));
+
+  writer.truncate(3);  // no transaction open any more: the file itself
+  EXPECT_EQ(harness::read(h.file(u"f")), "NEW");
+  writer.close();
+}
+
+TEST_F(MountOpenFile, ATruncationThatFailsLeavesTheTransactionWhole) {
+  h.faults->failOn(Operation::OpenStream, {}, p::ErrorCode::UnsupportedOperation);
+  OpenFile writer(h.file(u"f"), true, false);
+  writer.write("NEW", 3, 0);
+  h.faults->failOn(Operation::OpenTransactionalStream, {}, p::ErrorCode::NoSpaceLeft, {}, 1);
+  EXPECT_EQ(errnoOf([&] { writer.truncate(2); }), ENOSPC);
+  EXPECT_EQ(writer.pendingSize(), 12u);
+  EXPECT_EQ(readAll(writer), "NEW contents");
+  writer.close();
+  EXPECT_EQ(harness::read(h.file(u"f")), "NEW contents");
+}
+
 TEST_F(MountOpenFile, AFailedWriteReportsTheProvidersCode) {
   h.faults->failStream(h.at(u"f").toStorageIRI(), wrappers::StreamOperation::Write, p::ErrorCode::NoSpaceLeft);
   OpenFile writer(h.file(u"f"), true, false);
   EXPECT_EQ(errnoOf([&] { writer.write("x", 1, 0); }), ENOSPC);
   writer.close();
   EXPECT_EQ(harness::read(h.file(u"f")), "old contents");
+}
+
+TEST(MountRenaming, AFolderReplacesAnEmptyFolderOnlyByAMoveThatSucceeds) {
+  auto h = harness::make("mem");
+  h.folder(u"source/inner").createFolderRecursive();
+  h.folder(u"empty").createFolder();
+  h.folder(u"full/kept").createFolderRecursive();
+  auto const system = h.reference();
+  EXPECT_VFS_ERROR(vfs::ErrorCode::FolderNotEmpty, renameItem(h.at(u"source"), h.at(u"full"), system, false));
+  EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceAlreadyExists, renameItem(h.at(u"source"), h.at(u"empty"), system, true));
+
+  h.faults->failOn(Operation::MoveFolder, h.at(u"source").toStorageIRI(), p::ErrorCode::IOError, {}, 1);
+  EXPECT_VFS_ERROR(vfs::ErrorCode::IOError, renameItem(h.at(u"source"), h.at(u"empty"), system, false));
+  EXPECT_TRUE(h.folder(u"empty").folderExists()) << "the folder to be replaced went before the move failed";
+  EXPECT_TRUE(h.folder(u"source/inner").folderExists());
+
+  renameItem(h.at(u"source"), h.at(u"empty"), system, false);
+  EXPECT_TRUE(h.folder(u"empty/inner").folderExists());
+  EXPECT_FALSE(h.folder(u"source").folderExists());
+  EXPECT_TRUE(h.folder(u"full/kept").folderExists());
 }
 
 } // namespace

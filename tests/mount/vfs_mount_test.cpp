@@ -268,6 +268,15 @@ TEST_F(MountFixture, AReadOnlyMountRefusesEveryChange) {
   EXPECT_EQ(readFile(scratch_ / "backing" / "kept"), "kept");
 }
 
+TEST_F(MountFixture, AMemoryFolderIsMadeWhereverItIsMounted) {
+  mount("mem:///scratch/deeper");
+  writeFile(mountpoint_ / "f", "x");
+  EXPECT_EQ(readFile(mountpoint_ / "f"), "x");
+  unmount();
+  auto const missing = run(quote(Tool) + " mount \"$S/missing\" \"$M\"");
+  EXPECT_EQ(missing.status, 3) << "a local folder must exist: " << missing.out;
+}
+
 /// A server in the foreground, to be signalled.
 class MountServer : public MountFixture {
 protected:

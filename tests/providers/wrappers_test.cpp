@@ -133,6 +133,31 @@ TEST_F(FaultInjectionTest, DeniesListingsAndChangeEvents) {
                p::ChangeEventsSubscriptionException);
 }
 
+TEST_F(FaultInjectionTest, RecursiveListingsNameADeniedFolderButNoneOfItsContents) {
+  item(u"tree/open").createFolderRecursive();
+  item(u"tree/locked/deeper").createFolderRecursive();
+  writeFile(item(u"tree/open/a.txt"), "a");
+  writeFile(item(u"tree/locked/secret.txt"), "s");
+  writeFile(item(u"tree/locked/deeper/x.txt"), "x");
+  faults_->denyListing(item(u"tree/locked").getLocation());
+  auto const tree = item(u"tree");
+  std::vector<std::string> const everything{"locked/", "open/", "open/a.txt"};
+  EXPECT_EQ(conformance::sortedNames(tree.listAllRecursiveNamesOnly(u"")), everything);
+  EXPECT_EQ(conformance::sortedNames(tree.listAllRecursive(u"")), everything);
+  EXPECT_EQ(conformance::sortedNames(tree.listAllRecursive(u"*.txt")), std::vector<std::string>{"open/a.txt"});
+  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursiveNamesOnly(u"*.txt")), std::vector<std::string>{"tree/open/a.txt"});
+
+  auto cursor = tree.listAllRecursive(u"");
+  cursor->next();
+  auto copy = cursor->clone();
+  EXPECT_EQ(conformance::sortedNames(std::move(cursor)), conformance::sortedNames(std::move(copy)));
+
+  EXPECT_EQ(conformance::sortedNames(item(u"tree/locked/deeper").listAllRecursive(u"")), std::vector<std::string>{"x.txt"})
+      << "a folder below a denied one is listed when asked for by name";
+  faults_->clear();
+  EXPECT_EQ(conformance::sortedNames(tree.listAllRecursiveNamesOnly(u"")).size(), 6u);
+}
+
 TEST(FeatureSwitching, WithholdsSwitchedOffFeatures) {
   auto features = std::make_shared<FeatureSwitchingProvider>(std::make_shared<MemoryProvider>());
   p::StorageItem root(features, p::StorageIRI(u"mem:///"));

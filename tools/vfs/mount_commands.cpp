@@ -30,6 +30,9 @@ int serveMount(Tool& tool, MountArguments const& arguments, std::function<void()
   try {
     Location const location = tool.session.resolve(arguments.location);
     vfs::Folder root(location.iri, tool.session.system());
+    // A memory tree lives in the process that serves it and starts empty there: a scratch
+    // folder is made wherever it is asked for.
+    if (location.iri.getScheme() == u"mem") root.createFolderRecursive();
     if (!root.folderExists()) throw vfs::Exception(vfs::ErrorCode::ResourceNotFound, location.iri);
     mount::MountedFolder folder(root, {arguments.readOnly, arguments.cacheTimeout});
     auto const mountpoint = std::filesystem::absolute(arguments.mountpoint).string();

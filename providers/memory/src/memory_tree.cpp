@@ -132,8 +132,8 @@ void Tree::detach(Node& top, p::StorageIRI const& location, std::vector<Change>*
   }
 }
 
-void Tree::deliverThrough(std::uint64_t ticket) {
-  changeQueue.deliverThrough(ticket, [this](Change const& change) {
+void Tree::deliverPending() {
+  changeQueue.deliverPending([this](Change const& change) {
     watches.notify(change, [this](p::StorageIRI const& location) { return pathKey(location); });
   });
 }
@@ -141,16 +141,16 @@ void Tree::deliverThrough(std::uint64_t ticket) {
 WriteScope::WriteScope(Tree& tree) : tree_(tree), lock_(tree.mutex), watched(!tree.watches.empty()) {}
 
 WriteScope::~WriteScope() {
-  std::uint64_t ticket = 0;
-  if (watched && !changes.empty()) {
+  bool const report = watched && !changes.empty();
+  if (report) {
     try {
-      ticket = tree_.changeQueue.enqueue(std::move(changes));
+      tree_.changeQueue.enqueue(std::move(changes));
     } catch (...) {
       // Out of memory for the report: the change itself stands.
     }
   }
   lock_.unlock();
-  if (ticket != 0) tree_.deliverThrough(ticket);
+  if (report) tree_.deliverPending();
 }
 
 void Watches::add(std::u16string key, p::StorageIRI location, bool folder, bool recursive,

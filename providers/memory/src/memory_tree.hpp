@@ -106,8 +106,8 @@ struct Tree {
   /// Detaches a subtree and gives back its space; appends Removed changes, children first,
   /// unless `changes` is null.
   void detach(Node& node, p::StorageIRI const& location, std::vector<Change>* changes);
-  /// Delivers the queued changes through `ticket` to the subscriptions (see ChangeQueue).
-  void deliverThrough(std::uint64_t ticket);
+  /// Delivers the queued changes to the subscriptions (see ChangeQueue).
+  void deliverPending();
   static boost::posix_time::ptime now();
 };
 

@@ -1,8 +1,11 @@
 #include <foundation/storage/providers/wrappers/fault_injecting_provider.hpp>
 
+#include "listing_without_contents.hpp"
+
 #include <fl/i18n/i18n.hpp>
 
 #include <algorithm>
+#include <iterator>
 
 namespace foundation::storage::providers::wrappers {
 
@@ -126,6 +129,8 @@ void FaultInjectingProvider::denyListing(p::StorageIRI folder, p::ErrorCode code
                        Operation::ListAll, Operation::ListFiles, Operation::ListFolders,
                        Operation::ListAllRecursiveNamesOnly, Operation::ListAllRecursive})
     failOn(op, folder, code, {p::ExceptionContext(u"fault.denyListing", "listing denied")});
+  std::lock_guard lock(mutex_);
+  denied_.push_back(std::move(folder));
 }
 
 void FaultInjectingProvider::clear() {
@@ -135,6 +140,7 @@ void FaultInjectingProvider::clear() {
   changeEventFaults_.clear();
   armedVanishing_.clear();
   vanished_.clear();
+  denied_.clear();
 }
 
 void FaultInjectingProvider::check(Operation op, p::StorageIRI const& location) {
@@ -179,6 +185,17 @@ void FaultInjectingProvider::listed(p::StorageIRI const& folder) {
       ++it;
     }
   }
+}
+
+std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::withoutDeniedContents(
+    p::StorageIRI const& folder, std::unique_ptr<p::IFolderEntryIterator> listing) {
+  std::vector<p::StorageIRI> below;
+  {
+    std::lock_guard lock(mutex_);
+    std::ranges::copy_if(denied_, std::back_inserter(below), [&](p::StorageIRI const& d) { return folder.isAncestorOf(d); });
+  }
+  if (below.empty()) return listing;
+  return std::make_unique<detail::ListingWithoutContents>(std::move(listing), folder, std::move(below));
 }
 
 boost::optional<FaultInjectingProvider::StreamFault> FaultInjectingProvider::streamFaultFor(p::StorageIRI const& file) {
@@ -264,9 +281,21 @@ FAULT_INJECTING_LISTING(listFoldersNamesOnly)
 FAULT_INJECTING_LISTING(listAll)
 FAULT_INJECTING_LISTING(listFiles)
 FAULT_INJECTING_LISTING(listFolders)
-FAULT_INJECTING_LISTING(listAllRecursiveNamesOnly)
-FAULT_INJECTING_LISTING(listAllRecursive)
 #undef FAULT_INJECTING_LISTING
+
+// The wrapped provider's recursive listing enters every folder, the denied ones too.
+std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
+                                                                                           std::u16string const& pattern) {
+  auto cursor = ForwardingProvider::listAllRecursiveNamesOnly(folder, pattern);
+  listed(folder);
+  return withoutDeniedContents(folder, std::move(cursor));
+}
+std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::listAllRecursive(p::StorageIRI const& folder,
+                                                                                  std::u16string const& pattern) {
+  auto cursor = ForwardingProvider::listAllRecursive(folder, pattern);
+  listed(folder);
+  return withoutDeniedContents(folder, std::move(cursor));
+}
 
 void FaultInjectingProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
                                                std::vector<events::Kind> const& kinds) {

@@ -1,6 +1,7 @@
 #include "mounted_folder.hpp"
 
 #include "errno_mapping.hpp"
+#include "renaming.hpp"
 
 #include <vfs/exceptions.hpp>
 #include <vfs/provider_administration.hpp>
@@ -188,18 +189,12 @@ void MountedFolder::getattr(fuse_req_t request, NodeId node, fuse_file_info*) {
     NodeKind kind = nodes_.kind(node).value_or(NodeKind::File);
     auto attributes = attributesOf(where(node), kind, kind);
     attributes.st_ino = node;
-    {
-      std::lock_guard lock(pendingMutex_);
-      auto const [first, last] = writers_.equal_range(node);
-      for (auto writer = first; writer != last; ++writer) {
-        if (auto const size = writer->second->pendingSize()) attributes.st_size = static_cast<off_t>(*size);
-      }
-    }
+    showPendingSize(node, attributes);
     fuse_reply_attr(request, &attributes, options_.cacheTimeout);
   });
 }
 
-void MountedFolder::setattr(fuse_req_t request, NodeId node, struct stat* wanted, int toSet, fuse_file_info*) {
+void MountedFolder::setattr(fuse_req_t request, NodeId node, struct stat* wanted, int toSet, fuse_file_info* info) {
   answer(request, [&] {
     if ((toSet & FUSE_SET_ATTR_UID && wanted->st_uid != owner_) || (toSet & FUSE_SET_ATTR_GID && wanted->st_gid != group_))
       throw vfs::Exception(vfs::ErrorCode::PermissionDenied, root_.getLocation());
@@ -210,7 +205,7 @@ void MountedFolder::setattr(fuse_req_t request, NodeId node, struct stat* wanted
     auto const system = root_.getStorageSystem();
     vfs::FileOrFolder item = kind == NodeKind::File ? vfs::FileOrFolder(vfs::File(location, system))
                                                     : vfs::FileOrFolder(vfs::Folder(location, system));
-    if (toSet & FUSE_SET_ATTR_SIZE) vfs::File(location, system).truncateToSize(static_cast<unsigned long long>(wanted->st_size));
+    if (toSet & FUSE_SET_ATTR_SIZE) truncate(node, location, info, static_cast<std::uint64_t>(wanted->st_size));
     if (toSet & FUSE_SET_ATTR_MODE) vfs::setWritable(item, (wanted->st_mode & S_IWUSR) != 0);
     if (toSet & FUSE_SET_ATTR_MTIME_NOW) {
       vfs::setLastModified(item, pt::microsec_clock::universal_time());
@@ -219,8 +214,32 @@ void MountedFolder::setattr(fuse_req_t request, NodeId node, struct stat* wanted
     }
     auto attributes = attributesOf(location, kind, kind);
     attributes.st_ino = node;
+    showPendingSize(node, attributes);
     fuse_reply_attr(request, &attributes, options_.cacheTimeout);
   });
+}
+
+void MountedFolder::showPendingSize(NodeId node, struct stat& attributes) const {
+  std::lock_guard lock(pendingMutex_);
+  auto const [first, last] = writers_.equal_range(node);
+  for (auto writer = first; writer != last; ++writer) {
+    if (auto const size = writer->second->pendingSize()) attributes.st_size = static_cast<off_t>(*size);
+  }
+}
+
+void MountedFolder::truncate(NodeId node, vfs::AbsoluteIRI const& location, fuse_file_info const* info, std::uint64_t size) {
+  OpenFile* const own = info ? &handleOf(info).file : nullptr;
+  if (own) {
+    own->truncate(size);
+  } else {
+    vfs::File(location, root_.getStorageSystem()).truncateToSize(size);
+  }
+  // The transactions open on the file would bring the old length back with their commits.
+  std::lock_guard lock(pendingMutex_);
+  auto const [first, last] = writers_.equal_range(node);
+  for (auto writer = first; writer != last; ++writer) {
+    if (writer->second != own) writer->second->truncateTransaction(size);
+  }
 }
 
 void MountedFolder::mkdir(fuse_req_t request, NodeId parent, char const* name) {
@@ -259,23 +278,8 @@ void MountedFolder::rename(fuse_req_t request, NodeId parent, char const* name, 
       [&] {
         if (flags & RENAME_EXCHANGE) throw vfs::Exception(vfs::ErrorCode::InvalidLocation, root_.getLocation());
         refuseWhenReadOnly();
-        auto const system = root_.getStorageSystem();
-        auto const from = whereChild(parent, name), to = whereChild(newParent, newName);
-        bool const noReplace = flags & RENAME_NOREPLACE;
-        auto const policy = noReplace ? provider::ReplacementPolicy::FailIfExists : provider::ReplacementPolicy::Overwrite;
-        switch (vfs::exists(from, system)) {
-        case provider::ExistsResult::NotFound: throw vfs::Exception(vfs::ErrorCode::ResourceNotFound, from);
-        case provider::ExistsResult::File: vfs::File(from, system).moveFile(vfs::File(to, system), policy); break;
-        case provider::ExistsResult::Folder: {
-          vfs::Folder const destination(to, system);
-          // A folder replaces only an empty folder: removing it first gives a non-empty one
-          // its ENOTEMPTY; the move itself then never overwrites.
-          if (!noReplace && vfs::exists(to, system) == provider::ExistsResult::Folder)
-            destination.removeFolder(vfs::FolderRemovalPolicy::NonRecursive);
-          vfs::Folder(from, system).moveFolder(destination, provider::ReplacementPolicy::FailIfExists);
-          break;
-        }
-        }
+        renameItem(whereChild(parent, name), whereChild(newParent, newName), root_.getStorageSystem(),
+                   (flags & RENAME_NOREPLACE) != 0);
         nodes_.renamed(parent, name, newParent, newName);
         fuse_reply_err(request, 0);
       },

@@ -72,6 +72,11 @@ private:
   void replyEntry(fuse_req_t request, NodeId parent, std::string const& name, NodeKind kind,
                   struct stat const& attributes);
   void refuseWhenReadOnly() const;
+  /// The size a transaction open on `node` has reached, in place of the stored one.
+  void showPendingSize(NodeId node, struct stat& attributes) const;
+  /// Sets the length of the file at `node`: through the handle in `info` when the program
+  /// truncates an open file, and in every transaction open on it.
+  void truncate(NodeId node, vfs::AbsoluteIRI const& location, fuse_file_info const* info, std::uint64_t size);
   /// Opens a file for `flags`, registered as a writer of `node` when it writes.
   Handle* openHandle(NodeId node, vfs::AbsoluteIRI const& location, int flags);
   /// Commits, closes and forgets a handle.
@@ -85,7 +90,7 @@ private:
   gid_t group_;
   /// Sizes of files whose writes wait in a transaction, so that stat shows what was written.
   mutable std::mutex pendingMutex_;
-  std::unordered_multimap<NodeId, OpenFile const*> writers_;
+  std::unordered_multimap<NodeId, OpenFile*> writers_;
   /// Every open file, owned here until its release.
   std::mutex handlesMutex_;
   std::unordered_map<Handle const*, std::unique_ptr<Handle>> handles_;

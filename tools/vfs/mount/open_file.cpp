@@ -3,9 +3,14 @@
 #include <vfs/exceptions.hpp>
 #include <vfs/provider_administration.hpp>
 
+#include <algorithm>
+#include <vector>
+
 namespace vfs_tool::mount {
 
 namespace {
+
+constexpr std::uint64_t ChunkSize = 1 << 16; // bytes moved at a time when a transaction is resized
 
 provider::ByteStreamOpenOptions writeOptions(bool truncate) {
   return {provider::ByteStreamAccess::ReadWrite, provider::ByteStreamCreate::MustExist,
@@ -100,6 +105,48 @@ void OpenFile::flush() {
 void OpenFile::sync() {
   flush();
   vfs::extensions::flushFilesystem(file_.getLocation(), file_.getStorageSystem());
+}
+
+void OpenFile::truncate(std::uint64_t size) {
+  std::lock_guard lock(mutex_);
+  if (!resizeTransaction(size)) file_.truncateToSize(size);
+}
+
+void OpenFile::truncateTransaction(std::uint64_t size) {
+  std::lock_guard lock(mutex_);
+  resizeTransaction(size);
+}
+
+bool OpenFile::resizeTransaction(std::uint64_t size) {
+  if (!transaction_) return false;
+  std::vector<char> chunk(ChunkSize);
+  if (size < transactionSize_) {
+    // A transaction cannot shrink: its first `size` bytes go into a new one, which takes the
+    // old one's place only once they are all there (the old one discards itself as it goes).
+    provider::TransactionalStreamDevice shorter(file_.openTransactionalStream(writeOptions(true)));
+    seekTo(*transaction_, 0);
+    std::uint64_t copied = 0;
+    while (copied < size) {
+      auto const n = transaction_->stream().read(chunk.data(), static_cast<std::streamsize>(std::min(size - copied, ChunkSize)));
+      if (n <= 0) break;
+      position_ += static_cast<std::uint64_t>(n);
+      shorter.write(chunk.data(), n);
+      copied += static_cast<std::uint64_t>(n);
+    }
+    *transaction_ = std::move(shorter);
+    position_ = transactionSize_ = copied;
+  }
+  // Growth reads as zeros, as it would from a file.
+  std::fill(chunk.begin(), chunk.end(), '\0');
+  seekTo(*transaction_, transactionSize_);
+  while (transactionSize_ < size) {
+    auto const n = std::min(size - transactionSize_, ChunkSize);
+    transaction_->write(chunk.data(), static_cast<std::streamsize>(n));
+    position_ += n;
+    transactionSize_ += n;
+  }
+  dirty_ = true;
+  return true;
 }
 
 std::optional<std::uint64_t> OpenFile::pendingSize() const {

@@ -28,6 +28,12 @@ public:
   void flush();
   /// `flush`, then asks the provider to make the file system durable.
   void sync();
+  /// Cuts or extends to `size` bytes what this open file writes to: its open transaction,
+  /// which others see with the commit, or else the file itself.
+  void truncate(std::uint64_t size);
+  /// Cuts or extends the open transaction, if there is one, so that its commit keeps a
+  /// truncation made through another handle or by name.
+  void truncateTransaction(std::uint64_t size);
   /// The size the open transaction has reached, while one is open.
   std::optional<std::uint64_t> pendingSize() const;
   /// Commits and closes every stream; the last word of the handle.
@@ -37,6 +43,8 @@ private:
   template <class Device>
   void seekTo(Device& device, std::uint64_t offset);
   provider::ByteStreamDevice& reader();
+  /// `truncateTransaction` with the lock held; false when no transaction is open.
+  bool resizeTransaction(std::uint64_t size);
 
   mutable std::mutex mutex_;
   vfs::File file_;

@@ -19,9 +19,13 @@ struct Tree;
 /// children, a file that is not writable refuses writes; names are case-sensitive unless
 /// built CaseInsensitive (then letter case is kept but ignored when looking names up).
 /// Listings are snapshots taken under a lock, in name order. Streams keep working on a
-/// file that is removed while open. Changes are reported natively, on the thread that made
-/// them, after the change is complete. Settings (`configure`): "capacity" (bytes; writes
-/// beyond it are NoSpaceLeft) and "maxFileSize" (bytes; FileTooLarge). Thread-safe.
+/// file that is removed while open. Changes are reported natively once complete, one at a
+/// time and in the order they were made, on the thread that made them; while another
+/// thread is reporting changes of the same tree, that thread reports them after its own and
+/// the call that made them returns without waiting. So a callback cannot deadlock, neither
+/// by changing the tree nor by waiting for another thread that changes it. Settings
+/// (`configure`): "capacity" (bytes; writes beyond it are NoSpaceLeft) and "maxFileSize"
+/// (bytes; FileTooLarge). Thread-safe.
 class FOUNDATION_API MemoryProvider final : public provider::IProvider {
 public:
   explicit MemoryProvider(provider::FilenameSensitivity sensitivity = provider::FilenameSensitivity::CaseSensitive,

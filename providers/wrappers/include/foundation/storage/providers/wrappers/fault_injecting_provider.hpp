@@ -27,7 +27,9 @@ enum class ChangeEventsFailure { NotSupported, Subscription };
 /// - `failChangeEvents`: subscriptions on a location throw a change-event failure;
 /// - `vanishAfterListing`: a folder disappears (answers as missing, with everything below
 ///   it) as soon as its parent has been listed, as if removed concurrently;
-/// - `denyListing`: a folder cannot be listed (PermissionDenied unless told otherwise).
+/// - `denyListing`: a folder cannot be listed (PermissionDenied unless told otherwise); a
+///   recursive listing above it names the folder but none of its contents, as storage that
+///   cannot read a sub-folder does.
 /// The faults are checked before the call reaches the wrapped provider, which therefore
 /// sees no call and changes nothing. Thread-safe.
 class FOUNDATION_API FaultInjectingProvider final : public provider::ForwardingProvider {
@@ -105,6 +107,9 @@ private:
   void checkChangeEvents(provider::StorageIRI const& location);
   bool isVanished(provider::StorageIRI const& location);
   void listed(provider::StorageIRI const& folder);
+  /// `listing`, a recursive one of `folder`, without the contents of denied folders below it.
+  std::unique_ptr<provider::IFolderEntryIterator> withoutDeniedContents(provider::StorageIRI const& folder,
+                                                                        std::unique_ptr<provider::IFolderEntryIterator> listing);
   std::unique_ptr<provider::ByteStream> faulty(provider::StorageIRI const& file, std::unique_ptr<provider::ByteStream> stream);
   std::unique_ptr<provider::TransactionalStream> faulty(provider::StorageIRI const& file,
                                                         std::unique_ptr<provider::TransactionalStream> stream);
@@ -116,6 +121,7 @@ private:
   std::vector<std::pair<provider::StorageIRI, ChangeEventsFailure>> changeEventFaults_;
   std::vector<provider::StorageIRI> armedVanishing_;
   std::vector<provider::StorageIRI> vanished_;
+  std::vector<provider::StorageIRI> denied_;
 };
 
 } // namespace foundation::storage::providers::wrappers
