@@ -231,6 +231,23 @@ TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
   EXPECT_EQ(copied.load(), 1);
   EXPECT_EQ(refused.load(), 5);
   EXPECT_EQ(readFile(item(u"copied")).size(), 1u);
+
+  // Moves likewise; a refused move keeps its source.
+  std::atomic<int> moved{0}, kept{0};
+  racers.clear();
+  for (int source = 0; source < 6; ++source)
+    racers.emplace_back([&, source] {
+      auto const from = item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source)));
+      try {
+        from.moveFile(item(u"moved").getLocation(), p::ReplacementPolicy::FailIfExists);
+        ++moved;
+      } catch (p::Exception const& e) {
+        if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists && readFile(from) == std::to_string(source)) ++kept;
+      }
+    });
+  for (auto& racer : racers) racer.join();
+  EXPECT_EQ(moved.load(), 1);
+  EXPECT_EQ(kept.load(), 5);
 }
 
 TEST_F(S3ProviderTest, KeepsModificationTimesThroughCopiesAndMoves) {
