@@ -1,8 +1,10 @@
 #pragma once
 
 // A loopback HTTP proxy in front of the S3 gateway that fails the first requests it
-// receives: answers 503 Slow Down, or drops the connection without answering. Every
-// other request goes through unchanged, one request per connection.
+// receives (optionally only those whose request line holds a given text): answers 503
+// Slow Down, drops the connection without answering, or answers 200 with a body that is
+// not the store's document. Every other request goes through unchanged, one request per
+// connection.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -20,9 +22,15 @@ namespace testsupport {
 
 class FaultProxy {
 public:
-  enum class Fault { SlowDown, Drop };
+  enum class Fault {
+    SlowDown,
+    Drop,
+    Garbage,        ///< 200 with a body that is no XML at all
+    ForeignDocument ///< 200 with a well-formed document of another kind (a proxy's page)
+  };
 
-  FaultProxy(std::uint16_t upstreamPort, Fault fault, int failures) : upstream_(upstreamPort), fault_(fault), failures_(failures) {
+  FaultProxy(std::uint16_t upstreamPort, Fault fault, int failures, std::string onlyRequestsHolding = {})
+      : upstream_(upstreamPort), fault_(fault), failures_(failures), only_(std::move(onlyRequestsHolding)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -94,6 +102,24 @@ private:
     ::close(server);
   }
 
+  static std::string answer(std::string const& status, std::string const& body) {
+    return "HTTP/1.1 " + status + "\r\nContent-Type: application/xml\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\nConnection: close\r\n\r\n" + body;
+  }
+
+  void fail(int client) const {
+    switch (fault_) {
+    case Fault::SlowDown:
+      sendAll(client, answer("503 Slow Down", "<Error><Code>SlowDown</Code><Message>injected</Message></Error>"));
+      break;
+    case Fault::Drop: break;
+    case Fault::Garbage: sendAll(client, answer("200 OK", "<<< not a document >>>")); break;
+    case Fault::ForeignDocument:
+      sendAll(client, answer("200 OK", "<?xml version=\"1.0\"?><html><body>Gateway maintenance</body></html>"));
+      break;
+    }
+  }
+
   void serve() {
     while (!stopping_) {
       int client = ::accept(listener_, nullptr, nullptr);
@@ -101,11 +127,9 @@ private:
       std::string request = readRequest(client);
       if (!request.empty()) {
         ++requests_;
-        if (failures_-- > 0) {
-          std::string const body = "<Error><Code>SlowDown</Code><Message>injected</Message></Error>";
-          if (fault_ == Fault::SlowDown)
-            sendAll(client, "HTTP/1.1 503 Slow Down\r\nContent-Type: application/xml\r\nContent-Length: " +
-                                std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+        bool const chosen = request.substr(0, request.find("\r\n")).find(only_) != std::string::npos;
+        if (chosen && failures_-- > 0) {
+          fail(client);
         } else {
           relay(request, client);
         }
@@ -117,6 +141,7 @@ private:
   std::uint16_t upstream_;
   Fault fault_;
   std::atomic<int> failures_;
+  std::string const only_;
   std::atomic<int> requests_{0};
   std::atomic<bool> stopping_{false};
   int listener_ = -1;

@@ -8,6 +8,8 @@
 #include <foundation/storage/provider/exceptions.hpp>
 #include <foundation/storage/systems/standard_storage_system.hpp>
 
+#include <fl/i18n/i18n.hpp>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 
@@ -15,7 +17,9 @@
 
 #include <sys/wait.h>
 
+#include <functional>
 #include <thread>
+#include <utility>
 
 namespace p = foundation::storage::provider;
 using testsupport::readFile;
@@ -63,7 +67,8 @@ std::uint16_t portOf(std::string const& endpoint) {
 } // namespace
 
 TEST_F(S3ProviderTest, ListsTreesWithOneRequestPerThousandKeys) {
-  // 1,001 files, a folder and its marker: two pages. (The benchmark lists 10,000 keys.)
+  // 1,001 files (the folder has no marker once files are in it): two pages. (The benchmark
+  // lists 10,000 keys.)
   constexpr int files = 1001;
   item(u"many/sub").createFolderRecursive();
   std::vector<std::thread> writers;
@@ -89,8 +94,9 @@ TEST_F(S3ProviderTest, ListsTreesWithOneRequestPerThousandKeys) {
 
   auto const beforeRemoval = provider_->requestCount();
   item(u"many").removeFolderRecursively();
-  // the kind check, two listing pages, two batch deletes, the parent's existence
-  EXPECT_EQ(provider_->requestCount() - beforeRemoval, 6u);
+  // the kind check, two listing pages, two batch deletes, the parent's existence and its
+  // marker (the parent is empty again)
+  EXPECT_EQ(provider_->requestCount() - beforeRemoval, 7u);
   EXPECT_FALSE(item(u"many").folderExists());
 }
 
@@ -225,6 +231,23 @@ TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
   EXPECT_EQ(copied.load(), 1);
   EXPECT_EQ(refused.load(), 5);
   EXPECT_EQ(readFile(item(u"copied")).size(), 1u);
+
+  // Moves likewise; a refused move keeps its source.
+  std::atomic<int> moved{0}, kept{0};
+  racers.clear();
+  for (int source = 0; source < 6; ++source)
+    racers.emplace_back([&, source] {
+      auto const from = item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source)));
+      try {
+        from.moveFile(item(u"moved").getLocation(), p::ReplacementPolicy::FailIfExists);
+        ++moved;
+      } catch (p::Exception const& e) {
+        if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists && readFile(from) == std::to_string(source)) ++kept;
+      }
+    });
+  for (auto& racer : racers) racer.join();
+  EXPECT_EQ(moved.load(), 1);
+  EXPECT_EQ(kept.load(), 5);
 }
 
 TEST_F(S3ProviderTest, KeepsModificationTimesThroughCopiesAndMoves) {
@@ -326,4 +349,149 @@ TEST(S3StorageSystem, ServesS3LocationsOnePerBucket) {
   EXPECT_EQ(system->buildProvider(p::StorageIRI(u"s3://some-bucket/c")), provider);
   EXPECT_NE(system->buildProvider(p::StorageIRI(u"s3://other/")), provider);
   EXPECT_THROW(system->buildProvider(p::StorageIRI(u"s3:///no-bucket")), p::Exception);
+}
+
+namespace {
+
+/// Expects `act` to fail as IOError whose message names `request` and `location`.
+void expectUnreadableAnswer(std::function<void()> const& act, std::string const& request, p::StorageIRI const& location) {
+  auto check = [&](p::ErrorCode code, std::string const& what) {
+    EXPECT_EQ(code, p::ErrorCode::IOError) << what;
+    EXPECT_NE(what.find("the answer to " + request), std::string::npos) << what;
+    EXPECT_NE(what.find(location.toIRI()), std::string::npos) << what;
+  };
+  try {
+    act();
+    ADD_FAILURE() << "an unreadable answer to " << request << " passed";
+  } catch (p::Exception const& e) {
+    check(e.getErrorCode(), e.what());
+  } catch (p::ByteStreamFailure const& e) {
+    check(e.getErrorCode(), e.what());
+  }
+}
+
+} // namespace
+
+// An answer that is not the document its request asks for (garbage, or some proxy's own
+// page) fails the call as IOError naming the request and the location: it never passes
+// for an empty answer, and never escapes as another kind of exception.
+TEST_F(S3ProviderTest, UnreadableAnswersFailNamingTheRequest) {
+  using Fault = testsupport::FaultProxy::Fault;
+  item(u"d").createFolder();
+  writeFile(item(u"d/kept.txt"), "kept");
+  auto const key = [](p::StorageItem const& of) {
+    auto const path = fl::i18n::to_utf8(of.getLocation().getPath());
+    return path.substr(1);
+  };
+  struct Case {
+    Fault fault;
+    std::string requestLineHolds;
+    std::string request;
+    p::StorageIRI location;
+    std::function<void(p::StorageItem const& folder)> act;
+  };
+  std::vector<Case> const cases{
+      {Fault::Garbage, "list-type=2", "GET /?list-type=2", item(u"d").getLocation(),
+       [](p::StorageItem const& folder) { folder.listAll(u""); }},
+      {Fault::ForeignDocument, "list-type=2", "GET /?list-type=2", item(u"d").getLocation(),
+       [](p::StorageItem const& folder) { folder.listAllRecursive(u""); }},
+      {Fault::Garbage, "?uploads=", "POST /" + key(item(u"d/big.bin")) + "?uploads", item(u"d/big.bin").getLocation(),
+       [](p::StorageItem const& folder) {
+         std::string const bytes((5u << 20) + 1, 'b');
+         p::StorageItem(folder, u"big.bin").openTransactionalStream(replaceAll)->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+       }},
+      {Fault::ForeignDocument, "?delete=", "POST /?delete", item(u"d").getLocation(),
+       [](p::StorageItem const& folder) { folder.removeFolderRecursively(); }},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.request);
+    testsupport::FaultProxy proxy(portOf(testsupport::s3::S3Settings::fromEnvironment().endpoint), c.fault, 100, c.requestLineHolds);
+    auto settings = testsupport::s3::S3Settings::fromEnvironment();
+    settings.endpoint = "http://127.0.0.1:" + std::to_string(proxy.port());
+    settings.partSize = 5u << 20;
+    auto const throughProxy = testsupport::makeS3Provider(settings);
+    expectUnreadableAnswer([&] { c.act(p::StorageItem(throughProxy, item(u"d").getLocation())); }, c.request, c.location);
+  }
+  // None of those requests reached the store: everything is as it was.
+  EXPECT_EQ(readFile(item(u"d/kept.txt")), "kept");
+  EXPECT_FALSE(item(u"d/big.bin").fileExists());
+}
+
+// A copy that must not replace claims its destination, then copies over the claim. When
+// the copy fails after that (here: the source changes or vanishes once the copy started,
+// from its first progress report), no empty object is left posing as the copy, and a
+// changed source is not mistaken for a destination in the way.
+TEST_F(S3ProviderTest, CopiesThatFailAfterClaimingLeaveNoDestination) {
+  for (auto policy : {p::ReplacementPolicy::FailIfExists, p::ReplacementPolicy::KeepExisting}) {
+    SCOPED_TRACE(static_cast<int>(policy));
+    struct Case {
+      std::u16string destination;
+      std::function<void()> meddle;
+      p::ErrorCode expected;
+    };
+    std::vector<Case> const cases{{u"copy-of-changed", [&] { writeFile(item(u"src.txt"), "changed"); }, p::ErrorCode::IOError},
+                                  {u"copy-of-removed", [&] { item(u"src.txt").removeFile(); }, p::ErrorCode::ResourceNotFound}};
+    for (auto const& c : cases) {
+      SCOPED_TRACE(fl::i18n::to_utf8(c.destination));
+      writeFile(item(u"src.txt"), "source");
+      bool meddled = false;
+      try {
+        item(u"src.txt").copyFile(item(c.destination), {policy, [&](std::uint64_t, std::uint64_t) {
+                                                          if (!std::exchange(meddled, true)) c.meddle();
+                                                        }});
+        ADD_FAILURE() << "the copy succeeded";
+      } catch (p::Exception const& e) {
+        EXPECT_EQ(e.getErrorCode(), c.expected) << e.what();
+      }
+      EXPECT_TRUE(meddled);
+      EXPECT_EQ(item(c.destination).exists(), p::ExistsResult::NotFound);
+    }
+  }
+}
+
+// Only empty folders carry a marker, as other S3 tools expect: a folder loses it when the
+// first item lands below, whichever way it lands, and gets it back when its last item
+// goes. Dropping the marker costs one request, once per folder.
+TEST_F(S3ProviderTest, OnlyEmptyFoldersHaveMarkers) {
+  auto marked = [&](std::u16string const& folder) {
+    return !item(folder).getExtendedAttributes().get<bool>("s3.implicitFolder", false);
+  };
+  item(u"a").createFolder();
+  EXPECT_TRUE(marked(u"a"));
+  EXPECT_FALSE(marked(u"")); // the test's folder holds "a" now
+  item(u"a/b").createFolder();
+  EXPECT_FALSE(marked(u"a"));
+  EXPECT_TRUE(marked(u"a/b"));
+
+  auto const first = provider_->requestCount();
+  writeFile(item(u"a/b/1.txt"), "1");
+  auto const second = provider_->requestCount();
+  writeFile(item(u"a/b/2.txt"), "2");
+  EXPECT_EQ(second - first, provider_->requestCount() - second + 1);
+  EXPECT_FALSE(marked(u"a/b"));
+
+  item(u"c/d/e").createFolderRecursive();
+  EXPECT_FALSE(marked(u"c"));
+  EXPECT_FALSE(marked(u"c/d"));
+  EXPECT_TRUE(marked(u"c/d/e"));
+  item(u"c/d/e/f.txt").createFile();
+  EXPECT_FALSE(marked(u"c/d/e"));
+
+  for (auto const* folder : {u"copied", u"moved", u"streamed", u"folder-moved"}) item(folder).createFolder();
+  item(u"a/b/1.txt").copyFile(item(u"copied/1.txt"), {});
+  item(u"a/b/2.txt").moveFile(item(u"moved/2.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
+  p::ByteStreamOpenOptions const readWrite{p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing,
+                                           p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition};
+  auto stream = item(u"streamed/s.txt").openTransactionalStream(readWrite);
+  stream->write("s", 1);
+  EXPECT_TRUE(marked(u"streamed")); // not before the commit: a discarded stream leaves the folder empty
+  stream->close(p::StreamClosePolicy::Commit);
+  item(u"c").moveFolder(item(u"folder-moved/c").getLocation(), p::ReplacementPolicy::FailIfExists);
+  for (auto const* folder : {u"copied", u"moved", u"streamed", u"folder-moved", u"folder-moved/c", u"folder-moved/c/d"})
+    EXPECT_FALSE(marked(folder)) << fl::i18n::to_utf8(folder);
+  EXPECT_TRUE(item(u"folder-moved/c/d/e/f.txt").fileExists());
+
+  item(u"a/b/1.txt").removeFile();
+  EXPECT_TRUE(item(u"a/b").folderExists());
+  EXPECT_TRUE(marked(u"a/b"));
 }

@@ -5,6 +5,9 @@
 #include "../support/s3_endpoint.hpp"
 #include "../support/temporary_folder.hpp"
 
+#include <foundation/storage/systems/standard_storage_system.hpp>
+#include <vfs/folder.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -13,6 +16,8 @@
 
 #include <cstdio>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <sys/time.h>
 
 namespace p = foundation::storage::provider;
@@ -113,4 +118,38 @@ TEST_F(S3cmdInterop, TheProviderReadsWhatS3cmdWrites) {
   item(u"theirs/deep/data.bin").removeFile();
   EXPECT_TRUE(item(u"theirs/deep").folderExists());
   EXPECT_NE(s3cmd("ls '" + url("theirs/") + "'").find(url("theirs/deep/")), std::string::npos);
+}
+
+// A tree the library copies into the bucket is, to other tools, exactly its files: no
+// marker object beside them. Only an empty folder keeps one, or it would not exist.
+TEST_F(S3cmdInterop, ACopiedTreeIsItsFilesAndItsEmptyFolders) {
+  namespace vfs = foundation::storage::vfs;
+  auto const system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  vfs::StorageSystemReference const reference{std::weak_ptr<vfs::StorageSystem>(system)};
+  p::StorageItem const tree(system->buildProvider(p::StorageIRI(u"mem:///")), p::StorageIRI(u"mem:///tree"));
+  std::vector<std::u16string> const folders{u"one", u"one/two", u"three"};
+  tree.createFolder();
+  for (auto const& folder : folders) p::StorageItem(tree, folder).createFolder();
+  p::StorageItem(tree, u"three/empty").createFolder();
+  std::set<std::string> expected{url("copy/three/empty/")};
+  for (int i = 0; i < 20; ++i) {
+    std::u16string const name = folders[i % folders.size()] + u"/file" + fl::i18n::to_ustring(std::to_string(i)) + u".txt";
+    writeFile(p::StorageItem(tree, name), "file " + std::to_string(i));
+    expected.insert(url("copy/" + fl::i18n::to_utf8(name)));
+  }
+
+  vfs::Folder(vfs::AbsoluteIRI(u"mem:///tree"), reference)
+      .copyFolder(vfs::Folder(vfs::AbsoluteIRI(item(u"copy").getLocation().toString()), reference), p::ReplacementPolicy::FailIfExists);
+
+  std::set<std::string> listed;
+  std::istringstream lines(s3cmd("ls --recursive '" + url("copy/") + "'"));
+  for (std::string line; std::getline(lines, line);)
+    if (auto const at = line.find("s3://"); at != std::string::npos) listed.insert(line.substr(at));
+  EXPECT_EQ(listed, expected);
+
+  // The folders are all there for the provider, the empty one included.
+  std::size_t entries = 0;
+  for (auto cursor = item(u"copy").listAllRecursiveNamesOnly(u""); cursor->hasNext(); ++entries) cursor->next();
+  EXPECT_EQ(entries, 20u + 4u);
+  EXPECT_TRUE(item(u"copy/three/empty").folderExists());
 }

@@ -232,4 +232,11 @@ void failWith(HttpResponse const& response, Site const& site) {
   p::fail(code, site.location, site.call, message);
 }
 
+void failUnreadable(HttpRequest const& request, std::string const& why, Site const& site) {
+  std::string line = request.method + " /" + request.key;
+  for (std::size_t i = 0; i < request.query.size(); ++i)
+    line += (i == 0 ? "?" : "&") + request.query[i].first + (request.query[i].second.empty() ? "" : "=" + request.query[i].second);
+  p::fail(p::ErrorCode::IOError, site.location, site.call, "the answer to " + line + " cannot be read: " + why);
+}
+
 } // namespace foundation::storage::providers::s3::detail

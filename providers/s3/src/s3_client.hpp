@@ -3,6 +3,8 @@
 // Signed S3 requests over pooled libcurl handles, retried with bounded exponential
 // backoff when the store throttles, fails (5xx) or drops the connection.
 
+#include "s3_xml.hpp"
+
 #include <foundation/storage/providers/s3/s3_settings.hpp>
 
 #include <foundation/storage/provider/storage_iri.hpp>
@@ -45,6 +47,20 @@ struct Site {
   char16_t const* call; ///< "s3.listObjects"
 };
 
+/// Throws IOError for an answer to `request` that could not be read (`why`).
+[[noreturn]] void failUnreadable(HttpRequest const& request, std::string const& why, Site const& site);
+
+/// What `read` makes of the answer `body` to `request`; a body it finds malformed is
+/// IOError naming the request, so that a garbled answer never passes for an empty one.
+template <class Read>
+auto readAnswer(HttpRequest const& request, std::string_view body, Site const& site, Read const& read) {
+  try {
+    return read(body);
+  } catch (MalformedDocument const& e) {
+    failUnreadable(request, e.what(), site);
+  }
+}
+
 class S3Client {
 public:
   /// Counts every request it sends in `requests`.
@@ -57,6 +73,11 @@ public:
   HttpResponse send(HttpRequest const& request, Site const& site);
   /// A 2xx answer; anything else is the provider Exception mapped from the status.
   HttpResponse perform(HttpRequest const& request, Site const& site);
+  /// What `read` makes of a 2xx answer's body (see `readAnswer`).
+  template <class Read>
+  auto performAndRead(HttpRequest const& request, Site const& site, Read const& read) {
+    return readAnswer(request, perform(request, site).body, site, read);
+  }
 
   S3Settings const& settings() const noexcept { return settings_; }
   std::string const& bucket() const noexcept { return bucket_; }

@@ -30,13 +30,25 @@ std::string copySource(S3Client const& client, std::string const& key) {
   return "/" + uriEncode(client.bucket(), false) + "/" + uriEncode(key, true);
 }
 
+/// The headers of a copy from `key` as it was when its ETag was `etag`. Ceph's gateway
+/// reads that condition only under its older name, and ignores the standard one.
+std::vector<std::pair<std::string, std::string>> copySourceHeaders(S3Client const& client, std::string const& key,
+                                                                   std::string const& etag) {
+  return {{"x-amz-copy-source", copySource(client, key)}, {"x-amz-copy-source-if-match", etag}, {"x-amz-copy-if-match", etag}};
+}
+
 /// A 200 answer may still carry an error document (copies, completions).
-void failOnErrorDocument(HttpResponse const& response, Site const& site) {
-  if (parseError(response.body)) {
-    HttpResponse failed = response;
-    failed.status = 500;
-    failWith(failed, site);
-  }
+void failOnErrorDocument(std::string_view body, Site const& site) {
+  if (parseError(body)) failWith({500, {}, {}, std::string(body)}, site);
+}
+
+/// A copy's answer. Its only precondition is on the source (x-amz-copy-source-if-match):
+/// failing, it means the source changed, not that the destination is in the way.
+HttpResponse performCopy(S3Client& client, HttpRequest const& request, Site const& site) {
+  auto response = client.send(request, site);
+  if (response.status == 412) p::fail(p::ErrorCode::IOError, site.location, site.call, "the source changed while it was copied");
+  if (!response.ok()) failWith(response, site);
+  return response;
 }
 
 std::string urlDecode(std::string const& text) {
@@ -124,7 +136,7 @@ ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, s
                       {}, {}};
   if (delimited) request.query.emplace_back("delimiter", "/");
   if (!token.empty()) request.query.emplace_back("continuation-token", token);
-  auto page = parseListPage(client.perform(request, site).body);
+  auto page = client.performAndRead(request, site, parseListPage);
   for (auto& object : page.objects) object.key = urlDecode(object.key);
   for (auto& common : page.prefixes) common = urlDecode(common);
   return page;
@@ -143,6 +155,19 @@ void forEachPage(S3Client& client, std::string const& prefix, bool delimited, st
 bool anyKeyWithPrefix(S3Client& client, std::string const& prefix, Site const& site) {
   auto page = listPage(client, prefix, false, {}, 1, site);
   return !page.objects.empty() || !page.prefixes.empty();
+}
+
+FolderPresence folderPresence(S3Client& client, std::string const& folderKey, Site const& site) {
+  auto const page = listPage(client, folderKey + "/", false, {}, 1, site);
+  if (page.objects.empty()) return FolderPresence::Missing;
+  return page.objects.front().key == folderKey + "/" ? FolderPresence::Marked : FolderPresence::Implied;
+}
+
+void dropRedundantMarker(S3Client& client, std::string const& markerKey, Site const& site) noexcept {
+  try {
+    deleteObject(client, markerKey, site);
+  } catch (...) {
+  }
 }
 
 std::string getRange(S3Client& client, std::string const& key, std::string const& etag, std::uint64_t offset,
@@ -178,30 +203,29 @@ void copyObject(S3Client& client, std::string const& from, ObjectInfo const& sou
 
   if (source.size <= largestSingleCopy) {
     auto headers = metadata;
-    headers.emplace_back("x-amz-copy-source", copySource(client, from));
-    headers.emplace_back("x-amz-copy-source-if-match", source.etag);
+    for (auto& header : copySourceHeaders(client, from, source.etag)) headers.push_back(std::move(header));
     headers.emplace_back("x-amz-metadata-directive", replaceMetadata ? "REPLACE" : "COPY");
-    failOnErrorDocument(client.perform({"PUT", to, {}, std::move(headers), {}}, site), site);
+    failOnErrorDocument(performCopy(client, {"PUT", to, {}, std::move(headers), {}}, site).body, site);
     if (progress) progress(source.size);
     return;
   }
   // Beyond 5 GiB the store copies only in parts.
-  auto const uploadId = parseUploadId(client.perform({"POST", to, {{"uploads", ""}}, metadata, {}}, site).body);
+  auto const uploadId = client.performAndRead({"POST", to, {{"uploads", ""}}, metadata, {}}, site, parseUploadId);
   try {
     std::vector<std::string> etags;
     for (std::uint64_t offset = 0; offset < source.size; offset += copyPartSize) {
       std::uint64_t const last = std::min(source.size, offset + copyPartSize) - 1;
-      auto response = client.perform({"PUT", to, {{"partNumber", std::to_string(etags.size() + 1)}, {"uploadId", uploadId}},
-                                      {{"x-amz-copy-source", copySource(client, from)},
-                                       {"x-amz-copy-source-if-match", source.etag},
-                                       {"x-amz-copy-source-range", "bytes=" + std::to_string(offset) + "-" + std::to_string(last)}},
-                                      {}},
-                                     site);
-      failOnErrorDocument(response, site);
-      etags.push_back(parseETag(response.body));
+      auto headers = copySourceHeaders(client, from, source.etag);
+      headers.emplace_back("x-amz-copy-source-range", "bytes=" + std::to_string(offset) + "-" + std::to_string(last));
+      HttpRequest const part{"PUT", to, {{"partNumber", std::to_string(etags.size() + 1)}, {"uploadId", uploadId}},
+                             std::move(headers), {}};
+      etags.push_back(readAnswer(part, performCopy(client, part, site).body, site, [&](std::string_view body) {
+        failOnErrorDocument(body, site);
+        return parseETag(body);
+      }));
       if (progress) progress(last + 1);
     }
-    failOnErrorDocument(client.perform({"POST", to, {{"uploadId", uploadId}}, {}, completeUploadBody(etags)}, site), site);
+    failOnErrorDocument(client.perform({"POST", to, {{"uploadId", uploadId}}, {}, completeUploadBody(etags)}, site).body, site);
   } catch (...) {
     client.send({"DELETE", to, {{"uploadId", uploadId}}, {}, {}}, site);
     throw;
@@ -248,8 +272,9 @@ void deleteObjects(S3Client& client, std::vector<std::string> const& keys, Site 
     std::vector<std::string> batch(batchable.begin() + static_cast<std::ptrdiff_t>(start),
                                    batchable.begin() + static_cast<std::ptrdiff_t>(std::min(batchable.size(), start + keysPerRequest)));
     auto const body = deleteRequestBody(batch);
-    auto response = client.perform({"POST", "", {{"delete", ""}}, {{"content-md5", md5Base64(body)}, {"content-type", "application/xml"}}, body}, site);
-    auto failures = parseDeleteFailures(response.body);
+    auto const failures = client.performAndRead(
+        {"POST", "", {{"delete", ""}}, {{"content-md5", md5Base64(body)}, {"content-type", "application/xml"}}, body}, site,
+        parseDeleteFailures);
     if (!failures.empty())
       p::fail(p::ErrorCode::IOError, site.location, site.call,
               "could not delete \"" + failures.front().first + "\": " + failures.front().second);

@@ -47,6 +47,13 @@ boost::posix_time::ptime unknownTime();
 std::optional<ObjectInfo> headObject(S3Client& client, std::string const& key, Site const& site);
 /// Whether any key starts with `prefix`.
 bool anyKeyWithPrefix(S3Client& client, std::string const& prefix, Site const& site);
+/// How a folder (not the bucket's root) exists: not at all, through the keys below it
+/// alone, or with its own "key/" marker (which lists first when there is one).
+enum class FolderPresence { Missing, Implied, Marked };
+FolderPresence folderPresence(S3Client& client, std::string const& folderKey, Site const& site);
+/// Removes the marker of a folder that now has an item below it. A marker that stays only
+/// costs a key, so a failure here does not fail the write that made it redundant.
+void dropRedundantMarker(S3Client& client, std::string const& markerKey, Site const& site) noexcept;
 /// One page of keys under `prefix`; with `delimited`, grouped at the next "/".
 ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, std::string const& token,
                   std::size_t maxKeys, Site const& site);

@@ -82,12 +82,23 @@ public:
   void requireFolder() const {
     if (!isFolder()) refuse(ErrorCode::ResourceNotFound, "no such folder");
   }
-  /// The folder a new item goes into must exist.
-  void requireParentFolder() const {
+  /// The folder a new item goes into must exist. Its marker, if it has one, is noted: the
+  /// new item makes it redundant (`dropParentMarker`).
+  void requireParentFolder() {
     if (isRoot()) refuse(ErrorCode::InvalidLocation, "the bucket's root has no parent");
     std::string const parent = parentKey(key_);
-    if (!parent.empty() && !anyKeyWithPrefix(client_, parent + "/", site_))
-      refuse(ErrorCode::ResourceNotFound, "the parent folder is missing");
+    if (parent.empty()) return;
+    switch (folderPresence(client_, parent, site_)) {
+    case FolderPresence::Missing: refuse(ErrorCode::ResourceNotFound, "the parent folder is missing");
+    case FolderPresence::Marked: parentMarker_ = parent + "/"; break;
+    case FolderPresence::Implied: break;
+    }
+  }
+  /// The parent's marker that `requireParentFolder` found, if any.
+  std::optional<std::string> const& parentMarker() const noexcept { return parentMarker_; }
+  /// Once the new item is there, the parent exists through it: its marker goes.
+  void dropParentMarker() const {
+    if (parentMarker_) dropRedundantMarker(client_, *parentMarker_, site_);
   }
   /// Keeps the parent folder in existence when its last item goes: a folder that only
   /// existed through its items gets a marker.
@@ -111,6 +122,7 @@ private:
   p::StorageIRI const& location_;
   Site site_;
   std::string key_;
+  std::optional<std::string> parentMarker_;
 };
 
 } // namespace
@@ -246,6 +258,7 @@ void S3Provider::createFile(p::StorageIRI const& file) {
   object.requireParentFolder();
   if (object.isFolder()) object.refuse(ErrorCode::ResourceAlreadyExists, "a folder is there");
   object.putNew(object.key());
+  object.dropParentMarker();
 }
 
 void S3Provider::removeFile(p::StorageIRI const& file) {
@@ -263,7 +276,7 @@ void S3Provider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
   TempFileStream stream(client, file, object.key(),
                         {p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist, p::ByteStreamTruncate::Keep,
                          p::ByteStreamAppend::AtPosition},
-                        info, false);
+                        info, false, std::nullopt);
   stream.resize(size);
   stream.close(p::StreamClosePolicy::Commit);
 }
@@ -283,11 +296,13 @@ std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> c
     if (options.create == p::ByteStreamCreate::MustExist) object.refuse(ErrorCode::ResourceNotFound, "no such file");
   }
   if (needsTemporaryFile(options) && existing)
-    return std::make_unique<TempFileStream>(client, file, object.key(), options, existing, commitWhenDestroyed);
+    return std::make_unique<TempFileStream>(client, file, object.key(), options, existing, commitWhenDestroyed,
+                                            object.parentMarker());
   if (options.access == p::ByteStreamAccess::ReadWrite)
-    return std::make_unique<TempFileStream>(client, file, object.key(), options, std::nullopt, commitWhenDestroyed);
+    return std::make_unique<TempFileStream>(client, file, object.key(), options, std::nullopt, commitWhenDestroyed,
+                                            object.parentMarker());
   return std::make_unique<UploadStream>(client, file, object.key(), options.append == p::ByteStreamAppend::Append,
-                                        commitWhenDestroyed);
+                                        commitWhenDestroyed, object.parentMarker());
 }
 
 } // namespace
@@ -312,7 +327,7 @@ std::unique_ptr<p::TransactionalStream> S3Provider::openTransactionalStream(p::S
 namespace {
 
 /// What to do about an existing destination file: true to go on, false to skip.
-bool mayReplace(Object const& destination, p::ReplacementPolicy policy) {
+bool mayReplace(Object& destination, p::ReplacementPolicy policy) {
   switch (destination.kind()) {
   case p::ExistsResult::Folder:
     if (policy == p::ReplacementPolicy::KeepExisting) return false;
@@ -363,10 +378,13 @@ p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem c
   Object to(*client, bucket_, destination.getLocation(), u"s3.copyFile");
   if (!mayReplace(to, options.policy)) return p::CopyResult::Skipped;
   if (to.key() == from.key()) return p::CopyResult::Copied; // onto itself: nothing to do
-  bool const copied = copyOver(*client, from, info, to, options.policy, [&](std::uint64_t done) {
+  auto const progress = [&](std::uint64_t done) {
     if (options.progress) options.progress(done, info.size);
-  });
-  return copied ? p::CopyResult::Copied : p::CopyResult::Skipped;
+  };
+  progress(0); // the copy starts; whatever appears at the destination from now on is kept
+  if (!copyOver(*client, from, info, to, options.policy, progress)) return p::CopyResult::Skipped;
+  to.dropParentMarker();
+  return p::CopyResult::Copied;
 }
 
 void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
@@ -378,6 +396,7 @@ void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& dest
   if (to.key() == from.key() || !mayReplace(to, policy)) return;
   // Copy first: until the copy is complete the source is untouched.
   if (!copyOver(*client, from, info, to, policy, {})) return;
+  to.dropParentMarker();
   deleteObject(*client, from.key(), from.site());
   from.keepParentFolder();
 }
@@ -411,8 +430,15 @@ void S3Provider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& de
   }, from.site());
   std::vector<std::string> copies;
   try {
-    if (sources.empty() || sources.front() != fromPrefix) putObject(*client, toPrefix, {}, {}, to.site());
-    for (auto const& key : sources) {
+    if (sources.empty() && !destinationExisted) { // emptied meanwhile: it arrives as an empty folder
+      putObject(*client, toPrefix, {}, {}, to.site());
+      copies.push_back(toPrefix);
+    }
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+      std::string const& key = sources[i];
+      // Keys come in order, so a marker followed by a key below it marks a folder that has
+      // contents: it moves with them and needs no marker.
+      if (key.ends_with('/') && i + 1 < sources.size() && sources[i + 1].starts_with(key)) continue;
       auto info = headObject(*client, key, from.site());
       if (!info) continue; // removed meanwhile
       std::string const target = toPrefix + key.substr(fromPrefix.size());
@@ -427,6 +453,9 @@ void S3Provider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& de
     }
     throw;
   }
+  // The destination, or the folder it went into, now holds items: its marker is redundant.
+  if (!destinationExisted) to.dropParentMarker();
+  else if (!copies.empty()) dropRedundantMarker(*client, toPrefix, to.site());
   deleteObjects(*client, sources, from.site());
   from.keepParentFolder();
 }
@@ -439,23 +468,28 @@ void S3Provider::createFolder(p::StorageIRI const& folder) {
   object.requireParentFolder();
   if (object.kind() != p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
   object.putNew(object.key() + "/");
+  object.dropParentMarker();
 }
 
 void S3Provider::createFolderRecursive(p::StorageIRI const& folder) {
   auto client = this->client();
   Object object(*client, bucket_, folder, u"s3.createFolderRecursive");
   if (object.isRoot()) return;
-  // Walk up to the first existing ancestor, then create downwards.
-  std::vector<std::string> missing;
-  for (std::string key = object.key(); !key.empty(); key = parentKey(key)) {
+  // Walk up to the first existing ancestor. Only the folder asked for needs a marker: the
+  // missing ones between exist through it, and the ancestor's own marker is redundant then.
+  std::optional<std::string> ancestorMarker;
+  std::string key = object.key();
+  for (; !key.empty(); key = parentKey(key)) {
     if (headObject(*client, key, object.site())) object.refuse(ErrorCode::ResourceAlreadyExists, "a file is in the way: " + key);
-    if (anyKeyWithPrefix(*client, key + "/", object.site())) break;
-    missing.push_back(key);
+    auto const presence = folderPresence(*client, key, object.site());
+    if (presence == FolderPresence::Missing) continue;
+    if (presence == FolderPresence::Marked) ancestorMarker = key + "/";
+    break;
   }
-  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-    auto response = client->send({"PUT", *it + "/", {}, {{"if-none-match", "*"}}, {}}, object.site());
-    if (!response.ok() && response.status != 412) failWith(response, object.site()); // 412: a racing creator won
-  }
+  if (key == object.key()) return; // there already
+  auto response = client->send({"PUT", object.key() + "/", {}, {{"if-none-match", "*"}}, {}}, object.site());
+  if (!response.ok() && response.status != 412) failWith(response, object.site()); // 412: a racing creator won
+  if (ancestorMarker) dropRedundantMarker(*client, *ancestorMarker, object.site());
 }
 
 void S3Provider::removeFolder(p::StorageIRI const& folder) {

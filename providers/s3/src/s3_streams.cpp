@@ -122,9 +122,9 @@ void ReadStream::doClose() {
 // --- uploading --------------------------------------------------------------------------
 
 UploadStream::UploadStream(std::shared_ptr<S3Client> client, p::StorageIRI location, std::string key, bool append,
-                           bool commitWhenDestroyed)
+                           bool commitWhenDestroyed, std::optional<std::string> parentMarker)
     : client_(std::move(client)), location_(std::move(location)), key_(std::move(key)), append_(append),
-      commitWhenDestroyed_(commitWhenDestroyed) {}
+      commitWhenDestroyed_(commitWhenDestroyed), parentMarker_(std::move(parentMarker)) {}
 
 UploadStream::~UploadStream() {
   if (isClosed()) return;
@@ -189,7 +189,7 @@ void UploadStream::sendFullParts() {
 void UploadStream::sendPart(std::string bytes) {
   Site const site{location_, u"s3.uploadPart"};
   if (uploadId_.empty())
-    uploadId_ = parseUploadId(client_->perform({"POST", key_, {{"uploads", ""}}, {}, {}}, site).body);
+    uploadId_ = client_->performAndRead({"POST", key_, {{"uploads", ""}}, {}, {}}, site, parseUploadId);
   while (inFlight_.size() >= std::max(1u, client_->settings().parallelism)) {
     etags_.push_back(inFlight_.front().get());
     inFlight_.pop_front();
@@ -230,6 +230,7 @@ void UploadStream::commit(bool replace) {
   }
   pending_.clear();
   markClosed();
+  if (parentMarker_) dropRedundantMarker(*client_, *parentMarker_, site);
 }
 
 void UploadStream::abort() noexcept {
@@ -264,9 +265,9 @@ void UploadStream::doClose(p::StreamClosePolicy const& policy) {
 
 TempFileStream::TempFileStream(std::shared_ptr<S3Client> client, p::StorageIRI location, std::string key,
                                p::ByteStreamOpenOptions options, std::optional<ObjectInfo> const& existing,
-                               bool commitWhenDestroyed)
+                               bool commitWhenDestroyed, std::optional<std::string> parentMarker)
     : client_(std::move(client)), location_(std::move(location)), key_(std::move(key)), options_(options),
-      commitWhenDestroyed_(commitWhenDestroyed) {
+      commitWhenDestroyed_(commitWhenDestroyed), parentMarker_(std::move(parentMarker)) {
   std::string pattern = (std::filesystem::temp_directory_path() / "vfs-s3-XXXXXX").string();
   fd_ = ::mkstemp(pattern.data());
   if (fd_ < 0) failErrno("cannot make a temporary file");
@@ -348,7 +349,7 @@ std::streampos TempFileStream::doSeek(std::streamoff off, std::ios_base::seekdir
 void TempFileStream::upload(p::StreamClosePolicy policy) {
   if (size() > largestUpload(client_->settings().partSize))
     throw p::ByteStreamCloseFailure(tooLargeMessage, p::ErrorCode::FileTooLarge);
-  UploadStream out(client_, location_, key_, false, false);
+  UploadStream out(client_, location_, key_, false, false, parentMarker_);
   std::vector<char> buffer(1 << 20);
   for (off_t at = 0;;) {
     ssize_t got = ::pread(fd_, buffer.data(), buffer.size(), at);

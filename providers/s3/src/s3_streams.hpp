@@ -43,11 +43,12 @@ private:
 /// out as parts of a multipart upload, several at a time. Commit completes the upload (or
 /// sends one PUT); discard and destruction abort it, unless `commitWhenDestroyed`.
 /// A commit that must not replace sends its single PUT with If-None-Match; a multipart one
-/// completes over a claim (`claimKey`).
+/// completes over a claim (`claimKey`). Once committed, the object makes `parentMarker`
+/// (the marker its folder had when it was opened) redundant: it is removed.
 class UploadStream final : public provider::TransactionalStream {
 public:
   UploadStream(std::shared_ptr<S3Client> client, provider::StorageIRI location, std::string key, bool append,
-               bool commitWhenDestroyed);
+               bool commitWhenDestroyed, std::optional<std::string> parentMarker);
   ~UploadStream() override;
 
 protected:
@@ -68,6 +69,7 @@ private:
   std::string key_;
   bool append_;
   bool commitWhenDestroyed_;
+  std::optional<std::string> parentMarker_;
   std::uint64_t position_ = 0;
   std::uint64_t sent_ = 0; ///< bytes handed to parts
   std::string pending_;
@@ -79,10 +81,10 @@ private:
 /// A read-write view of an object through a local temporary file, uploaded on commit.
 class TempFileStream final : public provider::TransactionalStream {
 public:
-  /// Starts from `existing`'s contents unless `options` truncate.
+  /// Starts from `existing`'s contents unless `options` truncate; uploads as UploadStream.
   TempFileStream(std::shared_ptr<S3Client> client, provider::StorageIRI location, std::string key,
                  provider::ByteStreamOpenOptions options, std::optional<ObjectInfo> const& existing,
-                 bool commitWhenDestroyed);
+                 bool commitWhenDestroyed, std::optional<std::string> parentMarker);
   ~TempFileStream() override;
   /// Shrinks or zero-extends the contents.
   void resize(std::uint64_t size);
@@ -103,6 +105,7 @@ private:
   std::string key_;
   provider::ByteStreamOpenOptions options_;
   bool commitWhenDestroyed_;
+  std::optional<std::string> parentMarker_;
   int fd_ = -1;
   std::uint64_t position_ = 0;
 };

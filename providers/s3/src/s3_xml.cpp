@@ -3,6 +3,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <charconv>
 #include <memory>
 #include <stdexcept>
 
@@ -35,10 +36,21 @@ std::string childText(xmlNode const* parent, char const* name) {
   return {};
 }
 
-xmlNode* rootOf(Document const& doc, std::string_view body) {
+/// The root element, which must be `name`: a parser that tolerates the store's stray
+/// control characters would otherwise read any other document as an empty answer.
+xmlNode* rootOf(Document const& doc, std::string_view body, char const* name) {
   xmlNode* root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
-  if (!root) throw std::runtime_error("the store answered with a malformed document: " + std::string(body.substr(0, 200)));
+  if (!root || !named(root, name))
+    throw MalformedDocument(std::string("expected <") + name + ">, received \"" + std::string(body.substr(0, 200)) + "\"");
   return root;
+}
+
+std::uint64_t number(std::string const& text, char const* what) {
+  std::uint64_t value = 0;
+  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size())
+    throw MalformedDocument(std::string(what) + " is not a number: \"" + text.substr(0, 40) + "\"");
+  return value;
 }
 
 } // namespace
@@ -54,10 +66,11 @@ std::optional<StoreError> parseError(std::string_view body) {
 ListPage parseListPage(std::string_view body) {
   auto doc = parse(body);
   ListPage page;
-  for (xmlNode const* child = rootOf(doc, body)->children; child; child = child->next) {
+  for (xmlNode const* child = rootOf(doc, body, "ListBucketResult")->children; child; child = child->next) {
     if (named(child, "Contents")) {
-      page.objects.push_back({childText(child, "Key"), std::stoull("0" + childText(child, "Size")),
-                              childText(child, "LastModified")});
+      auto key = childText(child, "Key");
+      if (key.empty()) throw MalformedDocument("a listed object has no key");
+      page.objects.push_back({std::move(key), number(childText(child, "Size"), "a listed size"), childText(child, "LastModified")});
     } else if (named(child, "CommonPrefixes")) {
       page.prefixes.push_back(childText(child, "Prefix"));
     } else if (named(child, "IsTruncated")) {
@@ -71,22 +84,22 @@ ListPage parseListPage(std::string_view body) {
 
 std::string parseUploadId(std::string_view body) {
   auto doc = parse(body);
-  auto id = childText(rootOf(doc, body), "UploadId");
-  if (id.empty()) throw std::runtime_error("the store started an upload without naming it");
+  auto id = childText(rootOf(doc, body, "InitiateMultipartUploadResult"), "UploadId");
+  if (id.empty()) throw MalformedDocument("the store started an upload without naming it");
   return id;
 }
 
 std::string parseETag(std::string_view body) {
   auto doc = parse(body);
-  auto etag = childText(rootOf(doc, body), "ETag");
-  if (etag.empty()) throw std::runtime_error("the store copied a part without naming it");
+  auto etag = childText(rootOf(doc, body, "CopyPartResult"), "ETag");
+  if (etag.empty()) throw MalformedDocument("the store copied a part without naming it");
   return etag;
 }
 
 std::vector<std::pair<std::string, std::string>> parseDeleteFailures(std::string_view body) {
   auto doc = parse(body);
   std::vector<std::pair<std::string, std::string>> failures;
-  for (xmlNode const* child = rootOf(doc, body)->children; child; child = child->next)
+  for (xmlNode const* child = rootOf(doc, body, "DeleteResult")->children; child; child = child->next)
     if (named(child, "Error")) failures.emplace_back(childText(child, "Key"), childText(child, "Code"));
   return failures;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,6 +30,13 @@ struct ListPage {
   std::vector<std::string> prefixes;
   bool truncated = false;
   std::string continuationToken;
+};
+
+/// A body that is not the document its request answers with (a proxy's page, a cut or
+/// garbled answer). The parsers below throw it; callers name the request that got it.
+class MalformedDocument : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
 };
 
 /// The error a body describes, if its root element is <Error>.

@@ -19,9 +19,14 @@ class S3Client;
 /// The provider of an S3 bucket: locations `s3://bucket/key/path`, spoken over HTTP with
 /// AWS Signature Version 4 (any S3-compatible store: AWS, Ceph's gateway, ...).
 ///
-/// - Folders are key prefixes. `createFolder` writes an empty "dir/" marker; a folder
-///   exists when its marker or any key below it does. Removing the last item of a folder
-///   that has no marker writes one, so the folder stays. Flat listings use the "/"
+/// - Folders are key prefixes: a folder exists when its empty "dir/" marker or any key
+///   below it does. As other S3 tools expect, only empty folders have a marker:
+///   `createFolder` writes one, the first item that lands below removes it (one request per
+///   folder; the existence check every write makes tells whether there is one), and
+///   removing a folder's last item writes one, so the folder stays. Markers beside items,
+///   as other tools or `setLastModified` (a folder's time lives in its marker) leave them,
+///   are read as they are. A folder whose marker goes while another client removes its
+///   only item may vanish. Flat listings use the "/"
 ///   delimiter; recursive ones are flat listings of 1,000 keys per request, with the
 ///   folders in between synthesised from the keys. A pattern's literal head narrows the
 ///   request's prefix. Listed files carry the store's own modification time; folders
@@ -37,8 +42,12 @@ class S3Client;
 ///   temporary file first and upload it on close: they cost a download and an upload.
 ///   Non-transactional streams commit when closed or destroyed.
 /// - `createFile` and `createFolder` are conditional writes (If-None-Match: *), so two
-///   racing creators cannot both succeed. Copies and moves check the destination first:
-///   the store has no conditional copy, so FailIfExists there is check-then-act.
+///   racing creators cannot both succeed. The store ignores conditions on a copy's
+///   destination, so copies and moves that must not replace first claim it with a
+///   conditional empty object and copy over that: a destination that appears before is
+///   kept (ResourceAlreadyExists, or Skipped for KeepExisting); a failed copy removes its
+///   claim. Until the copy lands readers see an empty file, a writer that replaces the
+///   claim itself is overwritten, and a process killed in between leaves the claim.
 /// - `copyFile` within the bucket is a server-side copy (multipart copy above 5 GiB);
 ///   moves are copy then delete, not atomic: a failed move leaves the source whole
 ///   (copies already made of a folder's items are removed again).
