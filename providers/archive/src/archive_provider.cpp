@@ -90,7 +90,7 @@ public:
     slot->folder = folder;
     slot->explicitEntry = true;
     slot->modified = parent.modified = now();
-    if (!folder) slot->content = std::make_shared<Content>();
+    if (!folder) slot->content = std::make_shared<Content>(core_.spill);
     changed(events::Kind::Created, path, folder ? events::EntryType::Folder : events::EntryType::File);
     return *slot;
   }
@@ -268,7 +268,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
       session.fail(ErrorCode::PermissionDenied, "the file is read-only");
     }
     if (options.truncate == p::ByteStreamTruncate::Truncate) {
-      node->content = std::make_shared<Content>();
+      node->content = std::make_shared<Content>(core_->spill);
       node->entry.reset();
     }
     content = core_->materialize(session.archive(), *node, file, u"openStream");
@@ -307,7 +307,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
   if (!p::isValid(options))
     p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openTransactionalStream"), "unknown open options");
   core_->requireWritable(file, u"openTransactionalStream");
-  Content initial;
+  auto initial = std::make_shared<Content>(core_->spill);
   {
     Session session(*core_, file, u"openTransactionalStream");
     Node* node = session.node();
@@ -316,12 +316,12 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && !node->writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
     if (node && options.truncate == p::ByteStreamTruncate::Keep) {
       if (node->content) {
-        initial = *node->content;
+        initial = node->content->copy();
       } else {
         // A copy of the entry's data, leaving the tree as it is.
         Node scratch;
         scratch.entry = node->entry;
-        initial = *core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
+        initial = core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
       }
     }
   }
@@ -335,7 +335,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && !replace) session.fail(ErrorCode::ResourceAlreadyExists, "the file exists");
     if (!node) node = &session.add(session.path(), false);
     else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
-    node->content = std::make_shared<Content>(std::move(*content));
+    node->content = std::move(content);
     node->entry.reset();
     node->modified = now();
   };

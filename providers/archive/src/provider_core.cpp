@@ -113,18 +113,16 @@ std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file,
   if (file.content) return file.content;
   if (file.size() > maxEditSize)
     p::fail(p::ErrorCode::FileTooLarge, location, key(op), "the entry is larger than the edit limit (maxEditSize)");
-  auto content = std::make_shared<Content>();
+  auto content = std::make_shared<Content>(spill);
   try {
     auto stream = archive.reader->openEntry(*file.entry);
-    content->resize(file.size());
-    std::size_t done = 0;
-    while (done < content->size()) {
-      auto const got = stream->read(content->data() + done, static_cast<std::streamsize>(content->size() - done));
-      if (got <= 0) break;
-      done += static_cast<std::size_t>(got);
+    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(file.size() + 1, SpillFile::SlotSize)));
+    std::uint64_t done = 0;
+    for (std::streamsize got; (got = stream->read(buffer.data(), static_cast<std::streamsize>(buffer.size()))) > 0;) {
+      content->write(done, buffer.data(), static_cast<std::size_t>(got));
+      done += static_cast<std::uint64_t>(got);
     }
-    char extra;
-    if (done != content->size() || stream->read(&extra, 1) != 0)
+    if (done != file.size())
       p::fail(p::ErrorCode::IOError, location, key(op), "the entry's data does not match its declared size");
   } catch (p::ByteStreamFailure const& failure) {
     p::fail(failure.getErrorCode(), location, key(op), failure.what());

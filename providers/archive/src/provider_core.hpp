@@ -57,7 +57,8 @@ struct ProviderCore {
   [[noreturn]] void missing(Place const& place, char16_t const* op, std::string const& what) const;
   /// ReadOnlyProvider unless the format writes.
   void requireWritable(p::StorageIRI const& location, char16_t const* op) const;
-  /// The file's data in memory, read from the archive when it is not there yet.
+  /// The file's data as written in the change set, read from the archive when it is not
+  /// there yet.
   std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location, char16_t const* op);
   /// Writes the archive if changes are pending. Under no lock of it.
   void commit(Archive& archive);
@@ -72,6 +73,8 @@ struct ProviderCore {
   std::unique_ptr<ArchiveFormat> const format;
   OuterProviderResolver const resolver;
   std::atomic<std::uint64_t> maxEditSize{256u << 20};
+  /// Where the contents written in every change set wait for their commit.
+  std::shared_ptr<SpillFile> const spill = std::make_shared<SpillFile>();
   ChangeNotifier notifier;
   std::unique_ptr<p::ChangePollingWatcher> poller;
   /// The provider this core serves; archives inside its own archives refer to it without
