@@ -1,6 +1,7 @@
 // The vfs tool end to end: the built binary against temporary trees, its output compared
 // with what the trees hold.
 
+#include "../support/odd_zip.hpp"
 #include "../support/shell.hpp"
 
 #include <gtest/gtest.h>
@@ -231,6 +232,50 @@ TEST_F(VfsTool, FailuresAreOneLineAndTheirStatusTellsTheirClass) {
   fs::create_directories(root_);
   writeFile(root_ / "file", "");
   EXPECT_EQ(vfs("mkdir -p " + quote((root_ / "file" / "below").string())).status, 4);
+}
+
+TEST_F(VfsTool, ChangesToAZipAreCommittedBeforeExitAndACommitThatFailsFailsTheCommand) {
+  fs::create_directories(root_);
+  // Entries the reader skips, an encrypted one and one with a wrong checksum are all kept.
+  testsupport::makeOddZip(root_ / "odd.zip");
+  std::string const odd = "zip:" + iri(root_ / "odd.zip") + "!/";
+  auto const names = [&] { return testsupport::run("zipinfo -1 " + quote((root_ / "odd.zip").string())); };
+  std::string const before = names();
+  EXPECT_EQ(vfs("put " + quote(odd + "new.txt"), "new\n").status, 0);
+  EXPECT_EQ(vfs("mkdir " + quote(odd + "made")).status, 0);
+  EXPECT_EQ(vfs("cp " + quote(odd + "plain.txt") + " " + quote(odd + "made/copy.txt")).status, 0);
+  EXPECT_EQ(vfs("rm " + quote(odd + "gone.txt")).status, 0);
+  std::string expected = before;
+  expected.erase(expected.find("gone.txt\n"), 9);
+  EXPECT_EQ(names(), expected + "new.txt\nmade/\nmade/copy.txt\n");
+
+  // A commit that cannot be made: the command fails with one line, the archive stays.
+  testsupport::makeZipWithALostEntry(root_ / "lost.zip");
+  std::string const lost = "zip:" + iri(root_ / "lost.zip") + "!/";
+  std::string const lostBytes = readFile(root_ / "lost.zip");
+  for (std::string const command : {"put " + quote(lost + "new.txt"), "mkdir " + quote(lost + "made"),
+                                    "rm " + quote(lost + "kept.txt"),
+                                    "cp " + quote(lost + "kept.txt") + " " + quote(lost + "copy.txt")}) {
+    auto const failed = vfs(command, "new\n");
+    EXPECT_EQ(failed.status, 8) << command;
+    EXPECT_EQ(failed.err, "vfs: IOError: " + iri(root_ / "lost.zip") + "\n") << command;
+    EXPECT_EQ(failed.out, "") << "reported once: " << command;
+    EXPECT_EQ(readFile(root_ / "lost.zip"), lostBytes) << command;
+  }
+
+  // A zip inside a tar can never be committed: refused as it is asked for.
+  writeFile(root_ / "inner.txt", "inner\n");
+  testsupport::run("cd " + quote(root_.string()) + " && zip -q in.zip inner.txt && tar -cf a.tar in.zip");
+  std::string const inTar = "zip:tar:" + iri(root_ / "a.tar") + "!/in.zip!/";
+  EXPECT_EQ(vfs("cat " + quote(inTar + "inner.txt")).out, "inner\n");
+  for (std::string const command : {"put " + quote(inTar + "new.txt"), "mkdir " + quote(inTar + "made"),
+                                    "rm " + quote(inTar + "inner.txt"),
+                                    "cp " + quote(inTar + "inner.txt") + " " + quote(inTar + "copy.txt")}) {
+    auto const refused = vfs(command, "new\n");
+    EXPECT_EQ(refused.status, 5) << command;
+    EXPECT_EQ(refused.err.find('\n'), refused.err.size() - 1) << refused.err;
+    EXPECT_EQ(refused.err.rfind("vfs: ReadOnlyProvider: ", 0), 0u) << refused.err;
+  }
 }
 
 TEST_F(VfsTool, HelpForTheToolAndEveryCommand) {

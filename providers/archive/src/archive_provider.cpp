@@ -81,6 +81,12 @@ public:
     archive().dirty = true;
     changes_.push_back({kind, locationOf(path), type, std::move(renamedFrom)});
   }
+  /// Records new attributes of the node at this session's path; a folder only implied by
+  /// entry paths gets an entry of its own to keep them.
+  void attributesChanged(Node& node) {
+    if (node.folder && !path().empty()) node.explicitEntry = true;
+    changed(events::Kind::AttributesChanged, path(), typeOf(node));
+  }
   /// Adds a new child at `path` in its writable parent.
   Node& add(Segments const& path, bool folder) {
     Node& parent = writableParent(path);
@@ -126,11 +132,7 @@ ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core) : core_(std
 
 ArchiveProvider::~ArchiveProvider() {
   core_->poller->stopAll();
-  try {
-    core_->commitAll();
-  } catch (...) {
-    // Logged by commitAll; a destructor cannot report it further.
-  }
+  core_->commitAllLoggingFailures();
   core_->close();
 }
 
@@ -210,7 +212,7 @@ void ArchiveProvider::setLastModified(p::StorageIRI const& location, boost::posi
   Session session(*core_, location, u"setLastModified");
   Node& node = session.existing();
   node.modified = time;
-  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+  session.attributesChanged(node);
 }
 
 void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) {
@@ -219,7 +221,7 @@ void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) 
   Node& node = session.existing();
   if (node.writable == writable) return;
   node.writable = writable;
-  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+  session.attributesChanged(node);
 }
 
 // --- files -------------------------------------------------------------------------------

@@ -102,10 +102,25 @@ void ProviderCore::missing(Place const& place, char16_t const* op, std::string c
   p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op), message);
 }
 
-void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) const {
+void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) {
   if (!format->writable())
     p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
             fl::i18n::to_utf8(scheme) + " archives are read only");
+  // A change to an archive inside a read-only archive could never be committed: it is
+  // refused now rather than lost later.
+  ProviderCore* core = this;
+  p::StorageIRI inner = location;
+  for (;;) {
+    p::StorageItem const& file = core->locate(inner, op).archive->file;
+    auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get());
+    if (!around) return;
+    core = around->core_.get();
+    if (!core->format->writable())
+      p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
+              "the archive lies inside " + file.getLocation().getInnerIRI().toIRI() + ", a read-only " +
+                  fl::i18n::to_utf8(core->scheme) + " archive");
+    inner = file.getLocation();
+  }
 }
 
 std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file, p::StorageIRI const& location,
@@ -184,11 +199,24 @@ void ProviderCore::commitAll() {
     try {
       commit(*archive);
     } catch (std::exception const& failure) {
-      logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
-      if (!first) first = std::current_exception();
+      // The first failure goes to the caller; the others would be lost unless logged.
+      if (!first)
+        first = std::current_exception();
+      else
+        logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
     }
   }
   if (first) std::rethrow_exception(first);
+}
+
+void ProviderCore::commitAllLoggingFailures() noexcept {
+  try {
+    commitAll();
+  } catch (std::exception const& failure) {
+    logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
+  } catch (...) {
+    logger().log(foundation::log::Severity::Error, "commit failed");
+  }
 }
 
 } // namespace foundation::storage::providers::archive::detail

@@ -106,6 +106,7 @@ protected:
   explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
 
 private:
+  friend struct detail::ProviderCore; // asks the archives around its own whether they can be written
   std::shared_ptr<detail::ProviderCore> core_; ///< shared with open write streams
 };
 
