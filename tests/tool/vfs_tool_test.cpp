@@ -8,6 +8,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -305,6 +306,35 @@ TEST_F(VfsTool, AClosedPipeEndsTheOutputQuietly) {
     EXPECT_EQ(WEXITSTATUS(raw), 141) << command;
     EXPECT_EQ(readFile(scratch_ / "err"), "") << command;
   }
+}
+
+TEST_F(VfsTool, PutOfALargeFileIntoAZipKeepsMemoryBounded) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "memory figures under AddressSanitizer say nothing about the tool";
+#endif
+  constexpr std::size_t Mebibyte = 1 << 20, Size = 256 * Mebibyte;
+  fs::create_directories(root_);
+  {
+    std::string chunk; // compresses fast: the test is about memory, not about deflate
+    while (chunk.size() < Mebibyte) chunk += "a line of text that repeats itself over and over\n";
+    chunk.resize(Mebibyte);
+    std::ofstream input(root_ / "large", std::ios::binary);
+    for (std::size_t done = 0; done < Size; done += Mebibyte) input.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+  ASSERT_EQ(vfs("mkdir " + quote("zip:" + iri(root_ / "large.zip") + "!/")).status, 0); // an empty archive
+  std::string const target = "zip:" + iri(root_ / "large.zip") + "!/large.bin";
+  std::string const script = "exec " + quote(Tool) + " put " + quote(target) + " <" + quote((root_ / "large").string());
+  char const* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+  int status = 0;
+  struct rusage usage {};
+  ASSERT_EQ(::wait4(pid, &status, 0, &usage), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_LT(static_cast<std::size_t>(usage.ru_maxrss) * 1024, 64 * Mebibyte) << "peak resident set of vfs put";
+  EXPECT_EQ(testsupport::run("unzip -p " + quote((root_ / "large.zip").string()) + " | cmp - " +
+                             quote((root_ / "large").string()) + " && echo same"),
+            "same\n");
 }
 
 /// Polls `condition` every few milliseconds for at most ten seconds.
