@@ -44,6 +44,7 @@ TEST_F(ArchiveRewrite, EntriesTheChangeSetLeavesAloneAreCopiedByteForByte) {
   auto const rawBefore = rawZipEntries(original);
   auto const infoBefore = zipinfoBlocks(path("odd.zip"));
   ASSERT_EQ(rawBefore.size(), 15u);
+  ASSERT_EQ(infoBefore.size(), 15u);
 
   std::u16string const root = u"zip:" + local("odd.zip") + u"!/";
   testsupport::writeFile(item(root + u"new.txt"), "new\n");
@@ -52,11 +53,12 @@ TEST_F(ArchiveRewrite, EntriesTheChangeSetLeavesAloneAreCopiedByteForByte) {
   item(root + u"renamed.txt").moveFile(item(root + u"made/renamed.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
   auto const retimed = boost::posix_time::ptime(boost::gregorian::date(2001, 2, 3), boost::posix_time::time_duration(4, 5, 6));
   item(root + u"retimed.txt").setLastModified(retimed);
+  item(root + u"plain.txt").setWritable(false);
   commit();
 
   std::string const rewritten = readLocal(path("odd.zip"));
   auto const rawAfter = rawZipEntries(rewritten);
-  std::set<std::string> const changed{"gone.txt", "renamed.txt", "retimed.txt"};
+  std::set<std::string> const changed{"gone.txt", "renamed.txt", "retimed.txt", "plain.txt"};
   expectUntouchedKept(rawBefore, rawAfter, changed);
   expectUntouchedKept(infoBefore, zipinfoBlocks(path("odd.zip")), changed);
   EXPECT_EQ(rewritten.substr(rewritten.size() - 15), "archive comment");
@@ -78,6 +80,13 @@ TEST_F(ArchiveRewrite, EntriesTheChangeSetLeavesAloneAreCopiedByteForByte) {
   std::string const info = run("zipinfo -v " + quoted(path("odd.zip")) + " retimed.txt");
   EXPECT_NE(info.find("2001 Feb 3 04:05:06 UTC"), std::string::npos) << info;
   EXPECT_NE(info.find("0x7875"), std::string::npos) << info;
+
+  // Made read-only: only the permission bits change (0640 to 0440).
+  auto plainBefore = rawBefore.at({"plain.txt", 0}), plainAfter = rawAfter.at({"plain.txt", 0});
+  EXPECT_EQ(plainAfter.local, plainBefore.local);
+  EXPECT_EQ(plainAfter.central.substr(40, 2), std::string("\x20\x81", 2)); // 0100440
+  plainAfter.central.replace(38, 4, plainBefore.central.substr(38, 4));
+  EXPECT_EQ(plainAfter.central, plainBefore.central);
 
   // Read back, the archive shows the entries as before, with the changes.
   system_ = std::make_shared<foundation::storage::systems::StandardStorageSystem>();

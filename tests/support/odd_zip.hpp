@@ -125,7 +125,7 @@ inline std::map<std::pair<std::string, int>, RawZipEntry> rawZipEntries(std::str
 }
 
 /// `zipinfo -v` of a zip, one block per entry keyed as rawZipEntries keys them, without
-/// the lines that name the entry's number and offset.
+/// the lines that name the entry's number, its offset and the bytes before it.
 inline std::map<std::pair<std::string, int>, std::string> zipinfoBlocks(std::filesystem::path const& zip) {
   std::string const text = run("zipinfo -v " + quoted(zip));
   std::map<std::pair<std::string, int>, std::string> blocks;
@@ -140,6 +140,9 @@ inline std::map<std::pair<std::string, int>, std::string> zipinfoBlocks(std::fil
       std::size_t const afterTwoLines = block.find('\n', block.find('\n', offset) + 1);
       block.erase(offset, afterTwoLines - offset);
     }
+    // Bytes between entries (a data descriptor) are the layout's, not the entry's.
+    if (std::size_t const gap = block.find("  There are an extra "); gap != std::string::npos)
+      block.erase(gap, block.find('\n', gap) + 1 - gap);
     // The name stands alone on the block's first non-empty line.
     std::size_t const nameStart = block.find_first_not_of("-\n ");
     std::string const name = block.substr(nameStart, block.find('\n', nameStart) - nameStart);
