@@ -10,7 +10,7 @@ packages=(
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
-  libzip-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
+  libzip-dev zlib1g-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
   libcurl4-openssl-dev libxml2-dev libssl-dev
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd
   libcli11-dev

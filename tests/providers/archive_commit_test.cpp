@@ -2,6 +2,7 @@
 // provider's transaction, and a failed commit leaves the old archive byte for byte.
 // Archives inside archives are written innermost first.
 
+#include "../support/odd_zip.hpp"
 #include "archive_fixture.hpp"
 
 #include <foundation/storage/provider/exceptions.hpp>
@@ -9,8 +10,13 @@
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 #include <foundation/storage/providers/wrappers/fault_injecting_provider.hpp>
 
+#include <vfs/exceptions.hpp>
+#include <vfs/file.hpp>
+#include <vfs/provider_administration.hpp>
+
 using namespace archivetest;
 using testsupport::quoted;
+using testsupport::readLocal;
 using testsupport::readFile;
 using testsupport::run;
 using testsupport::writeFile;
@@ -71,6 +77,51 @@ TEST_F(ArchiveCommits, AFailedCommitLeavesTheOldArchiveByteForByte) {
   auto fresh = std::make_shared<ZipProvider>([memory](p::StorageIRI const&) { return memory; });
   EXPECT_EQ(readFile(p::StorageItem(fresh, p::StorageIRI(u"zip:mem:///t.zip!/new.txt"))), "new");
   EXPECT_EQ(readFile(p::StorageItem(fresh, p::StorageIRI(u"zip:mem:///t.zip!/kept.txt"))), std::string(100000, 'k'));
+}
+
+TEST_F(ArchiveCommits, ACommitThatFailsReachesTheCallerOfFlushFilesystem) {
+  namespace vfs = foundation::storage::vfs;
+  testsupport::makeZipWithALostEntry(path("lost.zip"));
+  std::string const before = readLocal(path("lost.zip"));
+  vfs::StorageSystemReference const system{std::weak_ptr<vfs::StorageSystem>(system_)};
+  vfs::AbsoluteIRI const added(u"zip:" + local("lost.zip") + u"!/new.txt");
+  vfs::File(added, system).createFile();
+  try {
+    vfs::extensions::flushFilesystem(added, system);
+    ADD_FAILURE() << "the commit succeeded";
+  } catch (vfs::Exception const& failure) {
+    EXPECT_EQ(failure.getErrorCode(), vfs::ErrorCode::IOError);
+    EXPECT_EQ(failure.getLocation().toString(), local("lost.zip"));
+    auto const cause = failure.topExceptionContext();
+    ASSERT_TRUE(cause);
+    EXPECT_NE(cause->getMessage().find("broken.txt"), std::string::npos) << cause->getMessage();
+  }
+  EXPECT_EQ(readLocal(path("lost.zip")), before);
+  EXPECT_TRUE(vfs::File(added, system).fileExists()); // still pending
+}
+
+TEST_F(ArchiveCommits, AChangeToAZipInsideATarIsRefusedWhenItIsMade) {
+  testsupport::writeLocal(path("parts/x.txt"), "x");
+  run("cd " + quoted(path("parts")) + " && zip -q inner.zip x.txt && zip -q outer.zip inner.zip && tar -cf " +
+      quoted(path("a.tar")) + " inner.zip outer.zip");
+  std::u16string const inTar = u"zip:tar:" + local("a.tar") + u"!/inner.zip!/";
+  std::u16string const deeper = u"zip:zip:tar:" + local("a.tar") + u"!/outer.zip!/inner.zip!/";
+  for (auto const& root : {inTar, deeper}) {
+    EXPECT_EQ(readFile(item(root + u"x.txt")), "x"); // reading works
+    auto const refused = [&](auto change) {
+      try {
+        change();
+        ADD_FAILURE() << "a change inside " << fl::i18n::to_utf8(root) << " was taken";
+      } catch (p::Exception const& failure) {
+        EXPECT_EQ(failure.getErrorCode(), p::ErrorCode::ReadOnlyProvider) << failure.what();
+      }
+    };
+    refused([&] { writeFile(item(root + u"new.txt"), "new"); });
+    refused([&] { item(root + u"x.txt").removeFile(); });
+    refused([&] { item(root + u"made").createFolder(); });
+    refused([&] { item(root + u"x.txt").setWritable(false); });
+  }
+  EXPECT_NO_THROW(commit());
 }
 
 TEST_F(ArchiveCommits, AZipInsideAZipInsideMemoryIsWrittenAndRead) {

@@ -1,12 +1,14 @@
 // The vfs tool end to end: the built binary against temporary trees, its output compared
 // with what the trees hold.
 
+#include "../support/odd_zip.hpp"
 #include "../support/shell.hpp"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -233,6 +235,50 @@ TEST_F(VfsTool, FailuresAreOneLineAndTheirStatusTellsTheirClass) {
   EXPECT_EQ(vfs("mkdir -p " + quote((root_ / "file" / "below").string())).status, 4);
 }
 
+TEST_F(VfsTool, ChangesToAZipAreCommittedBeforeExitAndACommitThatFailsFailsTheCommand) {
+  fs::create_directories(root_);
+  // Entries the reader skips, an encrypted one and one with a wrong checksum are all kept.
+  testsupport::makeOddZip(root_ / "odd.zip");
+  std::string const odd = "zip:" + iri(root_ / "odd.zip") + "!/";
+  auto const names = [&] { return testsupport::run("zipinfo -1 " + quote((root_ / "odd.zip").string())); };
+  std::string const before = names();
+  EXPECT_EQ(vfs("put " + quote(odd + "new.txt"), "new\n").status, 0);
+  EXPECT_EQ(vfs("mkdir " + quote(odd + "made")).status, 0);
+  EXPECT_EQ(vfs("cp " + quote(odd + "plain.txt") + " " + quote(odd + "made/copy.txt")).status, 0);
+  EXPECT_EQ(vfs("rm " + quote(odd + "gone.txt")).status, 0);
+  std::string expected = before;
+  expected.erase(expected.find("gone.txt\n"), 9);
+  EXPECT_EQ(names(), expected + "new.txt\nmade/\nmade/copy.txt\n");
+
+  // A commit that cannot be made: the command fails with one line, the archive stays.
+  testsupport::makeZipWithALostEntry(root_ / "lost.zip");
+  std::string const lost = "zip:" + iri(root_ / "lost.zip") + "!/";
+  std::string const lostBytes = readFile(root_ / "lost.zip");
+  for (std::string const command : {"put " + quote(lost + "new.txt"), "mkdir " + quote(lost + "made"),
+                                    "rm " + quote(lost + "kept.txt"),
+                                    "cp " + quote(lost + "kept.txt") + " " + quote(lost + "copy.txt")}) {
+    auto const failed = vfs(command, "new\n");
+    EXPECT_EQ(failed.status, 8) << command;
+    EXPECT_EQ(failed.err, "vfs: IOError: " + iri(root_ / "lost.zip") + "\n") << command;
+    EXPECT_EQ(failed.out, "") << "reported once: " << command;
+    EXPECT_EQ(readFile(root_ / "lost.zip"), lostBytes) << command;
+  }
+
+  // A zip inside a tar can never be committed: refused as it is asked for.
+  writeFile(root_ / "inner.txt", "inner\n");
+  testsupport::run("cd " + quote(root_.string()) + " && zip -q in.zip inner.txt && tar -cf a.tar in.zip");
+  std::string const inTar = "zip:tar:" + iri(root_ / "a.tar") + "!/in.zip!/";
+  EXPECT_EQ(vfs("cat " + quote(inTar + "inner.txt")).out, "inner\n");
+  for (std::string const command : {"put " + quote(inTar + "new.txt"), "mkdir " + quote(inTar + "made"),
+                                    "rm " + quote(inTar + "inner.txt"),
+                                    "cp " + quote(inTar + "inner.txt") + " " + quote(inTar + "copy.txt")}) {
+    auto const refused = vfs(command, "new\n");
+    EXPECT_EQ(refused.status, 5) << command;
+    EXPECT_EQ(refused.err.find('\n'), refused.err.size() - 1) << refused.err;
+    EXPECT_EQ(refused.err.rfind("vfs: ReadOnlyProvider: ", 0), 0u) << refused.err;
+  }
+}
+
 TEST_F(VfsTool, HelpForTheToolAndEveryCommand) {
   auto const help = vfs("--help");
   EXPECT_EQ(help.status, 0);
@@ -260,6 +306,35 @@ TEST_F(VfsTool, AClosedPipeEndsTheOutputQuietly) {
     EXPECT_EQ(WEXITSTATUS(raw), 141) << command;
     EXPECT_EQ(readFile(scratch_ / "err"), "") << command;
   }
+}
+
+TEST_F(VfsTool, PutOfALargeFileIntoAZipKeepsMemoryBounded) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "memory figures under AddressSanitizer say nothing about the tool";
+#endif
+  constexpr std::size_t Mebibyte = 1 << 20, Size = 256 * Mebibyte;
+  fs::create_directories(root_);
+  {
+    std::string chunk; // compresses fast: the test is about memory, not about deflate
+    while (chunk.size() < Mebibyte) chunk += "a line of text that repeats itself over and over\n";
+    chunk.resize(Mebibyte);
+    std::ofstream input(root_ / "large", std::ios::binary);
+    for (std::size_t done = 0; done < Size; done += Mebibyte) input.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+  ASSERT_EQ(vfs("mkdir " + quote("zip:" + iri(root_ / "large.zip") + "!/")).status, 0); // an empty archive
+  std::string const target = "zip:" + iri(root_ / "large.zip") + "!/large.bin";
+  std::string const script = "exec " + quote(Tool) + " put " + quote(target) + " <" + quote((root_ / "large").string());
+  char const* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+  int status = 0;
+  struct rusage usage {};
+  ASSERT_EQ(::wait4(pid, &status, 0, &usage), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_LT(static_cast<std::size_t>(usage.ru_maxrss) * 1024, 64 * Mebibyte) << "peak resident set of vfs put";
+  EXPECT_EQ(testsupport::run("unzip -p " + quote((root_ / "large.zip").string()) + " | cmp - " +
+                             quote((root_ / "large").string()) + " && echo same"),
+            "same\n");
 }
 
 /// Polls `condition` every few milliseconds for at most ten seconds.

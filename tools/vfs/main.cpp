@@ -24,13 +24,23 @@ int main(int argc, char** argv) {
   vfs_tool::addWatchCommand(app, tool);
   vfs_tool::addMountCommands(app, tool);
 
+  int status = vfs_tool::Success;
   try {
     app.parse(argc, argv);
+    status = tool.status;
   } catch (CLI::ParseError const& e) {
-    int const status = app.exit(e);
-    return status == 0 ? 0 : vfs_tool::UsageError;
+    int const parsed = app.exit(e);
+    return parsed == 0 ? 0 : vfs_tool::UsageError;
   } catch (...) {
-    return vfs_tool::reportCurrentFailure();
+    status = vfs_tool::reportCurrentFailure();
   }
-  return tool.status;
+  // Changes a provider holds back (an archive's change set) are committed here, where a
+  // failure still shows in the exit status, rather than when the providers go.
+  try {
+    tool.session.commitChanges();
+  } catch (...) {
+    int const failed = vfs_tool::reportCurrentFailure();
+    if (status == vfs_tool::Success) status = failed;
+  }
+  return status;
 }

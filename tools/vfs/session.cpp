@@ -1,5 +1,7 @@
 #include "session.hpp"
 
+#include <vfs/provider_administration.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
 #include <filesystem>
@@ -48,6 +50,31 @@ vfs::StorageSystemReference Session::system() {
 
 vfs::FileOrFolder Session::existing(Location const& location) {
   return vfs::makeFileOrFolder(location.iri, system());
+}
+
+void Session::changes(vfs::AbsoluteIRI const& location) { changed_.push_back(location); }
+
+void Session::commitChanges() {
+  // Only locations inside another file (archives) hold changes back; flushing a plain
+  // location would only sync its whole file system.
+  std::vector<vfs::AbsoluteIRI> changed;
+  for (auto& location : changed_)
+    if (location.hasInnerIRI()) changed.push_back(std::move(location));
+  changed_.clear();
+  try {
+    for (auto const& location : changed) vfs::extensions::flushFilesystem(location, system());
+  } catch (...) {
+    // Reported once, by the caller: what could not be committed is dropped rather than
+    // tried again, and logged, as the providers go.
+    for (auto const& location : changed) {
+      try {
+        vfs::invalidateFolder(vfs::Folder(location, system()));
+      } catch (...) {
+        // nothing more to drop there
+      }
+    }
+    throw;
+  }
 }
 
 } // namespace vfs_tool

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace vfs_tool {
 
@@ -36,9 +37,16 @@ public:
   std::shared_ptr<foundation::storage::systems::StandardStorageSystem> const& storage();
   /// A File where a file is, a Folder where anything else is; ResourceNotFound otherwise.
   vfs::FileOrFolder existing(Location const& location);
+  /// Notes that a command changes something at `location`.
+  void changes(vfs::AbsoluteIRI const& location);
+  /// Commits what the providers of the changed locations hold back (an archive's change
+  /// set waits for a commit), so that a failure still reaches the user. Throws the first
+  /// failure.
+  void commitChanges();
 
 private:
   std::shared_ptr<foundation::storage::systems::StandardStorageSystem> storage_;
+  std::vector<vfs::AbsoluteIRI> changed_;
 };
 
 } // namespace vfs_tool

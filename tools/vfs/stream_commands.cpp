@@ -52,6 +52,7 @@ std::streamsize readInput(char* data, std::size_t size, Location const& location
 
 int put(Tool& tool, std::string const& text) {
   Location const location = tool.session.resolve(text);
+  tool.session.changes(location.iri);
   try {
     // Nothing reaches the file until the commit: a failure or an interruption on the way
     // leaves it as it was.

@@ -40,6 +40,8 @@ int copy(Tool& tool, TransferOptions const& o, bool move) {
     throw ToolFailure{"InvalidLocation", from.iriText() + " is a folder (copy it with -r)", BadLocation};
   }
   auto const target = sameKind(source, targetOf(tool, source, to), tool.session.system());
+  tool.session.changes(vfs::getLocation(target));
+  if (move) tool.session.changes(from.iri);
   Progress progress(move ? "moving" : "copying");
   if (move) {
     vfs::move(source, target, o.policy);
@@ -51,6 +53,7 @@ int copy(Tool& tool, TransferOptions const& o, bool move) {
 
 int remove(Tool& tool, std::string const& text, bool recursive) {
   auto const item = tool.session.existing(tool.session.resolve(text));
+  tool.session.changes(vfs::getLocation(item));
   Progress progress("removing");
   vfs::remove(item, recursive ? vfs::FolderRemovalPolicy::Recursive : vfs::FolderRemovalPolicy::NonRecursive);
   return Success;
@@ -58,6 +61,7 @@ int remove(Tool& tool, std::string const& text, bool recursive) {
 
 int makeFolder(Tool& tool, std::string const& text, bool parents) {
   vfs::Folder const folder(tool.session.resolve(text).iri, tool.session.system());
+  tool.session.changes(folder.getLocation());
   if (parents) {
     if (!folder.folderExists()) folder.createFolderRecursive();
   } else {

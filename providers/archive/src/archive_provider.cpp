@@ -81,6 +81,12 @@ public:
     archive().dirty = true;
     changes_.push_back({kind, locationOf(path), type, std::move(renamedFrom)});
   }
+  /// Records new attributes of the node at this session's path; a folder only implied by
+  /// entry paths gets an entry of its own to keep them.
+  void attributesChanged(Node& node) {
+    if (node.folder && !path().empty()) node.explicitEntry = true;
+    changed(events::Kind::AttributesChanged, path(), typeOf(node));
+  }
   /// Adds a new child at `path` in its writable parent.
   Node& add(Segments const& path, bool folder) {
     Node& parent = writableParent(path);
@@ -90,7 +96,7 @@ public:
     slot->folder = folder;
     slot->explicitEntry = true;
     slot->modified = parent.modified = now();
-    if (!folder) slot->content = std::make_shared<Content>();
+    if (!folder) slot->content = std::make_shared<Content>(core_.spill);
     changed(events::Kind::Created, path, folder ? events::EntryType::Folder : events::EntryType::File);
     return *slot;
   }
@@ -126,11 +132,7 @@ ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core) : core_(std
 
 ArchiveProvider::~ArchiveProvider() {
   core_->poller->stopAll();
-  try {
-    core_->commitAll();
-  } catch (...) {
-    // Logged by commitAll; a destructor cannot report it further.
-  }
+  core_->commitAllLoggingFailures();
   core_->close();
 }
 
@@ -210,7 +212,7 @@ void ArchiveProvider::setLastModified(p::StorageIRI const& location, boost::posi
   Session session(*core_, location, u"setLastModified");
   Node& node = session.existing();
   node.modified = time;
-  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+  session.attributesChanged(node);
 }
 
 void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) {
@@ -219,7 +221,7 @@ void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) 
   Node& node = session.existing();
   if (node.writable == writable) return;
   node.writable = writable;
-  session.changed(events::Kind::AttributesChanged, session.path(), typeOf(node));
+  session.attributesChanged(node);
 }
 
 // --- files -------------------------------------------------------------------------------
@@ -268,7 +270,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
       session.fail(ErrorCode::PermissionDenied, "the file is read-only");
     }
     if (options.truncate == p::ByteStreamTruncate::Truncate) {
-      node->content = std::make_shared<Content>();
+      node->content = std::make_shared<Content>(core_->spill);
       node->entry.reset();
     }
     content = core_->materialize(session.archive(), *node, file, u"openStream");
@@ -307,7 +309,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
   if (!p::isValid(options))
     p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openTransactionalStream"), "unknown open options");
   core_->requireWritable(file, u"openTransactionalStream");
-  Content initial;
+  auto initial = std::make_shared<Content>(core_->spill);
   {
     Session session(*core_, file, u"openTransactionalStream");
     Node* node = session.node();
@@ -316,12 +318,12 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && !node->writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
     if (node && options.truncate == p::ByteStreamTruncate::Keep) {
       if (node->content) {
-        initial = *node->content;
+        initial = node->content->copy();
       } else {
         // A copy of the entry's data, leaving the tree as it is.
         Node scratch;
         scratch.entry = node->entry;
-        initial = *core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
+        initial = core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
       }
     }
   }
@@ -335,7 +337,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && !replace) session.fail(ErrorCode::ResourceAlreadyExists, "the file exists");
     if (!node) node = &session.add(session.path(), false);
     else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
-    node->content = std::make_shared<Content>(std::move(*content));
+    node->content = std::move(content);
     node->entry.reset();
     node->modified = now();
   };

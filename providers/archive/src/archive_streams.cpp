@@ -13,17 +13,9 @@ namespace {
 using p::ErrorCode;
 
 std::streamsize copyOut(Content const& content, std::uint64_t& position, char* s, std::streamsize n) {
-  if (position >= content.size()) return 0;
-  auto count = static_cast<std::size_t>(std::min<std::uint64_t>(content.size() - position, static_cast<std::uint64_t>(n)));
-  std::memcpy(s, content.data() + position, count);
+  std::size_t const count = content.read(position, s, static_cast<std::size_t>(n));
   position += count;
   return static_cast<std::streamsize>(count);
-}
-
-void copyIn(Content& content, std::uint64_t at, char const* s, std::streamsize n) {
-  auto const end = at + static_cast<std::uint64_t>(n);
-  if (end > content.size()) content.resize(end);
-  std::memcpy(content.data() + at, s, static_cast<std::size_t>(n));
 }
 
 void checkRead(StreamMode const& mode) {
@@ -56,7 +48,7 @@ std::streamsize ContentStream::doWrite(char const* s, std::streamsize n) {
   checkWrite(mode_);
   std::lock_guard lock(*lock_);
   std::uint64_t const at = mode_.append ? content_->size() : position_;
-  copyIn(*content_, at, s, n);
+  content_->write(at, s, static_cast<std::size_t>(n));
   position_ = at + static_cast<std::uint64_t>(n);
   wrote_ = true;
   return n;
@@ -75,8 +67,8 @@ void ContentStream::doClose() {
 
 // --- TransactionalContentStream ---------------------------------------------------------
 
-TransactionalContentStream::TransactionalContentStream(Content initial, StreamMode mode, Commit commit)
-    : content_(std::make_shared<Content>(std::move(initial))), mode_(mode), commit_(std::move(commit)) {}
+TransactionalContentStream::TransactionalContentStream(std::shared_ptr<Content> initial, StreamMode mode, Commit commit)
+    : content_(std::move(initial)), mode_(mode), commit_(std::move(commit)) {}
 
 std::streamsize TransactionalContentStream::doRead(char* s, std::streamsize n) {
   checkRead(mode_);
@@ -86,7 +78,7 @@ std::streamsize TransactionalContentStream::doRead(char* s, std::streamsize n) {
 std::streamsize TransactionalContentStream::doWrite(char const* s, std::streamsize n) {
   checkWrite(mode_);
   std::uint64_t const at = mode_.append ? content_->size() : position_;
-  copyIn(*content_, at, s, n);
+  content_->write(at, s, static_cast<std::size_t>(n));
   position_ = at + static_cast<std::uint64_t>(n);
   return n;
 }

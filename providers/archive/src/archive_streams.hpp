@@ -43,12 +43,12 @@ private:
   bool wrote_ = false;
 };
 
-/// A stream over a private copy whose contents `commit` receives on a committing close, with
+/// A stream over a private content whose bytes `commit` receives on a committing close, with
 /// whether an existing file may be replaced.
 class TransactionalContentStream final : public p::TransactionalStream {
 public:
   using Commit = std::function<void(std::shared_ptr<Content>, bool replace)>;
-  TransactionalContentStream(Content initial, StreamMode mode, Commit commit);
+  TransactionalContentStream(std::shared_ptr<Content> initial, StreamMode mode, Commit commit);
 
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override;

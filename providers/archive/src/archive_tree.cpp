@@ -97,6 +97,8 @@ void Tree::add(RawEntry const& entry) {
   slot->modified = entry.modified;
   slot->mode = entry.mode;
   slot->explicitEntry = true;
+  slot->index = entry.ref.index;
+  placed_.push_back(entry.ref.index);
   if (!entry.folder) slot->entry = entry.ref;
 }
 

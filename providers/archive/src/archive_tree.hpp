@@ -2,6 +2,8 @@
 
 // The folder tree of one archive: entries as they were read, and the changes made since.
 
+#include "spilled_content.hpp"
+
 #include <foundation/storage/provider/folder_entry.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -37,8 +39,6 @@ struct RawEntry {
   std::uint32_t mode = 0; ///< POSIX permission bits; 0 when the archive has none
 };
 
-/// Bytes of a file written in this change set.
-using Content = std::string;
 
 struct Node {
   std::u16string name;
@@ -49,6 +49,8 @@ struct Node {
   std::map<std::u16string, std::unique_ptr<Node>> children;
   /// The file's data in the archive as read, unless `content` replaced it.
   std::optional<EntryRef> entry;
+  /// The archive's entry this node was read from (files and folders with an entry).
+  std::optional<std::uint64_t> index;
   std::shared_ptr<Content> content;
   std::uint32_t mode = 0;
   /// A folder with an entry of its own (or made here), not only implied by entry paths.
@@ -83,6 +85,8 @@ public:
   /// The folder that holds `path`, when it exists and is a folder.
   Node* findParent(Segments const& path) const;
   std::vector<SkippedEntry> const& skipped() const { return skipped_; }
+  /// The entries read into nodes (`Node::index`), in archive order; the others were skipped.
+  std::vector<std::uint64_t> const& placed() const { return placed_; }
   /// Why the entry at `path` was skipped, when it was.
   std::optional<std::string> whySkipped(Segments const& path) const;
   /// The number of files and folders below the root.
@@ -93,6 +97,7 @@ private:
 
   std::unique_ptr<Node> root_;
   std::vector<SkippedEntry> skipped_;
+  std::vector<std::uint64_t> placed_;
 };
 
 /// Why a new entry cannot be named `path`: a name that reading the archive back would

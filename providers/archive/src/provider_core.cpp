@@ -102,10 +102,25 @@ void ProviderCore::missing(Place const& place, char16_t const* op, std::string c
   p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op), message);
 }
 
-void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) const {
+void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) {
   if (!format->writable())
     p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
             fl::i18n::to_utf8(scheme) + " archives are read only");
+  // A change to an archive inside a read-only archive could never be committed: it is
+  // refused now rather than lost later.
+  ProviderCore* core = this;
+  p::StorageIRI inner = location;
+  for (;;) {
+    p::StorageItem const& file = core->locate(inner, op).archive->file;
+    auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get());
+    if (!around) return;
+    core = around->core_.get();
+    if (!core->format->writable())
+      p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
+              "the archive lies inside " + file.getLocation().getInnerIRI().toIRI() + ", a read-only " +
+                  fl::i18n::to_utf8(core->scheme) + " archive");
+    inner = file.getLocation();
+  }
 }
 
 std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file, p::StorageIRI const& location,
@@ -113,18 +128,16 @@ std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file,
   if (file.content) return file.content;
   if (file.size() > maxEditSize)
     p::fail(p::ErrorCode::FileTooLarge, location, key(op), "the entry is larger than the edit limit (maxEditSize)");
-  auto content = std::make_shared<Content>();
+  auto content = std::make_shared<Content>(spill);
   try {
     auto stream = archive.reader->openEntry(*file.entry);
-    content->resize(file.size());
-    std::size_t done = 0;
-    while (done < content->size()) {
-      auto const got = stream->read(content->data() + done, static_cast<std::streamsize>(content->size() - done));
-      if (got <= 0) break;
-      done += static_cast<std::size_t>(got);
+    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(file.size() + 1, SpillFile::SlotSize)));
+    std::uint64_t done = 0;
+    for (std::streamsize got; (got = stream->read(buffer.data(), static_cast<std::streamsize>(buffer.size()))) > 0;) {
+      content->write(done, buffer.data(), static_cast<std::size_t>(got));
+      done += static_cast<std::uint64_t>(got);
     }
-    char extra;
-    if (done != content->size() || stream->read(&extra, 1) != 0)
+    if (done != file.size())
       p::fail(p::ErrorCode::IOError, location, key(op), "the entry's data does not match its declared size");
   } catch (p::ByteStreamFailure const& failure) {
     p::fail(failure.getErrorCode(), location, key(op), failure.what());
@@ -186,11 +199,24 @@ void ProviderCore::commitAll() {
     try {
       commit(*archive);
     } catch (std::exception const& failure) {
-      logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
-      if (!first) first = std::current_exception();
+      // The first failure goes to the caller; the others would be lost unless logged.
+      if (!first)
+        first = std::current_exception();
+      else
+        logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
     }
   }
   if (first) std::rethrow_exception(first);
+}
+
+void ProviderCore::commitAllLoggingFailures() noexcept {
+  try {
+    commitAll();
+  } catch (std::exception const& failure) {
+    logger().log(foundation::log::Severity::Error, std::string("commit failed: ") + failure.what());
+  } catch (...) {
+    logger().log(foundation::log::Severity::Error, "commit failed");
+  }
 }
 
 } // namespace foundation::storage::providers::archive::detail

@@ -55,15 +55,19 @@ struct ProviderCore {
   static Node* find(Archive const& archive, Segments const& path);
   /// ResourceNotFound for `place`, naming why the entry there was skipped if it was.
   [[noreturn]] void missing(Place const& place, char16_t const* op, std::string const& what) const;
-  /// ReadOnlyProvider unless the format writes.
-  void requireWritable(p::StorageIRI const& location, char16_t const* op) const;
-  /// The file's data in memory, read from the archive when it is not there yet.
+  /// ReadOnlyProvider unless the format writes and every archive around this one can be
+  /// written too.
+  void requireWritable(p::StorageIRI const& location, char16_t const* op);
+  /// The file's data as written in the change set, read from the archive when it is not
+  /// there yet.
   std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location, char16_t const* op);
   /// Writes the archive if changes are pending. Under no lock of it.
   void commit(Archive& archive);
   /// Commits every archive with pending changes, innermost first; the first failure is
-  /// thrown after the others were tried.
+  /// thrown after the others were tried, and those others are logged.
   void commitAll();
+  /// commitAll for those who cannot report a failure (a destructor): it is logged.
+  void commitAllLoggingFailures() noexcept;
   std::u16string key(char16_t const* op) const { return scheme + u"." + op; }
   /// Forgets every archive once the provider is gone; streams still open then fail.
   void close();
@@ -72,6 +76,8 @@ struct ProviderCore {
   std::unique_ptr<ArchiveFormat> const format;
   OuterProviderResolver const resolver;
   std::atomic<std::uint64_t> maxEditSize{256u << 20};
+  /// Where the contents written in every change set wait for their commit.
+  std::shared_ptr<SpillFile> const spill = std::make_shared<SpillFile>();
   ChangeNotifier notifier;
   std::unique_ptr<p::ChangePollingWatcher> poller;
   /// The provider this core serves; archives inside its own archives refer to it without

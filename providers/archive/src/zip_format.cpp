@@ -146,6 +146,19 @@ std::unique_ptr<p::ByteStream> ZipReader::openEntry(EntryRef const& ref) {
                                        ref.size);
 }
 
+RawEntry ZipReader::entry(std::uint64_t index) { return entryAt(archive, index); }
+
+void ZipReader::readBytes(std::uint64_t offset, char* data, std::size_t n) {
+  if (offset > size_ || n > size_ - offset)
+    p::raise(p::ByteStreamReadFailure("the archive ends before the data its directory names", p::ErrorCode::IOError));
+  stream_->seek(static_cast<std::streamoff>(offset), std::ios_base::beg);
+  for (std::size_t done = 0; done < n;) {
+    auto const got = stream_->read(data + done, static_cast<std::streamsize>(n - done));
+    if (got <= 0) p::raise(p::ByteStreamReadFailure("the archive file ended early", p::ErrorCode::IOError));
+    done += static_cast<std::size_t>(got);
+  }
+}
+
 zip_int64_t ZipReader::callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
   auto& self = *static_cast<ZipReader*>(state);
   try {

@@ -41,6 +41,12 @@ public:
   ~ZipReader() override;
 
   std::unique_ptr<p::ByteStream> openEntry(EntryRef const& ref) override;
+  /// The entry at `index` as reading shows it. Under `mutex`.
+  RawEntry entry(std::uint64_t index);
+  /// The archive file's size.
+  std::uint64_t fileSize() const { return size_; }
+  /// Exactly `n` bytes of the archive file from `offset`, as they are. Under `mutex`.
+  void readBytes(std::uint64_t offset, char* data, std::size_t n);
 
   std::mutex mutex;
   zip_t* archive = nullptr; ///< null for an empty file

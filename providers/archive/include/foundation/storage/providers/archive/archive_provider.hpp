@@ -30,12 +30,19 @@ struct ProviderCore;
 /// link text in zip, nothing in tar); they are never followed. Reading streams; an entry holding more or less data than it declares fails
 /// the read.
 ///
-/// Writable formats keep a change set per archive in memory (new contents included) until
-/// it is committed: by `flushFilesystem()` (every archive, innermost first),
-/// `flushFilesystem(location)` (that archive and the archives around it),
-/// `shutdownProvider`, and when the provider is destroyed (failures there are logged). A
-/// commit writes a whole new archive through the outer provider's transactional stream,
-/// so the outer file changes all at once or not at all. A commit never overwrites another
+/// Writable formats keep a change set per archive until it is committed; new contents wait
+/// in an unnamed temporary file (in $TMPDIR), so memory does not grow with what is written.
+/// A commit happens only on `flushFilesystem()` (every archive, innermost first; the first
+/// failure is thrown), `flushFilesystem(location)` (that archive and the archives around
+/// it), `shutdownProvider`, and when the provider is destroyed, where a failure can only be
+/// logged: call `flushFilesystem` to learn whether changes reached the archive. A commit
+/// writes a whole new archive through the outer provider's transactional stream, so the
+/// outer file changes all at once or not at all. Entries the change set leaves alone, those
+/// reading skips included, are copied as they lie (headers, extra fields, comments,
+/// attributes, data), as is the archive's comment; a renamed or retimed entry keeps its data
+/// and extra fields. An entry the directory names but whose header is not where it says
+/// fails the commit (IOError). A change inside an archive that lies in a read-only archive
+/// (a zip in a tar) is ReadOnlyProvider when it is made. A commit never overwrites another
 /// writer's file: it fails with ResourceInUse when the archive file changed (or appeared)
 /// since it was read, or with ResourceAlreadyExists when a file lands where a new archive
 /// goes while it is written (the changes stay pending). New names that reading the archive back would skip, or longer
@@ -106,6 +113,7 @@ protected:
   explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
 
 private:
+  friend struct detail::ProviderCore; // asks the archives around its own whether they can be written
   std::shared_ptr<detail::ProviderCore> core_; ///< shared with open write streams
 };
 
