@@ -57,7 +57,10 @@ struct ProviderCore {
   [[noreturn]] void missing(Place const& place, char16_t const* op, std::string const& what) const;
   /// ReadOnlyProvider unless the format writes.
   void requireWritable(p::StorageIRI const& location, char16_t const* op) const;
-  /// The file's data in memory, read from the archive when it is not there yet.
+  /// Why a symbolic link entry cannot be read or edited: it is never followed.
+  static std::string linkHasNoData(Node const& link);
+  /// The file's data in memory, read from the archive when it is not there yet. A
+  /// symbolic link has none (InvalidLocation).
   std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location, char16_t const* op);
   /// Writes the archive if changes are pending. Under no lock of it.
   void commit(Archive& archive);
