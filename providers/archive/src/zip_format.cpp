@@ -92,12 +92,13 @@ std::string linkTargetAt(zip_t* archive, zip_uint64_t index, zip_uint64_t size, 
 RawEntry entryAt(zip_t* archive, zip_uint64_t index) {
   RawEntry entry;
   zip_stat_t st;
-  if (zip_stat_index(archive, index, 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) {
+  // Names as unzip and bsdtar show them: UTF-8 when the entry is flagged so or carries a
+  // Unicode path field, or when its bytes are valid UTF-8 (what Unix tools write unflagged);
+  // otherwise code page 437, the format's own, which decodes every byte.
+  if (zip_stat_index(archive, index, ZIP_FL_ENC_GUESS, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) {
     entry.problem = std::string("the entry cannot be read: ") + zip_strerror(archive);
     return entry;
   }
-  // libzip decodes names as the entry declares: UTF-8 when flagged so (or when it is valid
-  // UTF-8 and unflagged, as many tools write it), else code page 437, as unzip and bsdtar do.
   entry.name = st.name;
   entry.folder = !entry.name.empty() && entry.name.back() == '/';
   entry.modified = boost::posix_time::from_time_t(st.mtime);
