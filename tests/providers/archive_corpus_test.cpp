@@ -180,7 +180,11 @@ TEST_F(ArchiveCorpus, ReadsAsBsdtarListsAndExtractsExceptWhereWeDifferOnPurpose)
       table << "  " << name << ": clean error where the reference also fails\n";
       continue;
     }
-    ASSERT_FALSE(ourFailure);
+    if (ourFailure) {
+      ADD_FAILURE() << "bsdtar reads it, we cannot";
+      table << "  " << name << ": DIFFERS: cannot be read here\n";
+      continue;
+    }
 
     std::vector<std::string> found = differences(reference, ours);
     auto const extracted = path("extracted") / name;
