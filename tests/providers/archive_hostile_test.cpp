@@ -162,6 +162,20 @@ TEST_F(HostileArchives, TruncatedArchivesGiveClearErrors) {
   }
 }
 
+TEST_F(HostileArchives, ADamagedHeaderIsPassedOverWithANoteAndWhatCameBeforeStaysReadable) {
+  for (auto const* name : {"one.txt", "two.txt", "three.txt"}) writeLocal(path("src") / name, name);
+  run("cd " + quoted(path("src")) + " && tar -cf ../d.tar one.txt two.txt three.txt");
+  std::string bytes = readLocal(path("d.tar"));
+  bytes.replace(bytes.find("three.txt") + 148, 8, std::string("9999999\0", 8)); // the header's checksum
+  writeLocal(path("d.tar"), bytes);
+  std::u16string const root = u"tar:" + local("d.tar") + u"!/";
+  EXPECT_EQ(tree(item(root)), (Strings{"one.txt", "two.txt"}));
+  EXPECT_EQ(readFile(item(root + u"two.txt")), "two.txt");
+  auto const skipped = item(root).getExtendedAttributes().get_child("tar.skipped");
+  ASSERT_EQ(skipped.size(), 1u);
+  EXPECT_NE(skipped.front().second.get<std::string>("reason").find("Damaged tar archive"), std::string::npos);
+}
+
 TEST_F(HostileArchives, DeepChainsOfFoldersAreWrittenReadAndDroppedWithoutDeepRecursion) {
   std::u16string deep = u"zip:mem:///deep.zip!/";
   for (int level = 0; level < 1000; ++level) deep += u"d/";

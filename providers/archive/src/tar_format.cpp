@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <utility>
 #include <sys/stat.h>
 
 namespace foundation::storage::providers::archive::detail {
@@ -45,7 +46,8 @@ public:
   ::archive* get() const { return archive_.get(); }
 
   /// The next header; null at the end of the archive. libarchive's recoverable statuses
-  /// (a warning, "retry") are not failures; a header it cannot use at all is.
+  /// are not failures: a warning, and "retry", where it passed over a damaged header (see
+  /// takeDamage). A header it cannot get past is.
   archive_entry* next() {
     // A bound on retries, so that an archive that asks again and again cannot loop forever.
     constexpr int mostRetries = 1000;
@@ -55,8 +57,12 @@ public:
       if (status == ARCHIVE_EOF) return nullptr;
       if (status == ARCHIVE_OK || status == ARCHIVE_WARN) return entry;
       if (status != ARCHIVE_RETRY || attempt == mostRetries) raise("the archive is damaged or truncated");
+      damage_ = problem();
     }
   }
+
+  /// What damage the last call of next() passed over; empty when none.
+  std::string takeDamage() { return std::exchange(damage_, std::string()); }
 
   /// Whether a failure came from reading the archive file rather than from its contents.
   bool streamFailed() const { return failure_ != nullptr; }
@@ -110,6 +116,7 @@ private:
   std::vector<char> buffer_;
   std::unique_ptr<::archive, int (*)(::archive*)> archive_{nullptr, &archive_read_free};
   std::exception_ptr failure_;
+  std::string damage_;
 };
 
 /// An entry of an uncompressed archive: its bytes, read in place.
@@ -332,6 +339,13 @@ public:
         entries.push_back(std::move(damage));
         dropped.push_back(false);
         break;
+      }
+      if (auto damage = input.takeDamage(); !damage.empty()) {
+        RawEntry skipped;
+        skipped.name = "(a damaged header after entry " + std::to_string(index) + ")";
+        skipped.problem = "passed over, as bsdtar does; what it held cannot be read: " + damage;
+        entries.push_back(std::move(skipped));
+        dropped.push_back(false);
       }
       if (!header) break;
       RawEntry entry = entryOf(input, header, index, linkable);
