@@ -1,4 +1,6 @@
+#include "../support/archive_tools.hpp"
 #include "../support/item_io.hpp"
+#include "../support/temporary_folder.hpp"
 
 #include <foundation/storage/providers/archive/archive_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
@@ -11,6 +13,7 @@
 #include <thread>
 
 namespace p = foundation::storage::provider;
+using foundation::storage::providers::archive::TarProvider;
 using foundation::storage::providers::archive::ZipProvider;
 using foundation::storage::providers::memory::MemoryProvider;
 using testsupport::readFile;
@@ -66,4 +69,30 @@ TEST(ArchiveConcurrency, WritersReadersAndCommitsInterleaveWithoutLosingWrites) 
   for (int w = 0; w < writers; ++w)
     for (int f = 0; f < files; ++f)
       EXPECT_EQ(readFile(p::StorageItem(fresh, p::StorageIRI(root.getLocation(), name(w, f)))), content(w, f));
+}
+
+// Readers of one compressed tar at once, front to back and back to front: each gets every
+// entry whole, whichever of them finds the decompressor another one left behind.
+TEST(ArchiveConcurrency, ReadersOfACompressedTarShareItsDecompressorsSafely) {
+  testsupport::TemporaryFolder folder("vfs-tar-readers");
+  constexpr int files = 30;
+  for (int f = 0; f < files; ++f)
+    testsupport::writeLocal(folder.path() / "src" / (std::to_string(f) + ".txt"), std::string(3000 + f, 'a' + f % 26));
+  testsupport::run("cd " + testsupport::quoted(folder.path() / "src") + " && tar -czf ../t.tgz *.txt");
+  auto memory = std::make_shared<MemoryProvider>();
+  writeFile(p::StorageItem(memory, p::StorageIRI(u"mem:///t.tgz")), testsupport::readLocal(folder.path() / "t.tgz"));
+  auto tar = std::make_shared<TarProvider>([memory](p::StorageIRI const&) { return memory; });
+
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int reader = 0; reader < 4; ++reader)
+    threads.emplace_back([&, reader] {
+      for (int step = 0; step < files; ++step) {
+        int const f = reader % 2 ? files - 1 - step : step;
+        auto const location = p::StorageIRI(u"tar:mem:///t.tgz!/" + fl::i18n::to_ustring(std::to_string(f) + ".txt"));
+        if (readFile(p::StorageItem(tar, location)) != std::string(3000 + f, 'a' + f % 26)) ++wrong;
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
 }

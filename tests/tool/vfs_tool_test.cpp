@@ -279,6 +279,40 @@ TEST_F(VfsTool, ChangesToAZipAreCommittedBeforeExitAndACommitThatFailsFailsTheCo
   }
 }
 
+TEST_F(VfsTool, ArchiveEntriesCatByteExactWithWarningsOnStandardErrorAndFailuresByClass) {
+  // An archive whose reading warns (an entry that climbs out is skipped), one with an
+  // encrypted entry, and one whose stored data no longer matches its CRC.
+  std::string data;
+  for (int i = 0; i < 100000; ++i) data += static_cast<char>(i * 7);
+  fs::create_directories(scratch_ / "src");
+  writeFile(scratch_ / "src" / "data.bin", data);
+  writeFile(scratch_ / "src" / "plain.txt", std::string(1000, 'p'));
+  auto const src = quote((scratch_ / "src").string());
+  auto const make = "cd " + src + " && python3 -c " +
+                    quote("import zipfile; z = zipfile.ZipFile('../w.zip', 'w'); z.write('data.bin'); "
+                          "z.writestr('../evil.txt', 'evil'); z.close()") +
+                    " && zip -q -P pw ../e.zip plain.txt && zip -q0 ../c.zip plain.txt";
+  ASSERT_EQ(std::system(make.c_str()), 0);
+  std::string bytes = readFile(scratch_ / "c.zip");
+  bytes[bytes.find("pppp")] = 'q';
+  writeFile(scratch_ / "c.zip", bytes);
+
+  auto const cat = vfs("cat " + quote("zip:" + iri(scratch_ / "w.zip") + "!/data.bin"));
+  EXPECT_EQ(cat.status, 0) << cat.err;
+  EXPECT_TRUE(cat.out == data) << "standard output holds " << cat.out.size() << " bytes, not " << data.size();
+  EXPECT_NE(cat.err.find("warning"), std::string::npos) << cat.err;
+  EXPECT_NE(cat.err.find("../evil.txt"), std::string::npos) << cat.err;
+
+  auto const encrypted = vfs("cat " + quote("zip:" + iri(scratch_ / "e.zip") + "!/plain.txt"));
+  EXPECT_EQ(encrypted.status, 6);
+  EXPECT_EQ(encrypted.err.rfind("vfs: UnsupportedOperation (", 0), 0u) << encrypted.err;
+  EXPECT_NE(encrypted.err.find("password"), std::string::npos) << encrypted.err;
+  auto const damaged = vfs("cat " + quote("zip:" + iri(scratch_ / "c.zip") + "!/plain.txt"));
+  EXPECT_EQ(damaged.status, 8);
+  EXPECT_EQ(damaged.err.rfind("vfs: IOError (", 0), 0u) << damaged.err;
+  EXPECT_NE(damaged.err.find("CRC"), std::string::npos) << damaged.err;
+}
+
 TEST_F(VfsTool, HelpForTheToolAndEveryCommand) {
   auto const help = vfs("--help");
   EXPECT_EQ(help.status, 0);

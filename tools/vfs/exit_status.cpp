@@ -71,6 +71,17 @@ int reportCurrentFailure(std::string const& location) {
     return report(nameOf(e.getErrorCode()), fl::i18n::to_utf8(e.getLocation().toString()), statusOf(e.getErrorCode()));
   } catch (vfs::IOException const& e) {
     return report(nameOf(e.getErrorCode()), location, statusOf(e.getErrorCode()));
+  } catch (foundation::storage::provider::ByteStreamFailure const& e) {
+    // The streams of File::open* are the provider's own: their failures arrive untranslated,
+    // with the reason, which is worth showing.
+    auto const code = vfs::getConvertedCode(e.getErrorCode());
+    return report(nameOf(code) + " (" + e.what() + ")", location, statusOf(code));
+  } catch (foundation::storage::provider::Exception const&) {
+    try {
+      vfs::handleException();
+    } catch (...) {
+      return reportCurrentFailure(location);
+    }
   } catch (vfs::InvalidIRIException const& e) {
     return report("InvalidIRI", fl::i18n::to_utf8(e.getInvalidIRIString()), BadLocation);
   } catch (vfs::UnsupportedIRISchemeException const& e) {

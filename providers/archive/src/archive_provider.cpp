@@ -158,13 +158,18 @@ p::ExistsResult ArchiveProvider::exists(p::StorageIRI const& location) {
 }
 
 p::ExtendedExistsResult ArchiveProvider::existsExtended(p::StorageIRI const& location) {
-  // Link entries are files flagged as links: never followed, so never "to" anything.
-  switch (exists(location)) {
-  case p::ExistsResult::File: return p::ExtendedExistsResult::File;
-  case p::ExistsResult::Folder: return p::ExtendedExistsResult::Folder;
-  case p::ExistsResult::NotFound: break;
+  Session session(*core_, location, u"existsExtended");
+  Node const* node = session.node();
+  if (!node) return p::ExtendedExistsResult::NotFound;
+  if (node->folder) return p::ExtendedExistsResult::Folder;
+  if (!node->symlink) return p::ExtendedExistsResult::File;
+  // Where the link leads inside the archive; it is never followed out of it.
+  switch (session.archive().tree->resolveLink(session.path())) {
+  case LinkEnd::File: return p::ExtendedExistsResult::SymlinkToFile;
+  case LinkEnd::Folder: return p::ExtendedExistsResult::SymlinkToFolder;
+  case LinkEnd::Nothing: break;
   }
-  return p::ExtendedExistsResult::NotFound;
+  return p::ExtendedExistsResult::BrokenSymlink;
 }
 
 bool ArchiveProvider::fileExists(p::StorageIRI const& location) { return exists(location) == p::ExistsResult::File; }
@@ -189,6 +194,7 @@ p::ExtendedAttributes ArchiveProvider::getExtendedAttributes(p::StorageIRI const
   std::string const prefix = fl::i18n::to_utf8(core_->scheme) + ".";
   p::ExtendedAttributes attributes;
   attributes.put(prefix + "kind", node.folder ? "folder" : node.symlink ? "symlink" : "file");
+  if (node.symlink) attributes.put(prefix + "linkTarget", node.linkTarget);
   attributes.put(prefix + "explicit", node.folder ? node.explicitEntry : true);
   if (!node.folder) attributes.put(prefix + "pending", static_cast<bool>(node.content));
   if (session.path().empty()) {
@@ -300,6 +306,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
 std::unique_ptr<p::ByteStream> ArchiveProvider::openReadOnlyStream(p::StorageIRI const& file) {
   Session session(*core_, file, u"openReadOnlyStream");
   Node const& node = session.file();
+  if (node.symlink) session.fail(ErrorCode::InvalidLocation, ProviderCore::linkHasNoData(node));
   if (node.content) return std::make_unique<ContentStream>(node.content, session.archive().lock, StreamMode{true, false, false}, nullptr);
   return session.archive().reader->openEntry(*node.entry);
 }
@@ -319,6 +326,8 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && options.truncate == p::ByteStreamTruncate::Keep) {
       if (node->content) {
         initial = node->content->copy();
+      } else if (node->symlink) {
+        session.fail(ErrorCode::InvalidLocation, ProviderCore::linkHasNoData(*node));
       } else {
         // A copy of the entry's data, leaving the tree as it is.
         Node scratch;
@@ -339,6 +348,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
     node->content = std::move(content);
     node->entry.reset();
+    node->symlink = false; // new contents make a link a file
     node->modified = now();
   };
   return std::make_unique<TransactionalContentStream>(std::move(initial), mode, commit);

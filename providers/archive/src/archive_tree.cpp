@@ -4,6 +4,7 @@
 
 #include <fl/i18n/i18n.hpp>
 
+#include <algorithm>
 #include <utility>
 #include <variant>
 
@@ -13,8 +14,39 @@ namespace {
 
 bool hidden(Node const& node) { return !node.name.empty() && node.name[0] == u'.'; }
 
+bool validUtf8(std::string_view bytes) {
+  try {
+    fl::i18n::strict::utf8_to_utf16(bytes);
+    return true;
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+/// `raw` with every byte that is not part of valid UTF-8 shown as \xHH.
+std::string printable(std::string const& raw) {
+  if (validUtf8(raw)) return raw;
+  std::string out;
+  for (std::size_t at = 0; at < raw.size();) {
+    auto const lead = static_cast<unsigned char>(raw[at]);
+    std::size_t const length = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if (at + length <= raw.size() && validUtf8(std::string_view(raw).substr(at, length))) {
+      out.append(raw, at, length);
+      at += length;
+      continue;
+    }
+    static char const digits[] = "0123456789ABCDEF";
+    out += "\\x";
+    out += digits[lead >> 4];
+    out += digits[lead & 15];
+    ++at;
+  }
+  return out;
+}
+
 /// The path segments of a raw entry name, or why the name cannot lie inside the archive.
 std::variant<Segments, std::string> checkedSegments(std::string const& raw) {
+  if (raw.empty()) return std::string("the entry has no name");
   if (raw.find('\0') != std::string::npos) return std::string("the name holds a NUL character");
   if (raw.find('\\') != std::string::npos) return std::string("the name holds a backslash");
   if (!raw.empty() && raw[0] == '/') return std::string("the name is absolute");
@@ -22,9 +54,9 @@ std::variant<Segments, std::string> checkedSegments(std::string const& raw) {
     return std::string("the name starts with a drive letter");
   std::u16string text;
   try {
-    text = fl::i18n::to_ustring(raw);
+    text = fl::i18n::strict::utf8_to_utf16(raw);
   } catch (std::exception const&) {
-    return std::string("the name is not UTF-8");
+    return std::string("the name is not UTF-8, and the archive declares no encoding that decodes it");
   }
   Segments segments;
   for (std::u16string const& segment : segmentsOf(text)) {
@@ -59,9 +91,14 @@ Tree::Tree(std::vector<RawEntry> const& entries) : Tree() {
 }
 
 void Tree::add(RawEntry const& entry) {
+  std::uint64_t const position = added_++;
+  if (!entry.problem.empty()) {
+    skipped_.push_back({printable(entry.name), entry.problem});
+    return;
+  }
   auto checked = checkedSegments(entry.name);
   if (auto const* reason = std::get_if<std::string>(&checked)) {
-    skipped_.push_back({entry.name, *reason});
+    skipped_.push_back({printable(entry.name), *reason});
     return;
   }
   Segments const& segments = std::get<Segments>(checked);
@@ -77,6 +114,7 @@ void Tree::add(RawEntry const& entry) {
       child->name = segments[i];
       child->folder = true;
       child->modified = entry.modified;
+      child->position = position;
     } else if (!child->folder) {
       skipped_.push_back({entry.name, "a file of the archive stands where this entry needs a folder"});
       return;
@@ -89,10 +127,14 @@ void Tree::add(RawEntry const& entry) {
     skipped_.push_back({entry.name, "an earlier entry has the same name"});
     return;
   }
-  if (!slot) slot = std::make_unique<Node>();
+  if (!slot) {
+    slot = std::make_unique<Node>();
+    slot->position = position;
+  }
   slot->name = segments.back();
   slot->folder = entry.folder;
   slot->symlink = entry.symlink;
+  slot->linkTarget = entry.linkTarget;
   slot->writable = entry.writable;
   slot->modified = entry.modified;
   slot->mode = entry.mode;
@@ -124,7 +166,7 @@ std::optional<std::string> Tree::whySkipped(Segments const& path) const {
   for (auto const& entry : skipped_) {
     try {
       Segments loose;
-      for (auto& segment : segmentsOf(fl::i18n::to_ustring(entry.name)))
+      for (auto& segment : segmentsOf(fl::i18n::strict::utf8_to_utf16(entry.name)))
         if (segment != u".") loose.push_back(std::move(segment));
       if (loose == path) return entry.reason;
     } catch (std::exception const&) {
@@ -148,12 +190,42 @@ std::uint64_t Tree::count() const {
   return total;
 }
 
+LinkEnd Tree::resolveLink(Segments const& path) const {
+  // As many links as a POSIX system follows before it gives up with ELOOP.
+  constexpr int longestChain = 40;
+  Segments at = path;
+  for (int step = 0; step < longestChain; ++step) {
+    Node const* link = find(at);
+    if (!link) return LinkEnd::Nothing;
+    if (!link->symlink) return link->folder ? LinkEnd::Folder : LinkEnd::File;
+    if (link->linkTarget.empty() || link->linkTarget[0] == '/') return LinkEnd::Nothing;
+    std::u16string target;
+    try {
+      target = fl::i18n::strict::utf8_to_utf16(link->linkTarget);
+    } catch (std::exception const&) {
+      return LinkEnd::Nothing;
+    }
+    at.pop_back(); // relative to the folder holding the link
+    for (auto& segment : segmentsOf(target)) {
+      if (segment == u".") continue;
+      if (segment != u"..") {
+        at.push_back(std::move(segment));
+      } else if (at.empty()) {
+        return LinkEnd::Nothing; // out of the archive
+      } else {
+        at.pop_back();
+      }
+    }
+  }
+  return LinkEnd::Nothing;
+}
+
 std::optional<std::string> refusedName(Segments const& path) {
   // Zip keeps a name in 16 bits, a folder's with its trailing '/'.
   constexpr std::size_t longestName = 0xFFFF - 1;
   std::string raw;
   try {
-    raw = fl::i18n::to_utf8(pathOf(path).substr(1));
+    raw = fl::i18n::strict::utf16_to_utf8(pathOf(path).substr(1));
   } catch (std::exception const&) {
     return std::string("the name is not valid Unicode");
   }
@@ -195,18 +267,26 @@ std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttri
   std::vector<p::FolderEntry> out;
   // Depth first, each folder right before its contents, without recursion per level.
   struct Level {
-    Node const* folder;
+    std::vector<Node const*> children; ///< in archive order
     std::u16string prefix;
-    std::map<std::u16string, std::unique_ptr<Node>>::const_iterator next;
+    std::size_t next = 0;
   };
-  std::vector<Level> stack{{&folder, u"", folder.children.begin()}};
+  auto const inArchiveOrder = [](Node const& parent) {
+    std::vector<Node const*> children;
+    children.reserve(parent.children.size());
+    for (auto const& [name, child] : parent.children) children.push_back(child.get());
+    std::stable_sort(children.begin(), children.end(),
+                     [](Node const* a, Node const* b) { return a->position < b->position; });
+    return children;
+  };
+  std::vector<Level> stack{{inArchiveOrder(folder), u""}};
   while (!stack.empty()) {
     Level& level = stack.back();
-    if (level.next == level.folder->children.end()) {
+    if (level.next == level.children.size()) {
       stack.pop_back();
       continue;
     }
-    Node const& child = *(level.next++)->second;
+    Node const& child = *level.children[level.next++];
     std::u16string name = level.prefix.empty() ? child.name : level.prefix + u"/" + child.name;
     bool const kindWanted = kinds == Kinds::All || (kinds == Kinds::Files) == !child.folder;
     if (kindWanted && (pattern.empty() || p::matchesWildcard(pattern, child.name))) {
@@ -217,7 +297,7 @@ std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttri
       else
         out.emplace_back(name, fileAttributesOf(child));
     }
-    if (recursive && child.folder) stack.push_back({&child, std::move(name), child.children.begin()});
+    if (recursive && child.folder) stack.push_back({inArchiveOrder(child), std::move(name)});
   }
   return out;
 }

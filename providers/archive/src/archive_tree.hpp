@@ -28,15 +28,19 @@ struct EntryRef {
   std::uint64_t size = 0;
 };
 
-/// One entry as a format reports it; `name` is the raw UTF-8 path.
+/// One entry as a format reports it; `name` is the path as UTF-8 (raw bytes when the format
+/// could not decode it, which the tree then skips).
 struct RawEntry {
   std::string name;
   bool folder = false;
   bool symlink = false;
+  std::string linkTarget; ///< a symbolic link's target, as stored
   bool writable = true;
   boost::posix_time::ptime modified;
   EntryRef ref;
   std::uint32_t mode = 0; ///< POSIX permission bits; 0 when the archive has none
+  /// Why the entry cannot be shown (a device, a link to nothing, damage); empty when it can.
+  std::string problem;
 };
 
 
@@ -44,6 +48,7 @@ struct Node {
   std::u16string name;
   bool folder = false;
   bool symlink = false;
+  std::string linkTarget; ///< a symbolic link's target, as stored (UTF-8)
   bool writable = true;
   boost::posix_time::ptime modified;
   std::map<std::u16string, std::unique_ptr<Node>> children;
@@ -55,6 +60,9 @@ struct Node {
   std::uint32_t mode = 0;
   /// A folder with an entry of its own (or made here), not only implied by entry paths.
   bool explicitEntry = false;
+  /// Where the entry first appears in the archive; listings follow it, so that a walk reads
+  /// an archive front to back. Nodes made here come last.
+  std::uint64_t position = UINT64_MAX;
 
   Node() = default;
   Node(Node const&) = delete;
@@ -66,11 +74,15 @@ struct Node {
 
 using Segments = std::vector<std::u16string>;
 
-/// An entry that was not put in the tree, and why.
+/// An entry that was not put in the tree, and why. `name` shows bytes that are not UTF-8
+/// as \xHH.
 struct SkippedEntry {
   std::string name;
   std::string reason;
 };
+
+/// What a symbolic link at `path` leads to inside the archive, following further links.
+enum class LinkEnd { File, Folder, Nothing };
 
 /// The tree of an archive. Not synchronised: its archive's lock guards it.
 class Tree {
@@ -91,6 +103,9 @@ public:
   std::optional<std::string> whySkipped(Segments const& path) const;
   /// The number of files and folders below the root.
   std::uint64_t count() const;
+  /// Where the link at `path` ends. Targets are resolved inside the archive only: an
+  /// absolute one, one that climbs out or a loop ends nowhere.
+  LinkEnd resolveLink(Segments const& path) const;
 
 private:
   void add(RawEntry const& entry);
@@ -98,6 +113,7 @@ private:
   std::unique_ptr<Node> root_;
   std::vector<SkippedEntry> skipped_;
   std::vector<std::uint64_t> placed_;
+  std::uint64_t added_ = 0;
 };
 
 /// Why a new entry cannot be named `path`: a name that reading the archive back would
@@ -111,7 +127,7 @@ std::u16string pathOf(Segments const& segments);
 enum class Kinds { All, Files, Folders };
 
 /// The children (or, recursively, the descendants, each folder before its contents) of
-/// `folder` whose name matches `pattern` (empty: all).
+/// `folder` whose name matches `pattern` (empty: all), in archive order.
 std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttributes, std::u16string const& pattern,
                                  bool recursive);
 

@@ -123,9 +123,14 @@ void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const
   }
 }
 
+std::string ProviderCore::linkHasNoData(Node const& link) {
+  return "a symbolic link to \"" + link.linkTarget + "\"; links in archives are not followed and hold no data";
+}
+
 std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file, p::StorageIRI const& location,
                                                    char16_t const* op) {
   if (file.content) return file.content;
+  if (file.symlink) p::fail(p::ErrorCode::InvalidLocation, location, key(op), linkHasNoData(file));
   if (file.size() > maxEditSize)
     p::fail(p::ErrorCode::FileTooLarge, location, key(op), "the entry is larger than the edit limit (maxEditSize)");
   auto content = std::make_shared<Content>(spill);

@@ -58,8 +58,10 @@ struct ProviderCore {
   /// ReadOnlyProvider unless the format writes and every archive around this one can be
   /// written too.
   void requireWritable(p::StorageIRI const& location, char16_t const* op);
+  /// Why a symbolic link entry cannot be read or edited: it is never followed.
+  static std::string linkHasNoData(Node const& link);
   /// The file's data as written in the change set, read from the archive when it is not
-  /// there yet.
+  /// there yet. A symbolic link has none (InvalidLocation).
   std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location, char16_t const* op);
   /// Writes the archive if changes are pending. Under no lock of it.
   void commit(Archive& archive);

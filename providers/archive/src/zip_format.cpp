@@ -12,6 +12,19 @@ namespace foundation::storage::providers::archive::detail {
 
 namespace {
 
+/// A read failure with libzip's reason: what the archive uses and libzip cannot decode
+/// (encryption, a compression method) is UnsupportedOperation, anything else IOError.
+[[noreturn]] void failRead(std::string const& what, zip_error_t* error) {
+  switch (zip_error_code_zip(error)) {
+  case ZIP_ER_NOPASSWD:
+  case ZIP_ER_WRONGPASSWD:
+  case ZIP_ER_ENCRNOTSUPP:
+  case ZIP_ER_COMPNOTSUPP:
+    p::raise(p::ByteStreamReadFailure(what + ": " + zip_error_strerror(error), p::ErrorCode::UnsupportedOperation));
+  default: p::raise(p::ByteStreamReadFailure(what + ": " + zip_error_strerror(error), p::ErrorCode::IOError));
+  }
+}
+
 /// An entry's data as libzip decodes it (inflating, checking the CRC at the end).
 class ZipEntryDecoder final : public EntryDecoder {
 public:
@@ -21,9 +34,7 @@ public:
     if (zip_stat_index(reader_->archive, index, 0, &st) == 0)
       stored_ = st.comp_method == ZIP_CM_STORE && st.encryption_method == ZIP_EM_NONE;
     file_ = zip_fopen_index(reader_->archive, index, 0);
-    if (!file_)
-      p::raise(p::ByteStreamReadFailure(std::string("cannot open the entry: ") + zip_strerror(reader_->archive),
-                                     p::ErrorCode::IOError));
+    if (!file_) failRead("cannot open the entry", zip_get_error(reader_->archive));
   }
   ~ZipEntryDecoder() override {
     std::lock_guard lock(reader_->mutex);
@@ -33,9 +44,7 @@ public:
   std::size_t read(char* s, std::size_t n) override {
     std::lock_guard lock(reader_->mutex);
     zip_int64_t const got = zip_fread(file_, s, n);
-    if (got < 0)
-      p::raise(p::ByteStreamReadFailure(std::string("cannot read the entry: ") + zip_file_strerror(file_),
-                                     p::ErrorCode::IOError));
+    if (got < 0) failRead("cannot read the entry", zip_file_get_error(file_));
     return static_cast<std::size_t>(got);
   }
 
@@ -63,27 +72,57 @@ public:
   }
 };
 
+/// A symbolic link's target: the entry's data. Empty, with `problem` set, when it cannot be read.
+std::string linkTargetAt(zip_t* archive, zip_uint64_t index, zip_uint64_t size, std::string& problem) {
+  constexpr zip_uint64_t longestTarget = 4096; // PATH_MAX
+  if (size > longestTarget) {
+    problem = "a symbolic link whose target is longer than a path can be";
+    return {};
+  }
+  std::string target(size, '\0');
+  zip_file_t* file = zip_fopen_index(archive, index, 0);
+  zip_int64_t const got = file ? zip_fread(file, target.data(), size) : -1;
+  if (got != static_cast<zip_int64_t>(size))
+    problem = std::string("the target of this symbolic link cannot be read: ") +
+              (file ? zip_file_strerror(file) : zip_strerror(archive));
+  if (file) zip_fclose(file);
+  return problem.empty() ? target : std::string();
+}
+
 RawEntry entryAt(zip_t* archive, zip_uint64_t index) {
-  zip_stat_t st;
-  if (zip_stat_index(archive, index, 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) return {};
   RawEntry entry;
+  zip_stat_t st;
+  // Names as unzip and bsdtar show them: UTF-8 when the entry is flagged so or carries a
+  // Unicode path field, or when its bytes are valid UTF-8 (what Unix tools write unflagged);
+  // otherwise code page 437, the format's own, which decodes every byte.
+  if (zip_stat_index(archive, index, ZIP_FL_ENC_GUESS, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) {
+    entry.problem = std::string("the entry cannot be read: ") + zip_strerror(archive);
+    return entry;
+  }
   entry.name = st.name;
   entry.folder = !entry.name.empty() && entry.name.back() == '/';
   entry.modified = boost::posix_time::from_time_t(st.mtime);
-  entry.ref = {index, std::nullopt, entry.folder ? 0 : st.size};
+  entry.ref = {index, std::nullopt, st.size};
   zip_uint8_t system = 0;
   zip_uint32_t attributes = 0;
-  if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) == 0) {
-    if (system == ZIP_OPSYS_UNIX && (attributes >> 16) != 0) {
-      auto const mode = attributes >> 16;
-      entry.mode = mode & 07777;
-      entry.symlink = S_ISLNK(mode);
-      entry.writable = (mode & S_IWUSR) != 0;
-      if (S_ISDIR(mode)) entry.folder = true;
-    } else if (system == ZIP_OPSYS_DOS) {
-      entry.writable = (attributes & 0x01) == 0; // the read-only attribute
-    }
+  if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) != 0) attributes = 0;
+  auto const mode = system == ZIP_OPSYS_UNIX ? attributes >> 16 : 0;
+  if ((mode & S_IFMT) != 0) {
+    entry.folder = entry.folder || S_ISDIR(mode);
+    entry.symlink = S_ISLNK(mode);
+    if (!entry.folder && !entry.symlink && !S_ISREG(mode))
+      entry.problem = "a device, pipe or socket, which has no place among files and folders";
+  } else if ((attributes & 0x10) != 0) {
+    entry.folder = true; // the DOS folder attribute, also where Unix tools keep no type
   }
+  if (mode != 0) {
+    entry.mode = mode & 07777;
+    entry.writable = (mode & S_IWUSR) != 0;
+  } else {
+    entry.writable = (attributes & 0x01) == 0; // the DOS read-only attribute
+  }
+  if (entry.folder) entry.ref.size = 0;
+  if (entry.symlink) entry.linkTarget = linkTargetAt(archive, index, st.size, entry.problem);
   return entry;
 }
 
@@ -129,10 +168,7 @@ ZipReader::ZipReader(p::StorageItem file, std::vector<RawEntry>& entries) : file
   zip_error_fini(&error);
   zip_int64_t const count = zip_get_num_entries(archive, 0);
   entries.reserve(static_cast<std::size_t>(count));
-  for (zip_int64_t i = 0; i < count; ++i) {
-    RawEntry entry = entryAt(archive, static_cast<zip_uint64_t>(i));
-    if (!entry.name.empty()) entries.push_back(std::move(entry));
-  }
+  for (zip_int64_t i = 0; i < count; ++i) entries.push_back(entryAt(archive, static_cast<zip_uint64_t>(i)));
 }
 
 ZipReader::~ZipReader() {

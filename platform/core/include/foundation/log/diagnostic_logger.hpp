@@ -22,6 +22,10 @@ class basic_diagnostic_logger;
 /// A named diagnostic logger. Records below its level are dropped before they reach
 /// Boost.Log; the rest go to Boost.Log's core with the logger's name as channel. The level
 /// starts at Warning and the application may change it at any time. Thread-safe.
+///
+/// Records never reach standard output: unless the application turns it off
+/// (useStandardErrorSink) or a ScopedStreamSink is alive, a sink prints them to standard
+/// error as "<severity> <channel>: <message>" lines.
 template <>
 class FOUNDATION_API basic_diagnostic_logger<char> {
 public:
@@ -47,6 +51,10 @@ private:
 };
 
 using diagnostic_logger = basic_diagnostic_logger<char>;
+
+/// Whether records go to standard error while no ScopedStreamSink is alive (the default).
+/// An application with Boost.Log sinks of its own turns it off.
+FOUNDATION_API void useStandardErrorSink(bool enabled);
 
 /// While alive, copies every record that reaches Boost.Log to `os` as
 /// "<severity> <channel>: <message>" lines. For applications without their own sinks, and

@@ -23,12 +23,25 @@ struct ProviderCore;
 ///
 /// Each archive's entry index is read once and kept; it is read again when the outer
 /// file's size or modification time changed and nothing is pending. Folders that exist
-/// only in entry paths are listed as folders. Entry names that are absolute, contain `..`
-/// segments, backslashes or NUL, are not UTF-8, or repeat an earlier entry are skipped
-/// (first wins), logged as warnings and named in the error of an access to them. Symbolic
-/// link entries are files flagged as links, holding what the archive stores for them (the
-/// link text in zip, nothing in tar); they are never followed. Reading streams; an entry holding more or less data than it declares fails
-/// the read.
+/// only in entry paths are listed as folders; listings follow archive order, so that a walk
+/// reads a compressed archive front to back, in one pass. Zip names are UTF-8 where the
+/// entry says so or its bytes are valid UTF-8, code page 437 (the format's own) otherwise;
+/// zip folders are marked by a trailing slash, a Unix folder mode or the DOS folder
+/// attribute. Entries that cannot be shown are skipped, logged as warnings, listed in the
+/// root's extended attributes ("<scheme>.skipped") and named in the error of an access to
+/// them: names that are absolute, contain `..` segments, backslashes or NUL, are empty, or
+/// are not UTF-8 in a tar (which declares no encoding); devices, pipes and sockets; hard
+/// links to no earlier file; a zip entry repeating an earlier name (the first wins) and a
+/// tar entry that a later one of the same name replaces (the last wins, as tar extracts).
+/// A damaged tar header ends the listing there, with a note: what comes before it stays
+/// readable. Symbolic links are files flagged as links whose size is their target's length;
+/// the target is the extended attribute "<scheme>.linkTarget", and `existsExtended` tells
+/// where it leads inside the archive (links are never followed out of it). A link holds no
+/// data: reading or editing it is InvalidLocation (so a tree copy skips it); writing a new
+/// file over it replaces it. Reading streams; an entry holding more or less data than it
+/// declares fails the read, as does a damaged one (IOError) or one encrypted or compressed
+/// in a way that cannot be decoded (UnsupportedOperation). Sparse tar entries read with
+/// their holes as zeros.
 ///
 /// Writable formats keep a change set per archive until it is committed; new contents wait
 /// in an unnamed temporary file (in $TMPDIR), so memory does not grow with what is written.
