@@ -138,14 +138,24 @@ TEST_F(S3cmdInterop, ACopiedTreeIsItsFilesAndItsEmptyFolders) {
     expected.insert(url("copy/" + fl::i18n::to_utf8(name)));
   }
 
-  vfs::Folder(vfs::AbsoluteIRI(u"mem:///tree"), reference)
-      .copyFolder(vfs::Folder(vfs::AbsoluteIRI(item(u"copy").getLocation().toString()), reference), p::ReplacementPolicy::FailIfExists);
+  auto const folder = [&](std::u16string const& iri) { return vfs::Folder(vfs::AbsoluteIRI(iri), reference); };
+  auto const inBucket = [&](std::u16string const& relative) { return item(relative).getLocation().toString(); };
+  folder(u"mem:///tree").copyFolder(folder(inBucket(u"copy")), p::ReplacementPolicy::FailIfExists);
+  // Within the bucket the copy carries folder times over too: folders without a marker
+  // have none to carry.
+  folder(inBucket(u"copy")).copyFolder(folder(inBucket(u"again")), p::ReplacementPolicy::FailIfExists);
 
-  std::set<std::string> listed;
-  std::istringstream lines(s3cmd("ls --recursive '" + url("copy/") + "'"));
-  for (std::string line; std::getline(lines, line);)
-    if (auto const at = line.find("s3://"); at != std::string::npos) listed.insert(line.substr(at));
-  EXPECT_EQ(listed, expected);
+  auto const listed = [&](std::string const& prefix) {
+    std::set<std::string> keys;
+    std::istringstream lines(s3cmd("ls --recursive '" + url(prefix) + "'"));
+    for (std::string line; std::getline(lines, line);)
+      if (auto const at = line.find("s3://"); at != std::string::npos) keys.insert(line.substr(at));
+    return keys;
+  };
+  EXPECT_EQ(listed("copy/"), expected);
+  std::set<std::string> expectedAgain;
+  for (auto const& key : expected) expectedAgain.insert(url("again/" + key.substr(url("copy/").size())));
+  EXPECT_EQ(listed("again/"), expectedAgain);
 
   // The folders are all there for the provider, the empty one included.
   std::size_t entries = 0;

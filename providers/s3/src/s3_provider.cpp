@@ -241,6 +241,9 @@ void S3Provider::setLastModified(p::StorageIRI const& location, boost::posix_tim
   }
   object.requireFolder();
   if (object.isRoot()) object.refuse(ErrorCode::UnsupportedOperation, "the bucket's root keeps no time");
+  // A folder without a marker has the unknown time already (tree copies within the bucket
+  // carry it over): that time needs no marker.
+  if (time == unknownTime() && !headObject(*client, object.key() + "/", object.site())) return;
   putObject(*client, object.key() + "/", {}, metadata, object.site());
 }
 
