@@ -253,7 +253,12 @@ void ArchiveProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t si
   Node& node = session.file();
   if (!node.writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
   if (size > core_->maxEditSize) session.fail(ErrorCode::FileTooLarge, "larger than the edit limit (maxEditSize)");
-  core_->materialize(session.archive(), node, file, u"truncateToSize")->resize(size);
+  auto const content = core_->materialize(session.archive(), node, file, u"truncateToSize");
+  try {
+    content->resize(size);
+  } catch (p::ByteStreamFailure const& failure) {
+    session.fail(failure.getErrorCode(), failure.what());
+  }
   node.modified = now();
   session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
 }
@@ -325,7 +330,11 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
     if (node && !node->writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
     if (node && options.truncate == p::ByteStreamTruncate::Keep) {
       if (node->content) {
-        initial = node->content->copy();
+        try {
+          initial = node->content->copy();
+        } catch (p::ByteStreamFailure const& failure) {
+          session.fail(failure.getErrorCode(), failure.what());
+        }
       } else if (node->symlink) {
         session.fail(ErrorCode::InvalidLocation, ProviderCore::linkHasNoData(*node));
       } else {
@@ -371,6 +380,7 @@ void ArchiveProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const&
   Node& toParent = session.writableParent(to.path);
   std::unique_ptr<Node> node = session.detach(session.path());
   node->name = to.path.back();
+  node->moved = true;
   toParent.children[to.path.back()] = std::move(node);
   toParent.modified = now();
   session.changed(events::Kind::Renamed, to.path, events::EntryType::File, session.location());
@@ -450,6 +460,7 @@ void ArchiveProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI cons
   }
   std::unique_ptr<Node> node = session.detach(session.path());
   node->name = to.path.back();
+  node->moved = true;
   toParent.children[to.path.back()] = std::move(node);
   toParent.modified = now();
   session.changed(events::Kind::Renamed, to.path, events::EntryType::Folder, session.location());

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
+#include <utility>
 
 namespace foundation::storage::providers::archive::detail {
 

@@ -43,7 +43,6 @@ struct RawEntry {
   std::string problem;
 };
 
-
 struct Node {
   std::u16string name;
   bool folder = false;
@@ -56,6 +55,8 @@ struct Node {
   std::optional<EntryRef> entry;
   /// The archive's entry this node was read from (files and folders with an entry).
   std::optional<std::uint64_t> index;
+  /// Moved since it was read: its entry, and those below it, take their new names.
+  bool moved = false;
   std::shared_ptr<Content> content;
   std::uint32_t mode = 0;
   /// A folder with an entry of its own (or made here), not only implied by entry paths.

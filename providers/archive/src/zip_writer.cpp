@@ -110,7 +110,7 @@ bool ascii(std::string const& text) {
 std::optional<Segments> looseSegments(std::string const& raw) {
   try {
     Segments segments;
-    for (auto& segment : segmentsOf(fl::i18n::to_ustring(raw)))
+    for (auto& segment : segmentsOf(fl::i18n::strict::utf8_to_utf16(raw)))
       if (segment != u".") segments.push_back(std::move(segment));
     return segments;
   } catch (std::exception const&) {
@@ -126,6 +126,7 @@ std::string nameOf(Segments const& path, bool folder) {
 struct Placement {
   Node const* node;
   Segments path;
+  bool moved; ///< the node or a folder above it moved since it was read
 };
 
 class ZipRewrite {
@@ -155,21 +156,21 @@ private:
   void plan() {
     placed_.insert(tree_.placed().begin(), tree_.placed().end());
     std::vector<Placement> pending;
-    auto const pushChildren = [&](Node const& folder, Segments const& path) {
+    auto const pushChildren = [&](Node const& folder, Segments const& path, bool moved) {
       for (auto it = folder.children.rbegin(); it != folder.children.rend(); ++it) {
         Segments child = path;
         child.push_back(it->first);
-        pending.push_back({it->second.get(), std::move(child)});
+        pending.push_back({it->second.get(), std::move(child), moved || it->second->moved});
       }
     };
-    pushChildren(tree_.root(), {});
+    pushChildren(tree_.root(), {}, false);
     while (!pending.empty()) {
       Placement placement = std::move(pending.back());
       pending.pop_back();
       Node const& node = *placement.node;
-      if (node.folder) pushChildren(node, placement.path);
+      if (node.folder) pushChildren(node, placement.path, placement.moved);
       if (node.index && *node.index < old_.entries.size()) {
-        if (!sameName(*node.index, placement.path)) newNames_.insert(placement.path);
+        if (placement.moved) newNames_.insert(placement.path);
         byIndex_.emplace(*node.index, std::move(placement));
       } else if (!node.folder || node.explicitEntry || node.children.empty()) {
         // A folder only implied by its contents needs no entry, unless it is empty now.
@@ -177,10 +178,6 @@ private:
         added_.push_back(std::move(placement));
       }
     }
-  }
-
-  bool sameName(std::uint64_t index, Segments const& path) const {
-    return looseSegments(previous_->entry(index).name) == path;
   }
 
   /// A skipped entry gives way to a new entry of the same name, which would otherwise hide
@@ -236,7 +233,7 @@ private:
   void changeKept(std::uint64_t index, Placement const& placement, std::string& local, std::string& central) {
     Node const& node = *placement.node;
     RawEntry const original = previous_->entry(index);
-    if (!sameName(index, placement.path)) {
+    if (placement.moved) {
       std::string const name = nameOf(placement.path, node.folder);
       if (name.size() > 0xFFFF) cannotWrite("the new name of \"" + original.name + "\" is too long");
       local = withNameAndExtra(local, LocalFixed, LocalNameLength, name,
