@@ -142,7 +142,7 @@ public:
           writeNew(node, found->second.path);
         else
           writeKept(index, &found->second);
-      } else if (!placed_.count(index) && !replacedByNewName(old_.entries[index])) {
+      } else if (!placed_.count(index) && !givesWay(old_.entries[index])) {
         writeKept(index, nullptr); // an entry the reader skipped: carried as it is
       }
     }
@@ -177,6 +177,10 @@ private:
         added_.push_back(std::move(placement));
       }
     }
+    for (std::uint64_t const index : placed_)
+      if (!byIndex_.count(index) && index < old_.entries.size())
+        if (auto const path = looseSegments(old_.entries[index].name()))
+          (previous_->entry(index).folder ? removedFolders_ : removedNames_).insert(*path);
   }
 
   bool sameName(std::uint64_t index, Segments const& path) const {
@@ -184,10 +188,15 @@ private:
   }
 
   /// A skipped entry gives way to a new entry of the same name, which would otherwise hide
-  /// behind it (the first of equal names is the one read).
-  bool replacedByNewName(StoredEntry const& entry) const {
+  /// behind it (the first of equal names is the one read), and goes with a removed entry of
+  /// its name or a removed folder above it, which it would otherwise bring back.
+  bool givesWay(StoredEntry const& entry) const {
     auto const path = looseSegments(entry.name());
-    return path && newNames_.count(*path);
+    if (!path) return false;
+    if (newNames_.count(*path) || removedNames_.count(*path)) return true;
+    for (Segments above = *path; !above.empty(); above.pop_back())
+      if (removedFolders_.count(above)) return true;
+    return false;
   }
 
   void writeKept(std::uint64_t index, Placement const* placement) {
@@ -439,6 +448,8 @@ private:
   std::map<std::uint64_t, Placement> byIndex_;
   std::vector<Placement> added_;
   std::set<Segments> newNames_;
+  std::set<Segments> removedNames_;
+  std::set<Segments> removedFolders_;
   std::vector<std::string> directory_;
 };
 
