@@ -127,3 +127,28 @@ EOF
   commit();
   EXPECT_EQ(run("zipinfo -1 " + quoted(path("folder.zip"))), "a/b\n");
 }
+
+TEST_F(ArchiveRewrite, BytesBeforeTheFirstEntryAreKept) {
+  // A self-extracting archive: a program, then the entries, whose offsets count from the
+  // start of the file.
+  run("python3 - " + quoted(path("sfx.zip")) + R"( <<'EOF'
+import sys, zipfile
+with open(sys.argv[1], 'wb') as f:
+    f.write(b'#!/bin/sh\necho a program before the entries\n' * 100)
+    with zipfile.ZipFile(f, 'w') as z:
+        z.writestr('old.txt', 'old\n')
+EOF
+)");
+  std::string const original = readLocal(path("sfx.zip"));
+  std::u16string const root = u"zip:" + local("sfx.zip") + u"!/";
+  testsupport::writeFile(item(root + u"new.txt"), "new\n");
+  commit();
+
+  std::string const rewritten = readLocal(path("sfx.zip"));
+  std::size_t const program = original.find("PK\3\4");
+  ASSERT_EQ(program, 4400u);
+  EXPECT_EQ(rewritten.compare(0, program, original, 0, program), 0);
+  EXPECT_NE(run("unzip -t " + quoted(path("sfx.zip")) + " 2>&1").find("No errors detected"), std::string::npos);
+  EXPECT_EQ(run("unzip -p " + quoted(path("sfx.zip")) + " old.txt"), "old\n");
+  EXPECT_EQ(run("unzip -p " + quoted(path("sfx.zip")) + " new.txt"), "new\n");
+}

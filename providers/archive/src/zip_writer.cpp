@@ -135,6 +135,7 @@ public:
 
   void run() {
     plan();
+    copyLeadingBytes();
     for (std::uint64_t index = 0; index < old_.entries.size(); ++index) {
       if (auto const found = byIndex_.find(index); found != byIndex_.end()) {
         Node const& node = *found->second.node;
@@ -215,14 +216,27 @@ private:
     if (placement) changeKept(index, *placement, local, central);
     std::uint64_t const offset = out_.position();
     out_.write(local);
-    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(dataLength, Chunk)));
-    for (std::uint64_t done = 0; done < dataLength;) {
-      std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), dataLength - done));
-      previous_->readBytes(dataStart + done, buffer.data(), n);
+    copyOld(dataStart, dataLength);
+    directory_.push_back(withLocalOffset(central, offset));
+  }
+
+  /// What lies before the first entry (the program of a self-extracting archive) stays.
+  void copyLeadingBytes() {
+    if (old_.entries.empty()) return;
+    auto const first = std::min_element(old_.entries.begin(), old_.entries.end(), [](auto const& a, auto const& b) {
+      return a.localOffset < b.localOffset;
+    });
+    copyOld(0, first->localOffset);
+  }
+
+  void copyOld(std::uint64_t from, std::uint64_t length) {
+    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(length, Chunk)));
+    for (std::uint64_t done = 0; done < length;) {
+      std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), length - done));
+      previous_->readBytes(from + done, buffer.data(), n);
       out_.write(buffer.data(), n);
       done += n;
     }
-    directory_.push_back(withLocalOffset(central, offset));
   }
 
   /// The length of the data descriptor after an entry's data, when its header announces one.
