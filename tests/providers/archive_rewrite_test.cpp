@@ -94,3 +94,61 @@ TEST_F(ArchiveRewrite, EntriesTheChangeSetLeavesAloneAreCopiedByteForByte) {
   EXPECT_EQ(testsupport::readFile(item(root + u"made/renamed.txt")).size(), 400u);
   EXPECT_EQ(item(root + u"retimed.txt").getFileAttributes().getLastModified(), retimed);
 }
+
+TEST_F(ArchiveRewrite, RemovingAFileRemovesTheNamesakesTheReaderSkipped) {
+  // "dup.txt" is there twice and only the first is read; once removed, the name must be
+  // gone, not show the second copy in its place (as zip -d removes every namesake).
+  testsupport::makeOddZip(path("odd.zip"));
+  auto const rawBefore = rawZipEntries(readLocal(path("odd.zip")));
+  std::u16string const root = u"zip:" + local("odd.zip") + u"!/";
+  item(root + u"dup.txt").removeFile();
+  commit();
+
+  auto const rawAfter = rawZipEntries(readLocal(path("odd.zip")));
+  EXPECT_EQ(rawAfter.count({"dup.txt", 0}), 0u);
+  EXPECT_EQ(rawAfter.count({"dup.txt", 1}), 0u);
+  expectUntouchedKept(rawBefore, rawAfter, {"dup.txt"});
+  system_ = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
+  EXPECT_EQ(item(root + u"dup.txt").exists(), p::ExistsResult::NotFound);
+
+  // The same for a folder removed with its contents; a file removed keeps what was skipped
+  // below its name, which it did not hold.
+  run("python3 - " + quoted(path("folder.zip")) + R"( <<'EOF'
+import sys, warnings, zipfile
+warnings.simplefilter('ignore')
+with zipfile.ZipFile(sys.argv[1], 'w') as z:
+    for name, data in [('f/', ''), ('f/x', 'first'), ('f/x', 'second'), ('a', 'file'), ('a/b', 'below')]:
+        z.writestr(name, data)
+EOF
+)");
+  std::u16string const folderRoot = u"zip:" + local("folder.zip") + u"!/";
+  item(folderRoot + u"f").removeFolderRecursively();
+  item(folderRoot + u"a").removeFile();
+  commit();
+  EXPECT_EQ(run("zipinfo -1 " + quoted(path("folder.zip"))), "a/b\n");
+}
+
+TEST_F(ArchiveRewrite, BytesBeforeTheFirstEntryAreKept) {
+  // A self-extracting archive: a program, then the entries, whose offsets count from the
+  // start of the file.
+  run("python3 - " + quoted(path("sfx.zip")) + R"( <<'EOF'
+import sys, zipfile
+with open(sys.argv[1], 'wb') as f:
+    f.write(b'#!/bin/sh\necho a program before the entries\n' * 100)
+    with zipfile.ZipFile(f, 'w') as z:
+        z.writestr('old.txt', 'old\n')
+EOF
+)");
+  std::string const original = readLocal(path("sfx.zip"));
+  std::u16string const root = u"zip:" + local("sfx.zip") + u"!/";
+  testsupport::writeFile(item(root + u"new.txt"), "new\n");
+  commit();
+
+  std::string const rewritten = readLocal(path("sfx.zip"));
+  std::size_t const program = original.find("PK\3\4");
+  ASSERT_EQ(program, 4400u);
+  EXPECT_EQ(rewritten.compare(0, program, original, 0, program), 0);
+  EXPECT_NE(run("unzip -t " + quoted(path("sfx.zip")) + " 2>&1").find("No errors detected"), std::string::npos);
+  EXPECT_EQ(run("unzip -p " + quoted(path("sfx.zip")) + " old.txt"), "old\n");
+  EXPECT_EQ(run("unzip -p " + quoted(path("sfx.zip")) + " new.txt"), "new\n");
+}

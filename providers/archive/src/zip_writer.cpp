@@ -136,6 +136,7 @@ public:
 
   void run() {
     plan();
+    copyLeadingBytes();
     for (std::uint64_t index = 0; index < old_.entries.size(); ++index) {
       if (auto const found = byIndex_.find(index); found != byIndex_.end()) {
         Node const& node = *found->second.node;
@@ -143,7 +144,7 @@ public:
           writeNew(node, found->second.path);
         else
           writeKept(index, &found->second);
-      } else if (!placed_.count(index) && !replacedByNewName(old_.entries[index])) {
+      } else if (!placed_.count(index) && !givesWay(old_.entries[index])) {
         writeKept(index, nullptr); // an entry the reader skipped: carried as it is
       }
     }
@@ -178,13 +179,22 @@ private:
         added_.push_back(std::move(placement));
       }
     }
+    for (std::uint64_t const index : placed_)
+      if (!byIndex_.count(index) && index < old_.entries.size())
+        if (auto const path = looseSegments(old_.entries[index].name()))
+          (previous_->entry(index).folder ? removedFolders_ : removedNames_).insert(*path);
   }
 
   /// A skipped entry gives way to a new entry of the same name, which would otherwise hide
-  /// behind it (the first of equal names is the one read).
-  bool replacedByNewName(StoredEntry const& entry) const {
+  /// behind it (the first of equal names is the one read), and goes with a removed entry of
+  /// its name or a removed folder above it, which it would otherwise bring back.
+  bool givesWay(StoredEntry const& entry) const {
     auto const path = looseSegments(entry.name());
-    return path && newNames_.count(*path);
+    if (!path) return false;
+    if (newNames_.count(*path) || removedNames_.count(*path)) return true;
+    for (Segments above = *path; !above.empty(); above.pop_back())
+      if (removedFolders_.count(above)) return true;
+    return false;
   }
 
   void writeKept(std::uint64_t index, Placement const* placement) {
@@ -203,14 +213,27 @@ private:
     if (placement) changeKept(index, *placement, local, central);
     std::uint64_t const offset = out_.position();
     out_.write(local);
-    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(dataLength, Chunk)));
-    for (std::uint64_t done = 0; done < dataLength;) {
-      std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), dataLength - done));
-      previous_->readBytes(dataStart + done, buffer.data(), n);
+    copyOld(dataStart, dataLength);
+    directory_.push_back(withLocalOffset(central, offset));
+  }
+
+  /// What lies before the first entry (the program of a self-extracting archive) stays.
+  void copyLeadingBytes() {
+    if (old_.entries.empty()) return;
+    auto const first = std::min_element(old_.entries.begin(), old_.entries.end(), [](auto const& a, auto const& b) {
+      return a.localOffset < b.localOffset;
+    });
+    copyOld(0, first->localOffset);
+  }
+
+  void copyOld(std::uint64_t from, std::uint64_t length) {
+    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(length, Chunk)));
+    for (std::uint64_t done = 0; done < length;) {
+      std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), length - done));
+      previous_->readBytes(from + done, buffer.data(), n);
       out_.write(buffer.data(), n);
       done += n;
     }
-    directory_.push_back(withLocalOffset(central, offset));
   }
 
   /// The length of the data descriptor after an entry's data, when its header announces one.
@@ -436,6 +459,8 @@ private:
   std::map<std::uint64_t, Placement> byIndex_;
   std::vector<Placement> added_;
   std::set<Segments> newNames_;
+  std::set<Segments> removedNames_;
+  std::set<Segments> removedFolders_;
   std::vector<std::string> directory_;
 };
 
