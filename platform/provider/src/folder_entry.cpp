@@ -9,7 +9,7 @@ IFolderEntryIterator::~IFolderEntryIterator() = default;
 SnapshotFolderEntryIterator::SnapshotFolderEntryIterator(std::vector<FolderEntry> entries)
     : entries_(std::make_shared<std::vector<FolderEntry> const>(std::move(entries))) {}
 
-FolderEntry SnapshotFolderEntryIterator::current() const {
+FolderEntry const& SnapshotFolderEntryIterator::current() const {
   if (position_ == 0) throw std::logic_error("listing cursor is before its first entry");
   return (*entries_)[position_ - 1];
 }

@@ -89,11 +89,15 @@ public:
     if (int error = readBatch()) failErrno(error, location_, "getdents");
   }
 
-  p::FolderEntry current() const override {
+  p::FolderEntry const& current() const override {
     if (yielded_ == 0) throw std::logic_error("a listing cursor has no entry before its first next()");
-    if (current_.file) return p::FolderEntry(current_.name, *current_.file);
-    if (current_.folder) return p::FolderEntry(current_.name, *current_.folder);
-    return p::FolderEntry(current_.name, current_.isFile);
+    if (current_.file)
+      lent_.assign(current_.name, *current_.file);
+    else if (current_.folder)
+      lent_.assign(current_.name, *current_.folder);
+    else
+      lent_.assign(current_.name, current_.isFile);
+    return lent_;
   }
 
   bool hasNext() const override {
@@ -285,6 +289,7 @@ private:
   p::StorageIRI const location_;
   mutable FolderDescent descent_;
   mutable std::vector<char, UninitialisedAllocator<char>> bytes_;
+  mutable p::FolderEntry lent_{u"", true}; ///< refilled by current(), so no entry is built per child
   mutable std::vector<Level> levels_;
   mutable std::u16string path_; ///< of the entry being looked at
   mutable Found current_;

@@ -34,7 +34,7 @@ void ListingWithoutContents::lookAhead() const {
   aheadKnown_ = true;
 }
 
-p::FolderEntry ListingWithoutContents::current() const {
+p::FolderEntry const& ListingWithoutContents::current() const {
   if (!current_) throw std::logic_error("listing cursor is before its first entry");
   return *current_;
 }

@@ -19,7 +19,7 @@ class ListingWithoutContents final : public p::IFolderEntryIterator {
 public:
   ListingWithoutContents(std::unique_ptr<p::IFolderEntryIterator> inner, p::StorageIRI root,
                          std::vector<p::StorageIRI> closed);
-  p::FolderEntry current() const override;
+  p::FolderEntry const& current() const override;
   bool hasNext() const override;
   void next() override;
   std::unique_ptr<p::IFolderEntryIterator> clone() const override;
