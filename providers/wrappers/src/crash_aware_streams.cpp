@@ -8,30 +8,31 @@ namespace {
 
 constexpr char const* crashed = "the storage crashed since the stream was opened";
 
+/// A stream opened before the last crash died with it.
+template <class Failure>
+void failIfCrashed(DurabilityLedger const& ledger, std::uint64_t crashesAtOpening) {
+  if (ledger.crashes() != crashesAtOpening) p::raise(Failure(crashed, p::ErrorCode::IOError));
+}
+
 } // namespace
 
 CrashAwareStream::CrashAwareStream(std::unique_ptr<p::ByteStream> inner, std::shared_ptr<DurabilityLedger> ledger)
     : inner_(std::move(inner)), ledger_(std::move(ledger)), crashes_(ledger_->crashes()) {}
 
-template <class Failure>
-void CrashAwareStream::failIfCrashed() const {
-  if (ledger_->crashes() != crashes_) p::raise(Failure(crashed, p::ErrorCode::IOError));
-}
-
 std::streamsize CrashAwareStream::doRead(char* s, std::streamsize n) {
-  failIfCrashed<p::ByteStreamReadFailure>();
+  failIfCrashed<p::ByteStreamReadFailure>(*ledger_, crashes_);
   return inner_->read(s, n);
 }
 std::streamsize CrashAwareStream::doWrite(char const* s, std::streamsize n) {
-  failIfCrashed<p::ByteStreamWriteFailure>();
+  failIfCrashed<p::ByteStreamWriteFailure>(*ledger_, crashes_);
   return inner_->write(s, n);
 }
 std::streampos CrashAwareStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  failIfCrashed<p::ByteStreamSeekFailure>();
+  failIfCrashed<p::ByteStreamSeekFailure>(*ledger_, crashes_);
   return inner_->seek(off, way);
 }
 void CrashAwareStream::doClose() {
-  failIfCrashed<p::ByteStreamCloseFailure>();
+  failIfCrashed<p::ByteStreamCloseFailure>(*ledger_, crashes_);
   inner_->close();
 }
 
@@ -41,21 +42,16 @@ CrashAwareTransactionalStream::CrashAwareTransactionalStream(std::unique_ptr<p::
     : inner_(std::move(inner)), ledger_(std::move(ledger)), storage_(std::move(storage)), file_(std::move(file)),
       crashes_(ledger_->crashes()) {}
 
-template <class Failure>
-void CrashAwareTransactionalStream::failIfCrashed() const {
-  if (ledger_->crashes() != crashes_) p::raise(Failure(crashed, p::ErrorCode::IOError));
-}
-
 std::streamsize CrashAwareTransactionalStream::doRead(char* s, std::streamsize n) {
-  failIfCrashed<p::ByteStreamReadFailure>();
+  failIfCrashed<p::ByteStreamReadFailure>(*ledger_, crashes_);
   return inner_->read(s, n);
 }
 std::streamsize CrashAwareTransactionalStream::doWrite(char const* s, std::streamsize n) {
-  failIfCrashed<p::ByteStreamWriteFailure>();
+  failIfCrashed<p::ByteStreamWriteFailure>(*ledger_, crashes_);
   return inner_->write(s, n);
 }
 std::streampos CrashAwareTransactionalStream::doSeek(std::streamoff off, std::ios_base::seekdir way) {
-  failIfCrashed<p::ByteStreamSeekFailure>();
+  failIfCrashed<p::ByteStreamSeekFailure>(*ledger_, crashes_);
   return inner_->seek(off, way);
 }
 

@@ -23,9 +23,6 @@ protected:
   void doClose() override;
 
 private:
-  template <class Failure>
-  void failIfCrashed() const;
-
   std::unique_ptr<p::ByteStream> inner_;
   std::shared_ptr<DurabilityLedger> ledger_;
   std::uint64_t crashes_;
@@ -44,9 +41,6 @@ protected:
   void doClose(p::StreamClosePolicy const& policy) override;
 
 private:
-  template <class Failure>
-  void failIfCrashed() const;
-
   std::unique_ptr<p::TransactionalStream> inner_; ///< discards when destroyed unclosed
   std::shared_ptr<DurabilityLedger> ledger_;
   std::shared_ptr<p::IProvider> storage_;
