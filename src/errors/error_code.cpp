@@ -1,27 +1,29 @@
 #include <vfs/exceptions.hpp>
 
+#include <foundation/storage/provider/error_code_table.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
-#include <array>
+#include <cstdint>
 #include <ostream>
 
 namespace foundation::storage::vfs {
 
+namespace table = provider::error_code_table;
+
+// The library's numbers are fixed: check each against its row.
+static_assert(table::rows == static_cast<std::uint32_t>(ErrorCode::Unknown) + 1, "every library code needs a row");
+#define VFS_CHECK_LIBRARY_VALUE(name, providerValue, libraryValue, ...)                              \
+  static_assert(static_cast<std::uint32_t>(ErrorCode::name) == (libraryValue), "vfs::ErrorCode::" #name);
+FOUNDATION_STORAGE_ERROR_CODES(VFS_CHECK_LIBRARY_VALUE)
+#undef VFS_CHECK_LIBRARY_VALUE
+
 std::string toString(ErrorCode const& code) {
   switch (code) {
-  case ErrorCode::FolderNotEmpty: return "ErrorCode::FolderNotEmpty";
-  case ErrorCode::InvalidLocation: return "ErrorCode::InvalidLocation";
-  case ErrorCode::PermissionDenied: return "ErrorCode::PermissionDenied";
-  case ErrorCode::ResourceAlreadyExists: return "ErrorCode::ResourceAlreadyExists";
-  case ErrorCode::ResourceNotFound: return "ErrorCode::ResourceNotFound";
-  case ErrorCode::ReadOnlyProvider: return "ErrorCode::ReadOnlyProvider";
-  case ErrorCode::FileTooLarge: return "ErrorCode::FileTooLarge";
-  case ErrorCode::ResourceInUse: return "ErrorCode::ResourceInUse";
-  case ErrorCode::NoSpaceLeft: return "ErrorCode::NoSpaceLeft";
-  case ErrorCode::IOError: return "ErrorCode::IOError";
-  case ErrorCode::InternalError: return "ErrorCode::InternalError";
-  case ErrorCode::UnsupportedOperation: return "ErrorCode::UnsupportedOperation";
-  case ErrorCode::Unknown: return "ErrorCode::Unknown";
+#define VFS_ERROR_CODE_NAME(name, ...)                                                               \
+  case ErrorCode::name: return "ErrorCode::" #name;
+    FOUNDATION_STORAGE_ERROR_CODES(VFS_ERROR_CODE_NAME)
+#undef VFS_ERROR_CODE_NAME
   }
   return "Unhandled ErrorCode";
 }
@@ -31,14 +33,15 @@ std::u16string toUstring(ErrorCode const& code) { return fl::i18n::to_ustring(to
 std::ostream& operator<<(std::ostream& os, ErrorCode const& code) { return os << toString(code); }
 
 ErrorCode getConvertedCode(provider::ErrorCode code) noexcept {
-  // Indexed by the provider's value: 5, 6 and 7 are ordered differently there.
-  static constexpr std::array<ErrorCode, 12> table{
-      ErrorCode::FolderNotEmpty,        ErrorCode::InvalidLocation,  ErrorCode::PermissionDenied,
-      ErrorCode::ResourceAlreadyExists, ErrorCode::ResourceNotFound, ErrorCode::FileTooLarge,
-      ErrorCode::ResourceInUse,         ErrorCode::ReadOnlyProvider, ErrorCode::NoSpaceLeft,
-      ErrorCode::IOError,               ErrorCode::InternalError,    ErrorCode::UnsupportedOperation};
-  auto const index = static_cast<std::uint32_t>(code);
-  return index < table.size() ? table[index] : ErrorCode::Unknown;
+  // By name: the two enumerations number FileTooLarge, ResourceInUse and ReadOnlyProvider
+  // differently. Values beyond the known codes are Unknown.
+  switch (code) {
+#define VFS_CONVERTED_CODE(name, ...)                                                                \
+  case provider::ErrorCode::name: return ErrorCode::name;
+    FOUNDATION_STORAGE_ERROR_CODES(VFS_CONVERTED_CODE)
+#undef VFS_CONVERTED_CODE
+  }
+  return ErrorCode::Unknown;
 }
 
 } // namespace foundation::storage::vfs

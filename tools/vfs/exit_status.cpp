@@ -2,6 +2,8 @@
 
 #include <vfs/exceptions.hpp>
 
+#include <foundation/storage/provider/error_code_table.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
 #include <cstdio>
@@ -16,19 +18,10 @@ namespace {
 
 ExitStatus statusOf(vfs::ErrorCode code) {
   switch (code) {
-  case vfs::ErrorCode::ResourceNotFound: return NotFound;
-  case vfs::ErrorCode::ResourceAlreadyExists:
-  case vfs::ErrorCode::FolderNotEmpty: return Exists;
-  case vfs::ErrorCode::PermissionDenied:
-  case vfs::ErrorCode::ReadOnlyProvider:
-  case vfs::ErrorCode::ResourceInUse: return NotPermitted;
-  case vfs::ErrorCode::InvalidLocation:
-  case vfs::ErrorCode::UnsupportedOperation: return BadLocation;
-  case vfs::ErrorCode::NoSpaceLeft:
-  case vfs::ErrorCode::FileTooLarge: return NoSpace;
-  case vfs::ErrorCode::IOError: return IOFailure;
-  case vfs::ErrorCode::InternalError:
-  case vfs::ErrorCode::Unknown: break;
+#define VFS_TOOL_EXIT_STATUS(name, providerValue, libraryValue, failureClass, ...)                   \
+  case vfs::ErrorCode::name: return failureClass;
+    FOUNDATION_STORAGE_ERROR_CODES(VFS_TOOL_EXIT_STATUS)
+#undef VFS_TOOL_EXIT_STATUS
   }
   return OtherFailure;
 }

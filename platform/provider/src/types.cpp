@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/types.hpp>
 
+#include <foundation/storage/provider/error_code_table.hpp>
+
 #include <fl/i18n/i18n.hpp>
 
 #include <ostream>
@@ -30,19 +32,10 @@ PathComparatorFunction makePathComparator(FilenameSensitivity sensitivity) {
 
 char const* toString(ErrorCode c) noexcept {
   switch (c) {
-  case ErrorCode::FolderNotEmpty: return "FolderNotEmpty";
-  case ErrorCode::InvalidLocation: return "InvalidLocation";
-  case ErrorCode::PermissionDenied: return "PermissionDenied";
-  case ErrorCode::ResourceAlreadyExists: return "ResourceAlreadyExists";
-  case ErrorCode::ResourceNotFound: return "ResourceNotFound";
-  case ErrorCode::FileTooLarge: return "FileTooLarge";
-  case ErrorCode::ResourceInUse: return "ResourceInUse";
-  case ErrorCode::ReadOnlyProvider: return "ReadOnlyProvider";
-  case ErrorCode::NoSpaceLeft: return "NoSpaceLeft";
-  case ErrorCode::IOError: return "IOError";
-  case ErrorCode::InternalError: return "InternalError";
-  case ErrorCode::UnsupportedOperation: return "UnsupportedOperation";
-  case ErrorCode::Unknown: return "Unknown";
+#define FOUNDATION_STORAGE_NAME_ROW(name, ...)                                                       \
+  case ErrorCode::name: return #name;
+    FOUNDATION_STORAGE_ERROR_CODES(FOUNDATION_STORAGE_NAME_ROW)
+#undef FOUNDATION_STORAGE_NAME_ROW
   }
   return "Unknown";
 }

@@ -1,5 +1,7 @@
 #include <foundation/storage/providers/wrappers/fault_injecting_provider.hpp>
 
+#include "crash_aware_streams.hpp"
+#include "durability_ledger.hpp"
 #include "listing_without_contents.hpp"
 
 #include <fl/i18n/i18n.hpp>
@@ -100,6 +102,9 @@ bool atOrBelow(p::StorageIRI const& folder, p::StorageIRI const& location) {
 
 } // namespace
 
+FaultInjectingProvider::FaultInjectingProvider(std::shared_ptr<p::IProvider> inner)
+    : ForwardingProvider(std::move(inner)), ledger_(std::make_shared<detail::DurabilityLedger>(getInner())) {}
+
 FaultInjectingProvider::~FaultInjectingProvider() = default;
 
 void FaultInjectingProvider::failOn(Operation op, p::StorageIRI location, p::ErrorCode code,
@@ -141,6 +146,43 @@ void FaultInjectingProvider::clear() {
   armedVanishing_.clear();
   vanished_.clear();
   denied_.clear();
+}
+
+void FaultInjectingProvider::trackDurability() { ledger_->start(); }
+
+void FaultInjectingProvider::simulateCrash() { ledger_->crash(); }
+
+void FaultInjectingProvider::beginDurabilityBatch() {
+  if (auto* batching = dynamic_cast<p::extensions::IDurabilityBatching*>(&inner())) batching->beginDurabilityBatch();
+  ledger_->beginBatch();
+}
+
+void FaultInjectingProvider::endDurabilityBatch(p::StorageIRI const& location) {
+  if (auto* batching = dynamic_cast<p::extensions::IDurabilityBatching*>(&inner())) {
+    try {
+      batching->endDurabilityBatch(location);
+    } catch (...) {
+      ledger_->endBatch(false); // the flush failed: nothing it covered is durable
+      throw;
+    }
+  }
+  ledger_->endBatch(true);
+}
+
+void FaultInjectingProvider::abandonDurabilityBatch() noexcept {
+  if (auto* batching = dynamic_cast<p::extensions::IDurabilityBatching*>(&inner())) batching->abandonDurabilityBatch();
+  ledger_->endBatch(false);
+}
+
+void FaultInjectingProvider::flushFilesystem() {
+  ForwardingProvider::flushFilesystem();
+  ledger_->flushed();
+}
+
+// One file system behind the wrapper as far as crashes go: flushing it flushes everything.
+void FaultInjectingProvider::flushFilesystem(p::StorageIRI const& location) {
+  ForwardingProvider::flushFilesystem(location);
+  ledger_->flushed();
 }
 
 void FaultInjectingProvider::check(Operation op, p::StorageIRI const& location) {
@@ -221,6 +263,8 @@ std::unique_ptr<p::TransactionalStream> FaultInjectingProvider::faulty(p::Storag
 void FaultInjectingProvider::beforeCall(Operation op, p::StorageIRI const& location) {
   check(op, location);
   checkPresent(location, toString(op));
+  if (op == Operation::OpenStream || op == Operation::CreateFile || op == Operation::TruncateToSize)
+    ledger_->changingInPlace(location);
 }
 
 // Existence questions answer "missing" for a vanished folder instead of failing.
@@ -242,29 +286,57 @@ bool FaultInjectingProvider::folderExists(p::StorageIRI const& location) {
 }
 
 std::unique_ptr<p::ByteStream> FaultInjectingProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
-  return faulty(file, ForwardingProvider::openStream(file, options));
+  auto stream = ForwardingProvider::openStream(file, options);
+  if (ledger_->tracking()) stream = std::make_unique<detail::CrashAwareStream>(std::move(stream), ledger_);
+  return faulty(file, std::move(stream));
 }
 std::unique_ptr<p::ByteStream> FaultInjectingProvider::openReadOnlyStream(p::StorageIRI const& file) {
   return faulty(file, ForwardingProvider::openReadOnlyStream(file));
 }
 std::unique_ptr<p::TransactionalStream> FaultInjectingProvider::openTransactionalStream(p::StorageIRI const& file,
                                                                                        p::ByteStreamOpenOptions const& options) {
-  return faulty(file, ForwardingProvider::openTransactionalStream(file, options));
+  auto stream = ForwardingProvider::openTransactionalStream(file, options);
+  if (ledger_->tracking())
+    stream = std::make_unique<detail::CrashAwareTransactionalStream>(std::move(stream), ledger_, getInner(), file);
+  return faulty(file, std::move(stream));
+}
+
+// What is removed or moved away takes its pending changes with it.
+void FaultInjectingProvider::removeFile(p::StorageIRI const& file) {
+  ForwardingProvider::removeFile(file);
+  ledger_->forget(file);
+}
+void FaultInjectingProvider::removeFolder(p::StorageIRI const& folder) {
+  ForwardingProvider::removeFolder(folder);
+  ledger_->forget(folder);
+}
+void FaultInjectingProvider::removeFolderRecursively(p::StorageIRI const& folder) {
+  ForwardingProvider::removeFolderRecursively(folder);
+  ledger_->forget(folder);
 }
 
 // Operations on two locations: the hook sees the first, the second is checked here.
 void FaultInjectingProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   checkPresent(destination, "moveFile");
   ForwardingProvider::moveFile(source, destination, policy);
+  ledger_->forget(source);
+  ledger_->forget(destination);
 }
 p::CopyResult FaultInjectingProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
                                                p::CopyFileOptions const& options) {
   checkPresent(destination.getLocation(), "copyFile");
-  return ForwardingProvider::copyFile(source, destination, options);
+  // A copy onto storage of this wrapper lands a file here.
+  bool const landsHere = ledger_->tracking() && destination.getProvider().get() == this;
+  bool const replacesAFile = landsHere && inner().fileExists(destination.getLocation());
+  auto const result = ForwardingProvider::copyFile(source, destination, options);
+  if (landsHere && result == p::CopyResult::Copied) ledger_->landed(destination.getLocation(), replacesAFile);
+  return result;
 }
 void FaultInjectingProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   checkPresent(destination, "moveFolder");
   ForwardingProvider::moveFolder(source, destination, policy);
+  ledger_->forget(source);
+  ledger_->forget(destination);
 }
 
 // Listings arm the folders that vanish once their parent was listed.

@@ -1,5 +1,6 @@
 #include "errno_mapping.hpp"
 
+#include <foundation/storage/provider/error_code_table.hpp>
 #include <foundation/storage/provider/exceptions.hpp>
 
 #include <cerrno>
@@ -11,21 +12,12 @@ namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
 
 int errnoFor(vfs::ErrorCode code, bool renaming) noexcept {
-  using enum vfs::ErrorCode;
+  if (renaming && code == vfs::ErrorCode::UnsupportedOperation) return EXDEV;
   switch (code) {
-  case FolderNotEmpty: return ENOTEMPTY;
-  case InvalidLocation: return EINVAL;
-  case PermissionDenied: return EACCES;
-  case ResourceAlreadyExists: return EEXIST;
-  case ResourceNotFound: return ENOENT;
-  case ReadOnlyProvider: return EROFS;
-  case FileTooLarge: return EFBIG;
-  case ResourceInUse: return EBUSY;
-  case NoSpaceLeft: return ENOSPC;
-  case IOError: return EIO;
-  case UnsupportedOperation: return renaming ? EXDEV : ENOTSUP;
-  case InternalError:
-  case Unknown: break;
+#define VFS_MOUNT_ERRNO(name, providerValue, libraryValue, failureClass, ...)                        \
+  case vfs::ErrorCode::name: return provider::error_code_table::shownErrno({__VA_ARGS__});
+    FOUNDATION_STORAGE_ERROR_CODES(VFS_MOUNT_ERRNO)
+#undef VFS_MOUNT_ERRNO
   }
   return EIO;
 }

@@ -5,11 +5,9 @@
 
 namespace foundation::storage::provider {
 
-/// The provider code for a POSIX errno value: ENOENT/ENOTDIR ResourceNotFound,
-/// EACCES/EPERM PermissionDenied, EEXIST ResourceAlreadyExists, ENOTEMPTY FolderNotEmpty,
-/// EROFS ReadOnlyProvider, EFBIG FileTooLarge, EBUSY/ETXTBSY ResourceInUse,
-/// ENOSPC/EDQUOT NoSpaceLeft, EIO IOError, EINVAL/ENAMETOOLONG/ELOOP InvalidLocation,
-/// ENOTSUP/EXDEV UnsupportedOperation, anything else Unknown.
+/// The provider code for a POSIX errno value, as the rows of error_code_table.hpp list them
+/// (ENOENT ResourceNotFound, EACCES PermissionDenied, EXDEV UnsupportedOperation, ...);
+/// anything else, and 0, is Unknown.
 FOUNDATION_API ErrorCode errorCodeFromErrno(int error) noexcept;
 
 /// Throws the provider Exception for `error` at `location` with the context `call` (for

@@ -11,6 +11,10 @@
 
 namespace foundation::storage::providers::wrappers {
 
+namespace detail {
+class DurabilityLedger;
+}
+
 using provider::Operation;
 
 /// Which byte stream operation a stream fault breaks.
@@ -31,10 +35,31 @@ enum class ChangeEventsFailure { NotSupported, Subscription };
 ///   recursive listing above it names the folder but none of its contents, as storage that
 ///   cannot read a sub-folder does.
 /// The faults are checked before the call reaches the wrapped provider, which therefore
-/// sees no call and changes nothing. Thread-safe.
-class FOUNDATION_API FaultInjectingProvider final : public provider::ForwardingProvider {
+/// sees no call and changes nothing.
+///
+/// Crashes, after `trackDurability()`: the wrapper records what reached the wrapped provider
+/// without being durable, and `simulateCrash()` drops it, so the wrapped provider holds what
+/// storage would after a power loss. Each path counts as durable at the least its contract
+/// promises:
+/// - a file landed by a transactional commit or a copy: when the call returns; but while a
+///   durability batch is open on the calling thread, a file that replaced no file is durable
+///   only once the thread's outermost batch ended (`endDurabilityBatch` returned; an
+///   abandoned batch leaves it pending until a flush). A file replacing another in a batch
+///   is durable on return, as outside one;
+/// - changes in place (a plain stream from its opening on, `createFile`, `truncateToSize`):
+///   at the next `flushFilesystem`, not when the stream closes, which syncs nothing;
+/// - folders, removals, moves and attributes: when the call returns; what a removal or move
+///   takes away counts as durable with it.
+/// A crash removes the files that never were durable and gives the others their last
+/// durable contents (contents only). Streams opened before it fail every later call (IOError),
+/// so a transaction open across a crash never commits; batches open then are forgotten. The
+/// wrapper batches durability itself, forwarding batches to a wrapped provider that has them.
+/// Thread-safe; `simulateCrash` expects no other call in flight, and concurrent writers of one
+/// file race with the bookkeeping of which of them replaced a file.
+class FOUNDATION_API FaultInjectingProvider final : public provider::ForwardingProvider,
+                                                    public provider::extensions::IDurabilityBatching {
 public:
-  using ForwardingProvider::ForwardingProvider;
+  explicit FaultInjectingProvider(std::shared_ptr<provider::IProvider> inner);
   ~FaultInjectingProvider() override;
 
   /// `op` on `location` fails `times` times (negative: every time). An empty location
@@ -50,6 +75,16 @@ public:
   void denyListing(provider::StorageIRI folder, provider::ErrorCode code = provider::ErrorCode::PermissionDenied);
   /// Removes every fault and brings vanished folders back.
   void clear();
+  /// Starts recording what is not durable yet (before, everything counts as durable).
+  void trackDurability();
+  /// Drops from the wrapped provider what was not durable, as a power loss would.
+  void simulateCrash();
+
+  void beginDurabilityBatch() override;
+  void endDurabilityBatch(provider::StorageIRI const& location) override;
+  void abandonDurabilityBatch() noexcept override;
+  void flushFilesystem() override;
+  void flushFilesystem(provider::StorageIRI const& location) override;
 
   provider::ExistsResult exists(provider::StorageIRI const& location) override;
   provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
@@ -60,10 +95,13 @@ public:
   std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
   std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file,
                                                                          provider::ByteStreamOpenOptions const& options) override;
+  void removeFile(provider::StorageIRI const& file) override;
   void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
                 provider::ReplacementPolicy policy) override;
   provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination,
                                 provider::CopyFileOptions const& options) override;
+  void removeFolder(provider::StorageIRI const& folder) override;
+  void removeFolderRecursively(provider::StorageIRI const& folder) override;
   void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
                   provider::ReplacementPolicy policy) override;
   std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
@@ -90,7 +128,8 @@ public:
   };
 
 protected:
-  /// Injected operation faults first, then the vanished folders.
+  /// Injected operation faults first, then the vanished folders; then what changes a file
+  /// in place is recorded.
   void beforeCall(Operation op, provider::StorageIRI const& location) override;
 
 private:
@@ -115,6 +154,7 @@ private:
                                                         std::unique_ptr<provider::TransactionalStream> stream);
   boost::optional<StreamFault> streamFaultFor(provider::StorageIRI const& file);
 
+  std::shared_ptr<detail::DurabilityLedger> ledger_;
   std::mutex mutex_;
   std::vector<Fault> faults_;
   std::vector<std::pair<provider::StorageIRI, StreamFault>> streamFaults_;
