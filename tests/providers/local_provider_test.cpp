@@ -45,7 +45,7 @@ TEST_F(LocalProviderTest, ReportsFailuresWithTheCallAndTheSystemMessage) {
   } catch (p::Exception const& e) {
     EXPECT_EQ(e.getErrorCode(), Code::FolderNotEmpty);
     ASSERT_EQ(e.getAllExceptionContexts().size(), 1u);
-    EXPECT_EQ(e.getAllExceptionContexts().front().getExceptionContextKey(), u"local.rmdir");
+    EXPECT_EQ(e.getAllExceptionContexts().front().getExceptionContextKey(), u"local.removeFolder");
     EXPECT_EQ(e.getAllExceptionContexts().front().getMessage(), std::generic_category().message(ENOTEMPTY));
     EXPECT_EQ(e.getStorageIRI(), item(u"full").getLocation());
   }

@@ -30,12 +30,14 @@ ProviderBase::ProviderBase(std::u16string name, ProviderCapabilities capabilitie
 
 ProviderBase::~ProviderBase() { stopChangePolling(); }
 
-std::u16string ProviderBase::contextKey(Operation operation) const {
-  std::u16string key = name_;
+std::u16string contextKey(std::u16string_view provider, Operation operation) {
+  std::u16string key(provider);
   key += u'.';
   key += fl::i18n::to_ustring(std::string_view(toString(operation)));
   return key;
 }
+
+std::u16string ProviderBase::contextKey(Operation operation) const { return provider::contextKey(name_, operation); }
 
 void ProviderBase::fail(ErrorCode code, StorageIRI const& location, Operation operation, std::string message) const {
   provider::fail(code, location, contextKey(operation), std::move(message));
@@ -165,8 +167,8 @@ void ProviderBase::removeFolderRecursively(StorageIRI const& folder) {
 
 FilenameSensitivity ProviderBase::getFilenameSensitivity(StorageIRI const&) { return capabilities_.sensitivity; }
 
-PathComparatorFunction ProviderBase::getPathComparator(StorageIRI const&) {
-  return makePathComparator(capabilities_.sensitivity);
+PathComparatorFunction ProviderBase::getPathComparator(StorageIRI const& location) {
+  return makePathComparator(getFilenameSensitivity(location));
 }
 
 std::unique_ptr<IFolderEntryIterator> ProviderBase::dispatchListing(StorageIRI const& folder, ListingRequest request) {

@@ -64,15 +64,6 @@ struct UninitialisedAllocator : std::allocator<T> {
   }
 };
 
-/// An entry found by the walk, ready to be handed out.
-struct Found {
-  std::u16string name; ///< relative to the listed folder; its capacity is reused
-  bool isFile = true;
-  bool walkInto = false; ///< a folder, not a link to one
-  boost::optional<p::FileAttributes> file;
-  boost::optional<p::FolderAttributes> folder;
-};
-
 /// A cursor that walks the folder while it is read: one batch of records is decoded at a
 /// time, so memory grows with the depth of the tree, never with the number of entries.
 ///
@@ -82,22 +73,16 @@ struct Found {
 /// met while reading ahead is thrown by the `next` that would have moved past it.
 class StreamingCursor final : public p::IFolderEntryIterator {
 public:
-  StreamingCursor(UniqueFd folder, ListingRequest request, UserIdentity user, p::StorageIRI location)
+  StreamingCursor(UniqueFd folder, p::ListingRequest request, UserIdentity user, p::StorageIRI location)
       : request_(std::move(request)), user_(std::move(user)), location_(std::move(location)),
         descent_(std::move(folder), keepOpen) {
     levels_.push_back(Level{});
-    if (int error = readBatch()) failErrno(error, location_, "getdents");
+    if (int error = readBatch()) fail(error);
   }
 
   p::FolderEntry const& current() const override {
     if (yielded_ == 0) throw std::logic_error("a listing cursor has no entry before its first next()");
-    if (current_.file)
-      lent_.assign(current_.name, *current_.file);
-    else if (current_.folder)
-      lent_.assign(current_.name, *current_.folder);
-    else
-      lent_.assign(current_.name, current_.isFile);
-    return lent_;
+    return current_;
   }
 
   bool hasNext() const override {
@@ -127,12 +112,11 @@ public:
   /// folder again from its start and skips what this cursor has handed out.
   std::unique_ptr<p::IFolderEntryIterator> clone() const override {
     int fd = openAt(descent_.root(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) failErrno(-fd, location_, "open");
+    if (fd < 0) fail(-fd);
     UniqueFd folder(fd);
     if (levels_.size() == 1) {
       Level const& level = levels_.front();
-      if (level.end != level.begin && ::lseek(fd, static_cast<off_t>(batchEndOffset()), SEEK_SET) < 0)
-        failErrno(errno, location_, "lseek");
+      if (level.end != level.begin && ::lseek(fd, static_cast<off_t>(batchEndOffset()), SEEK_SET) < 0) fail(errno);
       return std::make_unique<StreamingCursor>(std::move(folder), *this);
     }
     auto copy = std::make_unique<StreamingCursor>(std::move(folder), request_, user_, location_);
@@ -144,9 +128,12 @@ public:
   StreamingCursor(UniqueFd folder, StreamingCursor const& from)
       : request_(from.request_), user_(from.user_), location_(from.location_), descent_(std::move(folder), keepOpen),
         bytes_(from.bytes_), levels_(from.levels_), path_(from.path_), current_(from.current_), pending_(from.pending_),
-        failure_(from.failure_), lookedAhead_(from.lookedAhead_), havePending_(from.havePending_), yielded_(from.yielded_) {}
+        pendingWalkInto_(from.pendingWalkInto_), failure_(from.failure_), lookedAhead_(from.lookedAhead_),
+        havePending_(from.havePending_), yielded_(from.yielded_) {}
 
 private:
+  [[noreturn]] void fail(int error) const { failErrno(error, location_, request_.operation); }
+
   /// A folder being read: where its batch lies in the byte stack, and the next record.
   struct Level {
     std::size_t begin = 0;
@@ -187,9 +174,9 @@ private:
     Level& parent = levels_.back();
     path_.resize(parent.pathLength);
     bool reopened = false;
-    if (int error = descent_.ascend(&reopened)) failErrno(error, location_, "reopen");
+    if (int error = descent_.ascend(&reopened)) fail(error);
     if (!reopened) return;
-    if (::lseek(descent_.current(), static_cast<off_t>(parent.offset), SEEK_SET) < 0) failErrno(errno, location_, "lseek");
+    if (::lseek(descent_.current(), static_cast<off_t>(parent.offset), SEEK_SET) < 0) fail(errno);
     parent.end = parent.next; // the rest of its batch is read again
   }
 
@@ -198,11 +185,11 @@ private:
     if (int error = descent_.descend(name)) {
       path_.resize(levels_.back().pathLength);
       if (isSkippable(error)) return;
-      failErrno(error, location_, "open");
+      fail(error);
     }
     levels_.push_back(Level{bytes_.size(), bytes_.size(), bytes_.size(), path_.size()});
     if (int error = readBatch()) {
-      if (!isSkippable(error)) failErrno(error, location_, "getdents");
+      if (!isSkippable(error)) fail(error);
       climb();
     }
   }
@@ -216,7 +203,7 @@ private:
           if (levels_.size() == 1) return false;
           climb();
         } else if (int error = readBatch()) {
-          failErrno(error, location_, "getdents");
+          fail(error);
         }
         continue;
       }
@@ -235,7 +222,7 @@ private:
         continue;
       }
       bool const wanted = describe(record, base == 0 ? 0 : base + 1);
-      if (!pending_.walkInto || !request_.recursive) {
+      if (!pendingWalkInto_ || !request_.recursive) {
         path_.resize(base);
         if (wanted) return true;
         continue;
@@ -246,14 +233,15 @@ private:
   }
 
   /// Describes the entry `record` of the deepest level, whose relative path is `path_` (its
-  /// name from `nameStart`), into `pending_`; tells whether the request wants it.
+  /// name from `nameStart`), into `pending_`, reusing its storage; tells whether the request
+  /// wants it.
   bool describe(DirectoryRecord const& record, std::size_t nameStart) const {
     int const dirfd = descent_.current();
     struct stat st {};
     bool haveStat = false;
     bool symlink = false;
     EntryKind kind = record.kind;
-    pending_.walkInto = false;
+    pendingWalkInto_ = false;
     if (kind == EntryKind::Unknown) { // file systems without d_type
       if (statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
       kind = kindFromMode(st.st_mode);
@@ -265,35 +253,35 @@ private:
       kind = haveStat ? kindFromMode(st.st_mode) : EntryKind::File;
     }
     bool const isFolder = kind == EntryKind::Folder;
-    pending_.walkInto = isFolder && !symlink;
-    bool const wanted = request_.kinds == Kinds::All || (request_.kinds == Kinds::Folders) == isFolder;
+    pendingWalkInto_ = isFolder && !symlink;
+    bool const wanted = request_.kinds == p::EntryKinds::All || (request_.kinds == p::EntryKinds::Folders) == isFolder;
     if (!wanted) return false;
     if (!request_.pattern.empty() &&
         !p::matchesWildcard(request_.pattern, std::u16string_view(path_).substr(nameStart)))
       return false;
-    pending_.file.reset();
-    pending_.folder.reset();
-    if (request_.attributes) {
-      // Not stated yet: a plain entry, or a broken link described by itself.
-      if (!haveStat && statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
-      if (isFolder) pending_.folder = folderAttributes(st, record.name, symlink, user_);
-      else pending_.file = fileAttributes(st, record.name, symlink, user_);
+    if (!request_.withAttributes) {
+      pending_.assign(path_, !isFolder);
+      return true;
     }
-    pending_.isFile = !isFolder;
-    pending_.name.assign(path_);
+    // Not stated yet: a plain entry, or a broken link described by itself.
+    if (!haveStat && statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
+    if (isFolder)
+      pending_.assign(path_, folderAttributes(st, record.name, symlink, user_));
+    else
+      pending_.assign(path_, fileAttributes(st, record.name, symlink, user_));
     return true;
   }
 
-  ListingRequest const request_;
+  p::ListingRequest const request_;
   UserIdentity const user_;
   p::StorageIRI const location_;
   mutable FolderDescent descent_;
   mutable std::vector<char, UninitialisedAllocator<char>> bytes_;
-  mutable p::FolderEntry lent_{u"", true}; ///< refilled by current(), so no entry is built per child
   mutable std::vector<Level> levels_;
   mutable std::u16string path_; ///< of the entry being looked at
-  mutable Found current_;
-  mutable Found pending_;
+  p::FolderEntry current_{u"", true}; ///< lent by current()
+  mutable p::FolderEntry pending_{u"", true}; ///< read ahead by hasNext; swapped with current_ by next
+  mutable bool pendingWalkInto_ = false;     ///< pending_ is a folder, not a link to one
   mutable std::exception_ptr failure_;
   mutable bool lookedAhead_ = false;
   mutable bool havePending_ = false;
@@ -302,7 +290,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, ListingRequest const& request, UserIdentity const& user,
+std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, p::ListingRequest const& request, UserIdentity const& user,
                                                    p::StorageIRI const& location) {
   return std::make_unique<StreamingCursor>(std::move(folder), request, user, location);
 }

@@ -80,20 +80,22 @@ void LocalTransactionalStream::doClose(p::StreamClosePolicy const& policy) {
 }
 
 void LocalTransactionalStream::commit(bool replace) {
+  // Committing completes what openTransactionalStream began, so it fails in that name.
+  auto const op = p::Operation::OpenTransactionalStream;
   int const fd = temporary_.descriptor();
   struct stat target {};
   int const missing = statAt(folder_.get(), targetName_.c_str(), target, true);
   if (missing == 0 && S_ISDIR(target.st_mode))
-    refuse(p::ErrorCode::ResourceAlreadyExists, location_, "commit", "a folder is in the way");
-  if (missing != 0 && mustExist_) failErrno(missing, location_, "commit.stat");
+    refuse(p::ErrorCode::ResourceAlreadyExists, location_, op, "a folder is in the way");
+  if (missing != 0 && mustExist_) failErrno(missing, location_, op);
   if (missing == 0) {
     // The new contents keep the old file's permissions (and owner, where we may set it).
-    if (::fchmod(fd, target.st_mode & 07777) != 0) failErrno(errno, location_, "commit.fchmod");
+    if (::fchmod(fd, target.st_mode & 07777) != 0) failErrno(errno, location_, op);
     if (::fchown(fd, target.st_uid, target.st_gid) != 0) { /* only the superuser may; not an error */ }
   }
   if (int error = commitTemporaryFile(fd, folder_.get(), temporaryName_, targetName_.c_str(), replace, sync_)) {
     discard();
-    failErrno(error, location_, "commit");
+    failErrno(error, location_, op);
   }
   temporary_.close();
 }

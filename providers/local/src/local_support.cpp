@@ -3,6 +3,7 @@
 #include "posix_calls.hpp"
 
 #include <foundation/storage/provider/posix_errors.hpp>
+#include <foundation/storage/provider/provider_base.hpp>
 
 #include <fl/i18n/i18n.hpp>
 
@@ -20,21 +21,39 @@ bool isLocalLocation(p::StorageIRI const& location) noexcept {
          location.hasPath();
 }
 
-std::string pathOf(p::StorageIRI const& location, char const* op) {
-  if (!isLocalLocation(location))
-    refuse(p::ErrorCode::InvalidLocation, location, op, "not a location of the local file system");
+namespace {
+
+std::u16string memberKey(char const* member) { return u"local." + fl::i18n::to_ustring(std::string_view(member)); }
+
+[[noreturn]] void refuseOther(p::StorageIRI const& location, std::u16string key) {
+  p::fail(p::ErrorCode::InvalidLocation, location, std::move(key), "not a location of the local file system");
+}
+
+} // namespace
+
+std::string pathOf(p::StorageIRI const& location, char const* member) {
+  if (!isLocalLocation(location)) refuseOther(location, memberKey(member));
+  return fl::i18n::to_utf8(location.getResolvedPath());
+}
+
+std::string pathOf(p::StorageIRI const& location, p::Operation op) {
+  if (!isLocalLocation(location)) refuseOther(location, p::contextKey(u"local", op));
   // Dot segments are resolved by name, as every provider does, so an operation acts on the
   // folder the location names and never on "x/." as the kernel would read it.
   return fl::i18n::to_utf8(location.getResolvedPath());
 }
 
-void refuse(p::ErrorCode code, p::StorageIRI const& location, char const* call, std::string message) {
-  p::fail(code, location, u"local." + fl::i18n::to_ustring(call), std::move(message));
+void refuse(p::ErrorCode code, p::StorageIRI const& location, p::Operation op, std::string message) {
+  p::fail(code, location, p::contextKey(u"local", op), std::move(message));
 }
 
-void failErrno(int error, p::StorageIRI const& location, char const* call) {
-  if (error == EISDIR) refuse(p::ErrorCode::ResourceNotFound, location, call, "a folder, not a file");
-  p::failWithErrno(error, location, u"local." + fl::i18n::to_ustring(call));
+void failErrno(int error, p::StorageIRI const& location, p::Operation op) {
+  if (error == EISDIR) refuse(p::ErrorCode::ResourceNotFound, location, op, "a folder, not a file");
+  p::failWithErrno(error, location, p::contextKey(u"local", op));
+}
+
+void failErrno(int error, p::StorageIRI const& location, char const* member) {
+  p::failWithErrno(error, location, memberKey(member));
 }
 
 UserIdentity UserIdentity::current() {

@@ -5,6 +5,7 @@
 
 #include <foundation/storage/provider/attributes.hpp>
 #include <foundation/storage/provider/exceptions.hpp>
+#include <foundation/storage/provider/operation.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/optional.hpp>
@@ -24,14 +25,18 @@ bool isLocalLocation(p::StorageIRI const& location) noexcept;
 
 /// The local path of a `file:///` location, dot segments resolved; InvalidLocation for any
 /// other location.
-std::string pathOf(p::StorageIRI const& location, char const* op);
+std::string pathOf(p::StorageIRI const& location, p::Operation op);
+/// The same for a member of an extension interface ("flushFilesystem").
+std::string pathOf(p::StorageIRI const& location, char const* member);
 
-/// Throws the provider Exception for `error` with the context "local.<call>". A folder where
-/// a file is needed (EISDIR) is ResourceNotFound, as for every provider.
-[[noreturn]] void failErrno(int error, p::StorageIRI const& location, char const* call);
+/// Throws the provider Exception for `error` with the context "local.<operation>". A folder
+/// where a file is needed (EISDIR) is ResourceNotFound, as for every provider.
+[[noreturn]] void failErrno(int error, p::StorageIRI const& location, p::Operation op);
+/// The same with the context "local.<member>", for a member of an extension interface.
+[[noreturn]] void failErrno(int error, p::StorageIRI const& location, char const* member);
 
-/// Throws `code` with the context "local.<call>" and `message`.
-[[noreturn]] void refuse(p::ErrorCode code, p::StorageIRI const& location, char const* call, std::string message);
+/// Throws `code` with the context "local.<operation>" and `message`.
+[[noreturn]] void refuse(p::ErrorCode code, p::StorageIRI const& location, p::Operation op, std::string message);
 
 /// The effective user and groups, to tell whether an item is writable without asking the
 /// kernel once more per item.

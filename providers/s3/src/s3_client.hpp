@@ -44,7 +44,7 @@ struct HttpResponse {
 /// Where a request was made for, so that its failure names the location and the call.
 struct Site {
   provider::StorageIRI const& location;
-  char16_t const* call; ///< "s3.listObjects"
+  std::u16string call; ///< the context key, "s3.listAll"
 };
 
 /// Throws IOError for an answer to `request` that could not be read (`why`).

@@ -28,20 +28,20 @@ std::string_view lastSegment(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-bool wanted(ListingFilter const& filter, std::string_view name) {
-  return filter.pattern.empty() || p::matchesWildcard(filter.pattern, fl::i18n::to_ustring(name));
+bool wanted(p::ListingRequest const& request, std::string_view name) {
+  return request.pattern.empty() || p::matchesWildcard(request.pattern, fl::i18n::to_ustring(name));
 }
 
-p::FolderEntry fileEntry(std::string const& name, ListedObject const& object, ListingFilter const& filter) {
+p::FolderEntry fileEntry(std::string const& name, ListedObject const& object, p::ListingRequest const& request) {
   auto text = fl::i18n::to_ustring(name);
-  if (!filter.attributes) return p::FolderEntry(std::move(text), true);
+  if (!request.withAttributes) return p::FolderEntry(std::move(text), true);
   return p::FolderEntry(std::move(text), p::FileAttributes(object.size, parseIsoTime(object.lastModified), true,
                                                            isHidden(lastSegment(name)), false));
 }
 
-p::FolderEntry folderEntry(std::string const& name, boost::posix_time::ptime modified, ListingFilter const& filter) {
+p::FolderEntry folderEntry(std::string const& name, boost::posix_time::ptime modified, p::ListingRequest const& request) {
   auto text = fl::i18n::to_ustring(name);
-  if (!filter.attributes) return p::FolderEntry(std::move(text), false);
+  if (!request.withAttributes) return p::FolderEntry(std::move(text), false);
   return p::FolderEntry(std::move(text), p::FolderAttributes(modified, true, isHidden(lastSegment(name)), false));
 }
 
@@ -54,34 +54,34 @@ void requireFolder(S3Client& client, std::string const& folderKey, Site const& s
 
 std::string childPrefix(std::string const& folderKey) { return folderKey.empty() ? std::string() : folderKey + "/"; }
 
-std::vector<p::FolderEntry> listChildren(S3Client& client, std::string const& folderKey, ListingFilter const& filter,
+std::vector<p::FolderEntry> listChildren(S3Client& client, std::string const& folderKey, p::ListingRequest const& request,
                                          Site const& site) {
   std::string const base = childPrefix(folderKey);
   std::vector<p::FolderEntry> entries;
   bool sawAnything = false;
   forEachPage(
-      client, base + literalHead(filter.pattern), true,
+      client, base + literalHead(request.pattern), true,
       [&](ListPage const& page) {
         sawAnything = sawAnything || !page.objects.empty() || !page.prefixes.empty();
-        if (filter.files)
+        if (request.kinds != p::EntryKinds::Folders)
           for (auto const& object : page.objects) {
             std::string const name = object.key.substr(base.size());
-            if (!name.empty() && wanted(filter, name)) entries.push_back(fileEntry(name, object, filter));
+            if (!name.empty() && wanted(request, name)) entries.push_back(fileEntry(name, object, request));
           }
-        if (filter.folders)
+        if (request.kinds != p::EntryKinds::Files)
           for (auto const& prefix : page.prefixes) {
             std::string const name = prefix.substr(base.size(), prefix.size() - base.size() - 1);
-            if (!name.empty() && wanted(filter, name)) entries.push_back(folderEntry(name, unknownTime(), filter));
+            if (!name.empty() && wanted(request, name)) entries.push_back(folderEntry(name, unknownTime(), request));
           }
       },
       site);
   // An empty answer is an empty folder only if the folder is there (its marker may lie
   // outside the pattern's prefix).
-  if (!sawAnything || !filter.pattern.empty()) requireFolder(client, folderKey, site);
+  if (!sawAnything || !request.pattern.empty()) requireFolder(client, folderKey, site);
   return entries;
 }
 
-std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folderKey, ListingFilter const& filter,
+std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folderKey, p::ListingRequest const& request,
                                      Site const& site) {
   std::string const base = childPrefix(folderKey);
   std::vector<p::FolderEntry> entries;
@@ -92,8 +92,8 @@ std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folder
   auto reachFolder = [&](std::string const& path, boost::posix_time::ptime modified) {
     for (std::size_t slash = path.find('/'); ; slash = path.find('/', slash + 1)) {
       std::string const folder = path.substr(0, slash);
-      if (folders.insert(folder).second && filter.folders && wanted(filter, lastSegment(folder)))
-        entries.push_back(folderEntry(folder, slash == std::string::npos ? modified : unknownTime(), filter));
+      if (folders.insert(folder).second && request.kinds != p::EntryKinds::Files && wanted(request, lastSegment(folder)))
+        entries.push_back(folderEntry(folder, slash == std::string::npos ? modified : unknownTime(), request));
       if (slash == std::string::npos) break;
     }
   };
@@ -109,7 +109,7 @@ std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folder
             continue;
           }
           if (auto slash = path.rfind('/'); slash != std::string::npos) reachFolder(path.substr(0, slash), unknownTime());
-          if (filter.files && wanted(filter, lastSegment(path))) entries.push_back(fileEntry(path, object, filter));
+          if (request.kinds != p::EntryKinds::Folders && wanted(request, lastSegment(path))) entries.push_back(fileEntry(path, object, request));
         }
       },
       site);

@@ -4,8 +4,6 @@
 #include "s3_objects.hpp"
 #include "s3_streams.hpp"
 
-#include <foundation/storage/provider/stream_copy.hpp>
-
 #include <fl/i18n/i18n.hpp>
 
 #include <boost/property_tree/ptree.hpp>
@@ -17,6 +15,7 @@ namespace foundation::storage::providers::s3 {
 namespace p = foundation::storage::provider;
 using namespace detail;
 using p::ErrorCode;
+using p::Operation;
 
 namespace {
 
@@ -40,14 +39,6 @@ bool isHidden(std::string const& key) {
   return key.size() > (slash == std::string::npos ? 0 : slash + 1) && key[slash == std::string::npos ? 0 : slash + 1] == '.';
 }
 
-void checkOptions(p::ByteStreamOpenOptions const& options, p::StorageIRI const& location, char16_t const* call) {
-  if (!p::isValid(options)) p::fail(ErrorCode::InvalidLocation, location, call, "unknown open options");
-}
-
-void checkPolicy(p::ReplacementPolicy policy, p::StorageIRI const& location, char16_t const* call) {
-  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, location, call, "unknown replacement policy");
-}
-
 /// Whether the options need the old contents or random access beyond one part: those
 /// opens go through a temporary file.
 bool needsTemporaryFile(p::ByteStreamOpenOptions const& options) {
@@ -57,10 +48,10 @@ bool needsTemporaryFile(p::ByteStreamOpenOptions const& options) {
 /// Operations on one location: its key and the calls every operation repeats.
 class Object {
 public:
-  Object(S3Client& client, std::u16string const& bucket, p::StorageIRI const& location, char16_t const* call)
-      : client_(client), location_(location), site_{location, call}, key_(keyOf(location)) {
+  Object(S3Client& client, std::u16string const& bucket, p::StorageIRI const& location, std::u16string call)
+      : client_(client), location_(location), site_{location, std::move(call)}, key_(keyOf(location)) {
     if (location.getAuthority() != bucket || location.hasInnerIRI())
-      p::fail(ErrorCode::UnsupportedOperation, location, call, "the location is not in this provider's bucket");
+      refuse(ErrorCode::UnsupportedOperation, "the location is not in this provider's bucket");
   }
 
   std::string const& key() const noexcept { return key_; }
@@ -128,12 +119,17 @@ private:
 } // namespace
 
 S3Provider::S3Provider(std::u16string bucket, S3Settings settings)
-    : bucket_(std::move(bucket)), settings_(std::move(settings)),
-      requests_(std::make_shared<std::atomic<std::uint64_t>>(0)), poller_(*this) {
+    : ProviderBase(u"s3", {.sensitivity = p::FilenameSensitivity::CaseSensitive,
+                           .filtersNames = true,
+                           .listsRecursively = true,
+                           .removesRecursively = true,
+                           .reportsRecursiveChanges = false}),
+      bucket_(std::move(bucket)), settings_(std::move(settings)),
+      requests_(std::make_shared<std::atomic<std::uint64_t>>(0)) {
   client_ = std::make_shared<S3Client>(settings_, fl::i18n::to_utf8(bucket_), requests_);
 }
 
-S3Provider::~S3Provider() { poller_.stopAll(); }
+S3Provider::~S3Provider() { stopChangePolling(); }
 
 std::shared_ptr<S3Client> S3Provider::client() const {
   std::lock_guard lock(mutex_);
@@ -157,46 +153,31 @@ void S3Provider::createBucket() {
 
 p::StorageIRI S3Provider::getCanonicalLocation(p::StorageIRI const& location) {
   auto client = this->client();
-  Object object(*client, bucket_, location, u"s3.getCanonicalLocation");
+  Object object(*client, bucket_, location, contextKey(Operation::GetCanonicalLocation));
   if (object.kind() == p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceNotFound, "no such file or folder");
   return location.withPath(u"/" + fl::i18n::to_ustring(object.key()));
 }
 
 p::ExistsResult S3Provider::exists(p::StorageIRI const& location) {
   auto client = this->client();
-  return Object(*client, bucket_, location, u"s3.exists").kind();
-}
-
-p::ExtendedExistsResult S3Provider::existsExtended(p::StorageIRI const& location) {
-  switch (exists(location)) {
-  case p::ExistsResult::File: return p::ExtendedExistsResult::File;
-  case p::ExistsResult::Folder: return p::ExtendedExistsResult::Folder;
-  case p::ExistsResult::NotFound: break;
-  }
-  return p::ExtendedExistsResult::NotFound;
+  return Object(*client, bucket_, location, contextKey(Operation::Exists)).kind();
 }
 
 bool S3Provider::fileExists(p::StorageIRI const& location) {
   auto client = this->client();
-  return Object(*client, bucket_, location, u"s3.fileExists").file().has_value();
-}
-
-bool S3Provider::folderExists(p::StorageIRI const& location) {
-  auto client = this->client();
-  Object object(*client, bucket_, location, u"s3.folderExists");
-  return !object.file() && object.isFolder();
+  return Object(*client, bucket_, location, contextKey(Operation::FileExists)).file().has_value();
 }
 
 p::FileAttributes S3Provider::getFileAttributes(p::StorageIRI const& file) {
   auto client = this->client();
-  Object object(*client, bucket_, file, u"s3.getFileAttributes");
+  Object object(*client, bucket_, file, contextKey(Operation::GetFileAttributes));
   auto info = object.requireFile();
   return p::FileAttributes(info.size, info.modified, true, isHidden(object.key()), false);
 }
 
 p::FolderAttributes S3Provider::getFolderAttributes(p::StorageIRI const& folder) {
   auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.getFolderAttributes");
+  Object object(*client, bucket_, folder, contextKey(Operation::GetFolderAttributes));
   if (object.isRoot()) return p::FolderAttributes(unknownTime(), true, false, false);
   if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
   if (auto marker = headObject(*client, object.key() + "/", object.site()))
@@ -207,7 +188,7 @@ p::FolderAttributes S3Provider::getFolderAttributes(p::StorageIRI const& folder)
 
 p::ExtendedAttributes S3Provider::getExtendedAttributes(p::StorageIRI const& location) {
   auto client = this->client();
-  Object object(*client, bucket_, location, u"s3.getExtendedAttributes");
+  Object object(*client, bucket_, location, contextKey(Operation::GetExtendedAttributes));
   boost::property_tree::ptree attributes;
   auto describe = [&](std::string const& key, ObjectInfo const& info) {
     attributes.put("s3.key", key);
@@ -229,7 +210,7 @@ p::ExtendedAttributes S3Provider::getExtendedAttributes(p::StorageIRI const& loc
 
 void S3Provider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
   auto client = this->client();
-  Object object(*client, bucket_, location, u"s3.setLastModified");
+  Object object(*client, bucket_, location, contextKey(Operation::SetLastModified));
   Headers const metadata{{mtimeHeader, formatMtime(time)}};
   if (auto info = object.file()) {
     // Metadata changes only by rewriting the object: a server-side copy onto itself.
@@ -249,15 +230,15 @@ void S3Provider::setLastModified(p::StorageIRI const& location, boost::posix_tim
 
 void S3Provider::setWritable(p::StorageIRI const& location, bool) {
   if (exists(location) == p::ExistsResult::NotFound)
-    p::fail(ErrorCode::ResourceNotFound, location, u"s3.setWritable", "no such file or folder");
-  p::fail(ErrorCode::UnsupportedOperation, location, u"s3.setWritable", "objects have no read-only flag");
+    fail(ErrorCode::ResourceNotFound, location, Operation::SetWritable, "no such file or folder");
+  fail(ErrorCode::UnsupportedOperation, location, Operation::SetWritable, "objects have no read-only flag");
 }
 
 // --- files ------------------------------------------------------------------------------
 
 void S3Provider::createFile(p::StorageIRI const& file) {
   auto client = this->client();
-  Object object(*client, bucket_, file, u"s3.createFile");
+  Object object(*client, bucket_, file, contextKey(Operation::CreateFile));
   object.requireParentFolder();
   if (object.isFolder()) object.refuse(ErrorCode::ResourceAlreadyExists, "a folder is there");
   object.putNew(object.key());
@@ -266,7 +247,7 @@ void S3Provider::createFile(p::StorageIRI const& file) {
 
 void S3Provider::removeFile(p::StorageIRI const& file) {
   auto client = this->client();
-  Object object(*client, bucket_, file, u"s3.removeFile");
+  Object object(*client, bucket_, file, contextKey(Operation::RemoveFile));
   object.requireFile();
   deleteObject(*client, object.key(), object.site());
   object.keepParentFolder();
@@ -274,7 +255,7 @@ void S3Provider::removeFile(p::StorageIRI const& file) {
 
 void S3Provider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
   auto client = this->client();
-  Object object(*client, bucket_, file, u"s3.truncateToSize");
+  Object object(*client, bucket_, file, contextKey(Operation::TruncateToSize));
   auto info = object.requireFile();
   TempFileStream stream(client, file, object.key(),
                         {p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist, p::ByteStreamTruncate::Keep,
@@ -289,9 +270,8 @@ namespace {
 /// The checks every writable open makes, then the stream that fits the options.
 std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> const& client, std::u16string const& bucket,
                                                      p::StorageIRI const& file, p::ByteStreamOpenOptions const& options,
-                                                     bool commitWhenDestroyed, char16_t const* call) {
-  checkOptions(options, file, call);
-  Object object(*client, bucket, file, call);
+                                                     bool commitWhenDestroyed, std::u16string call) {
+  Object object(*client, bucket, file, std::move(call));
   object.requireParentFolder();
   auto existing = object.file();
   if (!existing) {
@@ -310,19 +290,19 @@ std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> c
 
 } // namespace
 
-std::unique_ptr<p::ByteStream> S3Provider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
-  return openWritable(client(), bucket_, file, options, true, u"s3.openStream");
+std::unique_ptr<p::ByteStream> S3Provider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  return openWritable(client(), bucket_, file, options, true, contextKey(Operation::OpenStream));
 }
 
 std::unique_ptr<p::ByteStream> S3Provider::openReadOnlyStream(p::StorageIRI const& file) {
   auto client = this->client();
-  Object object(*client, bucket_, file, u"s3.openReadOnlyStream");
+  Object object(*client, bucket_, file, contextKey(Operation::OpenReadOnlyStream));
   return std::make_unique<ReadStream>(client, file, object.key(), object.requireFile());
 }
 
-std::unique_ptr<p::TransactionalStream> S3Provider::openTransactionalStream(p::StorageIRI const& file,
+std::unique_ptr<p::TransactionalStream> S3Provider::doOpenTransactionalStream(p::StorageIRI const& file,
                                                                             p::ByteStreamOpenOptions const& options) {
-  return openWritable(client(), bucket_, file, options, false, u"s3.openTransactionalStream");
+  return openWritable(client(), bucket_, file, options, false, contextKey(Operation::OpenTransactionalStream));
 }
 
 // --- copies and moves -------------------------------------------------------------------
@@ -371,14 +351,13 @@ bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Obje
 
 } // namespace
 
-p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
+p::CopyResult S3Provider::doCopyFile(p::StorageIRI const& source, p::StorageItem const& destination,
                                    p::CopyFileOptions const& options) {
-  checkPolicy(options.policy, destination.getLocation(), u"s3.copyFile");
-  if (destination.getProvider().get() != this) return p::copyFileThroughStreams(*this, source, destination, options);
+  if (destination.getProvider().get() != this) return ProviderBase::doCopyFile(source, destination, options);
   auto client = this->client();
-  Object from(*client, bucket_, source, u"s3.copyFile");
+  Object from(*client, bucket_, source, contextKey(Operation::CopyFile));
   auto info = from.requireFile();
-  Object to(*client, bucket_, destination.getLocation(), u"s3.copyFile");
+  Object to(*client, bucket_, destination.getLocation(), contextKey(Operation::CopyFile));
   if (!mayReplace(to, options.policy)) return p::CopyResult::Skipped;
   if (to.key() == from.key()) return p::CopyResult::Copied; // onto itself: nothing to do
   auto const progress = [&](std::uint64_t done) {
@@ -390,12 +369,11 @@ p::CopyResult S3Provider::copyFile(p::StorageIRI const& source, p::StorageItem c
   return p::CopyResult::Copied;
 }
 
-void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
-  checkPolicy(policy, destination, u"s3.moveFile");
+void S3Provider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   auto client = this->client();
-  Object from(*client, bucket_, source, u"s3.moveFile");
+  Object from(*client, bucket_, source, contextKey(Operation::MoveFile));
   auto info = from.requireFile();
-  Object to(*client, bucket_, destination, u"s3.moveFile");
+  Object to(*client, bucket_, destination, contextKey(Operation::MoveFile));
   if (to.key() == from.key() || !mayReplace(to, policy)) return;
   // Copy first: until the copy is complete the source is untouched.
   if (!copyOver(*client, from, info, to, policy, {})) return;
@@ -404,11 +382,10 @@ void S3Provider::moveFile(p::StorageIRI const& source, p::StorageIRI const& dest
   from.keepParentFolder();
 }
 
-void S3Provider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
-  checkPolicy(policy, destination, u"s3.moveFolder");
+void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
   auto client = this->client();
-  Object from(*client, bucket_, source, u"s3.moveFolder");
-  Object to(*client, bucket_, destination, u"s3.moveFolder");
+  Object from(*client, bucket_, source, contextKey(Operation::MoveFolder));
+  Object to(*client, bucket_, destination, contextKey(Operation::MoveFolder));
   if (from.isRoot()) from.refuse(ErrorCode::InvalidLocation, "the bucket's root cannot move");
   if (from.file()) from.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
   from.requireFolder();
@@ -467,7 +444,7 @@ void S3Provider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& de
 
 void S3Provider::createFolder(p::StorageIRI const& folder) {
   auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.createFolder");
+  Object object(*client, bucket_, folder, contextKey(Operation::CreateFolder));
   object.requireParentFolder();
   if (object.kind() != p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
   object.putNew(object.key() + "/");
@@ -476,7 +453,7 @@ void S3Provider::createFolder(p::StorageIRI const& folder) {
 
 void S3Provider::createFolderRecursive(p::StorageIRI const& folder) {
   auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.createFolderRecursive");
+  Object object(*client, bucket_, folder, contextKey(Operation::CreateFolderRecursive));
   if (object.isRoot()) return;
   // Walk up to the first existing ancestor. Only the folder asked for needs a marker: the
   // missing ones between exist through it, and the ancestor's own marker is redundant then.
@@ -497,7 +474,7 @@ void S3Provider::createFolderRecursive(p::StorageIRI const& folder) {
 
 void S3Provider::removeFolder(p::StorageIRI const& folder) {
   auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.removeFolder");
+  Object object(*client, bucket_, folder, contextKey(Operation::RemoveFolder));
   if (object.isRoot()) object.refuse(ErrorCode::InvalidLocation, "the bucket's root cannot be removed");
   if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
   auto page = listPage(*client, object.key() + "/", false, {}, 2, object.site());
@@ -510,7 +487,7 @@ void S3Provider::removeFolder(p::StorageIRI const& folder) {
 
 void S3Provider::removeFolderRecursively(p::StorageIRI const& folder) {
   auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.removeFolderRecursively");
+  Object object(*client, bucket_, folder, contextKey(Operation::RemoveFolderRecursively));
   if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
   std::vector<std::string> keys;
   forEachPage(*client, childPrefix(object.key()), false, [&](ListPage const& page) {
@@ -521,61 +498,17 @@ void S3Provider::removeFolderRecursively(p::StorageIRI const& folder) {
   if (!object.isRoot()) object.keepParentFolder();
 }
 
-p::FilenameSensitivity S3Provider::getFilenameSensitivity(p::StorageIRI const&) { return p::FilenameSensitivity::CaseSensitive; }
-
-p::PathComparatorFunction S3Provider::getPathComparator(p::StorageIRI const&) {
-  return p::makePathComparator(p::FilenameSensitivity::CaseSensitive);
-}
-
 // --- listings ---------------------------------------------------------------------------
 
-namespace {
-
-std::unique_ptr<p::IFolderEntryIterator> snapshot(std::vector<p::FolderEntry> entries) {
+std::unique_ptr<p::IFolderEntryIterator> S3Provider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+  auto client = this->client();
+  Object object(*client, bucket_, folder, contextKey(request.operation));
+  auto entries = request.recursive ? listTree(*client, object.key(), request, object.site())
+                                   : listChildren(*client, object.key(), request, object.site());
   return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
 }
 
-} // namespace
-
-#define S3_LIST_CHILDREN(method, files, folders, attributes)                                                           \
-  std::unique_ptr<p::IFolderEntryIterator> S3Provider::method(p::StorageIRI const& folder, std::u16string const& pattern) { \
-    auto client = this->client();                                                                                      \
-    Object object(*client, bucket_, folder, u"s3." #method);                                                           \
-    return snapshot(listChildren(*client, object.key(), {files, folders, attributes, pattern}, object.site()));         \
-  }
-S3_LIST_CHILDREN(listAllNamesOnly, true, true, false)
-S3_LIST_CHILDREN(listFilesNamesOnly, true, false, false)
-S3_LIST_CHILDREN(listFoldersNamesOnly, false, true, false)
-S3_LIST_CHILDREN(listAll, true, true, true)
-S3_LIST_CHILDREN(listFiles, true, false, true)
-S3_LIST_CHILDREN(listFolders, false, true, true)
-#undef S3_LIST_CHILDREN
-
-std::unique_ptr<p::IFolderEntryIterator> S3Provider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
-                                                                                std::u16string const& pattern) {
-  auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.listAllRecursiveNamesOnly");
-  return snapshot(listTree(*client, object.key(), {true, true, false, pattern}, object.site()));
-}
-
-std::unique_ptr<p::IFolderEntryIterator> S3Provider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
-  auto client = this->client();
-  Object object(*client, bucket_, folder, u"s3.listAllRecursive");
-  return snapshot(listTree(*client, object.key(), {true, true, true, pattern}, object.site()));
-}
-
 // --- administration ---------------------------------------------------------------------
-
-bool S3Provider::hasFeature(p::ExtendedFeature feature) {
-  switch (feature) {
-  case p::ExtendedFeature::NativeRecursiveRemoval:
-  case p::ExtendedFeature::RecursiveListing:
-  case p::ExtendedFeature::FlatWildcardListing:
-  case p::ExtendedFeature::RecursiveWildcardListing: return true;
-  case p::ExtendedFeature::RecursiveChangeEvents: return false;
-  }
-  return false;
-}
 
 void S3Provider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
   std::lock_guard lock(mutex_);
@@ -584,12 +517,10 @@ void S3Provider::configure(p::StorageIRI const& location, boost::property_tree::
     changed.apply(settings);
     client_ = std::make_shared<S3Client>(changed, fl::i18n::to_utf8(bucket_), requests_);
   } catch (std::invalid_argument const& e) {
-    p::fail(ErrorCode::InvalidLocation, location, u"s3.configure", e.what());
+    fail(ErrorCode::InvalidLocation, location, Operation::Configure, e.what());
   }
   settings_ = std::move(changed);
 }
-
-void S3Provider::shutdownProvider(p::StorageIRI const&) { poller_.stopAll(); }
 
 p::StorageInfo S3Provider::getProviderStorageInfo(p::StorageIRI const&) {
   p::StorageInfo info; // an object store has no fixed capacity to tell
@@ -597,26 +528,5 @@ p::StorageInfo S3Provider::getProviderStorageInfo(p::StorageIRI const&) {
   info.details.put("s3.endpoint", client()->settings().endpoint);
   return info;
 }
-
-void S3Provider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback, std::vector<events::Kind> const&) {
-  throw p::ChangeEventsNotSupportedException(file, "S3 stores report no changes; use change polling");
-}
-
-void S3Provider::stopPublishingFileEvents(p::StorageIRI const&) {}
-
-void S3Provider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback, std::vector<events::Kind> const&,
-                                     p::RecursiveWatching) {
-  throw p::ChangeEventsNotSupportedException(folder, "S3 stores report no changes; use change polling");
-}
-
-void S3Provider::stopPublishingFolderEvents(p::StorageIRI const&) {}
-
-void S3Provider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
-                                             std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
-                                             p::RecursivePolling recursive) {
-  poller_.start(folder, std::move(callback), kinds, interval, recursive);
-}
-
-void S3Provider::stopChangePollingMechanism(p::StorageIRI const& folder) { poller_.stop(folder); }
 
 } // namespace foundation::storage::providers::s3

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace foundation::storage::provider {
 
@@ -45,6 +46,10 @@ struct ProviderCapabilities {
   /// The native change events cover whole subtrees (RecursiveChangeEvents).
   bool reportsRecursiveChanges = false;
 };
+
+/// "<provider>.<operation>" ("local.openStream"): the context key of a failure, for helper
+/// layers of a back end that raise without the provider at hand.
+FOUNDATION_API std::u16string contextKey(std::u16string_view provider, Operation operation);
 
 /// The base a storage back end derives from. It implements every IProvider member that
 /// can be derived from a few others, and checks arguments once before they reach the back
@@ -92,7 +97,9 @@ public:
   /// time without recursion, so any depth works.
   void removeFolderRecursively(StorageIRI const& folder) override;
 
+  /// What the capabilities say.
   FilenameSensitivity getFilenameSensitivity(StorageIRI const& location) override;
+  /// Compares as `getFilenameSensitivity` says for the location.
   PathComparatorFunction getPathComparator(StorageIRI const& location) override;
 
   std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder, std::u16string const& pattern) final;

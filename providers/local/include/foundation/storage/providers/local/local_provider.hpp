@@ -1,7 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
-#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/provider/provider_base.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 
 #include <functional>
@@ -59,7 +59,7 @@ struct LocalProviderOptions {
 ///   reported); polling uses the platform's watcher.
 /// - "writable" means writable for the current user; the superuser can write anything.
 /// Thread-safe.
-class FOUNDATION_API LocalProvider final : public provider::IProvider,
+class FOUNDATION_API LocalProvider final : public provider::ProviderBase,
                                            public provider::extensions::IFlushableFilesystem,
                                            public provider::extensions::IInvalidatable,
                                            public provider::extensions::IDurabilityBatching {
@@ -67,49 +67,35 @@ public:
   explicit LocalProvider(LocalProviderOptions options = {});
   ~LocalProvider() override;
 
+  /// The path with symbolic links resolved.
   provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
   provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  /// Tells symbolic links (broken ones too) and special files apart.
   provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
-  bool fileExists(provider::StorageIRI const& location) override;
-  bool folderExists(provider::StorageIRI const& location) override;
   provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
   provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  /// "posix.*": mode, owner, inode, links, device, size, times.
   provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
   void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
   void setWritable(provider::StorageIRI const& location, bool writable) override;
   void createFile(provider::StorageIRI const& file) override;
   void removeFile(provider::StorageIRI const& file) override;
   void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
-  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
   std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
-  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
-  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
   void createFolder(provider::StorageIRI const& folder) override;
-  void createFolderRecursive(provider::StorageIRI const& folder) override;
   void removeFolder(provider::StorageIRI const& folder) override;
+  /// One walk that never follows links; refuses mount points and what the sticky bit keeps.
   void removeFolderRecursively(provider::StorageIRI const& folder) override;
-  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  /// Asks the file system where it can tell (case-insensitive volumes).
   provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
-  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  bool hasFeature(provider::ExtendedFeature feature) override;
-  void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  /// Stops polling and every inotify watch.
   void shutdownProvider(provider::StorageIRI const& location) override;
+  /// statvfs figures, with "posix.*" details.
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
   void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(provider::StorageIRI const& file) override;
   void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
-  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
-  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
 
   /// sync: every file system.
   void flushFilesystem() override;
@@ -122,6 +108,17 @@ public:
   void endDurabilityBatch(provider::StorageIRI const& location) override;
   void abandonDurabilityBatch() noexcept override;
 
+protected:
+  /// getdents64 streaming, recursing and filtering natively.
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  /// Within this provider: reflink, else copy_file_range, landing atomically; elsewhere
+  /// through streams.
+  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+
 private:
   int rename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) const;
   detail::InotifyWatcher& inotify();
@@ -130,7 +127,6 @@ private:
   std::unique_ptr<detail::UserIdentity> user_;
   std::mutex inotifyMutex_;
   std::unique_ptr<detail::InotifyWatcher> inotify_;
-  provider::ChangePollingWatcher poller_;
 };
 
 } // namespace foundation::storage::providers::local

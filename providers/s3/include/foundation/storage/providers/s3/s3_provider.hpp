@@ -1,7 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
-#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/provider/provider_base.hpp>
 #include <foundation/storage/provider/storage_item.hpp>
 #include <foundation/storage/providers/s3/s3_settings.hpp>
 
@@ -59,7 +59,7 @@ class S3Client;
 ///   5xx and dropped connections are retried with bounded exponential backoff, then
 ///   IOError with the HTTP status and the request id in the context.
 /// Thread-safe.
-class FOUNDATION_API S3Provider final : public provider::IProvider {
+class FOUNDATION_API S3Provider final : public provider::ProviderBase {
 public:
   /// Serves `bucket` (the locations' authority).
   S3Provider(std::u16string bucket, S3Settings settings);
@@ -72,48 +72,39 @@ public:
 
   provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
   provider::ExistsResult exists(provider::StorageIRI const& location) override;
-  provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
+  /// One request (HEAD), where `exists` may need a listing too.
   bool fileExists(provider::StorageIRI const& location) override;
-  bool folderExists(provider::StorageIRI const& location) override;
   provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
   provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
+  /// "s3.key", "s3.etag", "s3.contentType", "s3.metadata.*"; "s3.implicitFolder" for a
+  /// folder without a marker.
   provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
   void setLastModified(provider::StorageIRI const& location, boost::posix_time::ptime const& time) override;
   void setWritable(provider::StorageIRI const& location, bool writable) override;
   void createFile(provider::StorageIRI const& file) override;
   void removeFile(provider::StorageIRI const& file) override;
   void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
-  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
   std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
-  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
-  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
   void createFolder(provider::StorageIRI const& folder) override;
+  /// One marker for the folder asked for: the missing ones between exist through it.
   void createFolderRecursive(provider::StorageIRI const& folder) override;
   void removeFolder(provider::StorageIRI const& folder) override;
+  /// Lists the keys by prefix and deletes them in batches.
   void removeFolderRecursively(provider::StorageIRI const& folder) override;
-  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
-  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
-  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  bool hasFeature(provider::ExtendedFeature feature) override;
   /// The keys of S3Settings::apply; they take effect for operations started afterwards.
   void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
-  void shutdownProvider(provider::StorageIRI const& location) override;
+  /// "s3.bucket" and "s3.endpoint"; no capacity.
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
-  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
-  void stopPublishingFileEvents(provider::StorageIRI const& file) override;
-  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
-  void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
-  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
-  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
+
+protected:
+  /// Flat listings by delimiter, recursive ones by prefix, filtered here.
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  /// Within the bucket: a server-side copy; elsewhere through streams.
+  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
 
 private:
   std::shared_ptr<detail::S3Client> client() const;
@@ -123,7 +114,6 @@ private:
   S3Settings settings_;
   std::shared_ptr<detail::S3Client> client_;
   std::shared_ptr<std::atomic<std::uint64_t>> requests_; ///< shared by every client made
-  provider::ChangePollingWatcher poller_;
 };
 
 } // namespace foundation::storage::providers::s3
