@@ -170,6 +170,12 @@ TarProvider::TarProvider(OuterProviderResolver resolver, std::u16string scheme)
 
 // --- existence and attributes ------------------------------------------------------------
 
+p::StorageIRI ArchiveProvider::getCanonicalLocation(p::StorageIRI const& location) {
+  Session session(*core_, location, Operation::GetCanonicalLocation);
+  session.existing();
+  return session.location();
+}
+
 p::ExistsResult ArchiveProvider::exists(p::StorageIRI const& location) {
   Session session(*core_, location, Operation::Exists);
   Node const* node = session.node();
@@ -433,14 +439,8 @@ void ArchiveProvider::removeFolder(p::StorageIRI const& folder) {
 void ArchiveProvider::removeFolderRecursively(p::StorageIRI const& folder) {
   core_->requireWritable(folder, Operation::RemoveFolderRecursively);
   Session session(*core_, folder, Operation::RemoveFolderRecursively);
-  Node const& node = session.folder();
-  for (std::vector<Node const*> pending{&node}; !pending.empty();) {
-    Node const* next = pending.back();
-    pending.pop_back();
-    if (!next->writable) session.fail(ErrorCode::PermissionDenied, "a folder inside is read-only");
-    for (auto const& [name, child] : next->children)
-      if (child->folder) pending.push_back(child.get());
-  }
+  if (!common::everyFolderWritable(session.folder()))
+    session.fail(ErrorCode::PermissionDenied, "a folder inside is read-only");
   session.detach(session.path());
   session.changed(events::Kind::Removed, session.path(), events::EntryType::Folder);
 }

@@ -10,7 +10,7 @@ namespace foundation::storage::providers::archive::detail {
 
 namespace {
 
-common::NameRule const exactNames(p::FilenameSensitivity::CaseSensitive);
+constexpr common::NameRule exactNames(p::FilenameSensitivity::CaseSensitive);
 
 bool validUtf8(std::string_view bytes) {
   try {

@@ -70,6 +70,8 @@ class FOUNDATION_API ArchiveProvider : public provider::ProviderBase,
 public:
   ~ArchiveProvider() override;
 
+  /// A missing entry's error names why reading skipped it, when it did.
+  provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
   provider::ExistsResult exists(provider::StorageIRI const& location) override;
   /// Tells where a symbolic link leads inside the archive.
   provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;

@@ -32,7 +32,7 @@ bool isHiddenName(std::u16string_view name) noexcept;
 /// How names compare: exactly, or ignoring letter case (then a name's key is its folding).
 class NameRule {
 public:
-  explicit NameRule(p::FilenameSensitivity sensitivity) noexcept : sensitivity_(sensitivity) {}
+  explicit constexpr NameRule(p::FilenameSensitivity sensitivity) noexcept : sensitivity_(sensitivity) {}
   p::FilenameSensitivity sensitivity() const noexcept { return sensitivity_; }
   bool folds() const noexcept { return sensitivity_ == p::FilenameSensitivity::CaseInsensitive; }
   /// The key under which a folder holds the child `name`.
