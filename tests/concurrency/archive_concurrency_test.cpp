@@ -10,6 +10,7 @@
 #include <fl/i18n/i18n.hpp>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 namespace p = foundation::storage::provider;
@@ -95,4 +96,43 @@ TEST(ArchiveConcurrency, ReadersOfACompressedTarShareItsDecompressorsSafely) {
     });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// Changes are reported once the archive's lock is released; two writers racing on one entry
+// must still be heard in the order their changes were made.
+TEST(ArchiveConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
+  auto memory = std::make_shared<MemoryProvider>();
+  auto zip = std::make_shared<ZipProvider>([memory](p::StorageIRI const&) { return memory; });
+  p::StorageItem const root(zip, p::StorageIRI(u"zip:mem:///events.zip!/"));
+  root.createFolder();
+  std::mutex mutex;
+  std::vector<foundation::storage::events::Kind> kinds;
+  root.publishFolderEvents(
+      [&](auto const& kind, auto const&, auto const&, auto const&, auto) {
+        std::lock_guard lock(mutex);
+        kinds.push_back(kind);
+      },
+      {}, p::RecursiveWatching::No);
+  p::StorageItem const file(root, u"contested");
+  auto race = [&] {
+    for (int i = 0; i < 2000; ++i) {
+      try {
+        if (i % 2 == 0)
+          file.createFile();
+        else
+          file.removeFile();
+      } catch (p::Exception const&) {
+        // the other thread got there first
+      }
+    }
+  };
+  std::thread first(race), second(race);
+  first.join();
+  second.join();
+  std::lock_guard lock(mutex);
+  ASSERT_FALSE(kinds.empty());
+  for (std::size_t i = 0; i < kinds.size(); ++i)
+    ASSERT_EQ(kinds[i], i % 2 == 0 ? foundation::storage::events::Kind::Created : foundation::storage::events::Kind::Removed)
+        << "event " << i << " of " << kinds.size();
+  EXPECT_EQ(kinds.back() == foundation::storage::events::Kind::Created, file.exists() == p::ExistsResult::File);
 }

@@ -99,6 +99,38 @@ TEST(MemoryConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
   EXPECT_EQ(kinds.back() == events::Kind::Created, file.exists() == p::ExistsResult::File);
 }
 
+// Whether anyone listens is decided once per change, without the subscriptions' lock: a
+// subscription made or ended meanwhile races nothing, and one that stays hears what follows.
+TEST(MemoryConcurrency, SubscriptionsComeAndGoWhileChangesAreMade) {
+  std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
+  at(provider, u"d").createFolder();
+  std::atomic<bool> writing{true};
+  std::thread writer([&] {
+    for (int i = 0; writing; ++i) {
+      auto file = at(provider, u"d/f" + std::u16string(1, char16_t(u'a' + i % 26)));
+      try {
+        file.createFile();
+        file.removeFile();
+      } catch (p::Exception const&) {
+        ADD_FAILURE() << "only this thread changes the tree";
+      }
+    }
+  });
+  std::atomic<int> heard{0};
+  auto const count = [&](auto const&, auto const&, auto const&, auto const&, auto) { ++heard; };
+  for (int round = 0; round < 2000; ++round) {
+    at(provider, u"d").publishFolderEvents(count, {}, p::RecursiveWatching::No);
+    at(provider, u"d/f").getParent().stopPublishingFolderEvents();
+  }
+  at(provider, u"d").publishFolderEvents(count, {}, p::RecursiveWatching::No);
+  int const before = heard;
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (heard < before + 2 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  writing = false;
+  writer.join();
+  EXPECT_GE(heard, before + 2);
+}
+
 TEST(MemoryConcurrency, ACallbackMayWaitForAnotherThreadChangingTheTree) {
   std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
   std::mutex mutex;

@@ -101,6 +101,20 @@ TEST_F(MemoryProviderTest, RejectsUnknownSettingsAndForeignLocations) {
   EXPECT_PROVIDER_ERROR(Code::InvalidLocation, item(u"").moveFolder(p::StorageIRI(u"mem:///x"), {}));
 }
 
+TEST_F(MemoryProviderTest, FailuresNameTheProviderAndTheOperation) {
+  auto const contextOf = [](auto const& action) -> std::u16string {
+    try {
+      action();
+    } catch (p::Exception const& failure) {
+      return failure.getAllExceptionContexts().empty() ? u"(none)" : failure.getAllExceptionContexts().front().getExceptionContextKey();
+    }
+    return u"(no failure)";
+  };
+  EXPECT_EQ(contextOf([&] { item(u"missing").getCanonicalLocation(); }), u"memory.getCanonicalLocation");
+  EXPECT_EQ(contextOf([&] { item(u"missing").moveFile(p::StorageIRI(u"mem:///x"), {}); }), u"memory.moveFile");
+  EXPECT_EQ(contextOf([&] { item(u"missing").listFolders(u"*"); }), u"memory.listFolders");
+}
+
 TEST_F(MemoryProviderTest, OpenStreamsOutliveTheirFileAndTheProvider) {
   writeFile(item(u"a.txt"), "contents");
   auto stream = item(u"a.txt").openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,

@@ -4,7 +4,6 @@
 #include "provider_core.hpp"
 
 #include <foundation/log/diagnostic_logger.hpp>
-#include <foundation/storage/provider/stream_copy.hpp>
 
 #include <fl/i18n/i18n.hpp>
 
@@ -14,6 +13,7 @@ namespace foundation::storage::providers::archive {
 
 using namespace detail;
 using p::ErrorCode;
+using p::Operation;
 
 namespace {
 
@@ -32,14 +32,28 @@ bool startsWith(Segments const& path, Segments const& prefix) {
 /// One operation on one archive under its lock; changes are reported once it is released.
 class Session {
 public:
-  Session(ProviderCore& core, p::StorageIRI const& location, char16_t const* op,
+  /// `context`: the key of every failure the session raises.
+  Session(ProviderCore& core, p::StorageIRI const& location, std::u16string context,
           ErrorCode foreign = ErrorCode::InvalidLocation)
-      : core_(core), op_(op), place_(core.locate(location, op, foreign)), lock_(*place_.archive->lock) {
-    core_.refresh(archive(), op);
+      : core_(core), context_(std::move(context)), place_(core.locate(location, context_, foreign)),
+        lock_(*place_.archive->lock) {
+    core_.refresh(archive(), context_);
   }
+  Session(ProviderCore& core, p::StorageIRI const& location, Operation op,
+          ErrorCode foreign = ErrorCode::InvalidLocation)
+      : Session(core, location, core.key(op), foreign) {}
   ~Session() {
+    // Queued under the archive's lock, so that they are delivered in the order they were made.
+    bool const report = !changes_.empty() && core_.subscriptions.any();
+    if (report) {
+      try {
+        core_.subscriptions.enqueue(std::move(changes_));
+      } catch (...) {
+        // Out of memory for the report: the change itself stands.
+      }
+    }
     lock_.unlock();
-    core_.notifier.notify(changes_);
+    if (report) core_.subscriptions.deliverPending();
   }
   Session(Session const&) = delete;
   Session& operator=(Session const&) = delete;
@@ -51,21 +65,21 @@ public:
   p::StorageIRI locationOf(Segments const& path) const { return place_.location.withPath(pathOf(path)); }
   Node* node() const { return ProviderCore::find(archive(), path()); }
   [[noreturn]] void fail(ErrorCode code, std::string message) const {
-    p::fail(code, location(), core_.key(op_), std::move(message));
+    p::fail(code, location(), context_, std::move(message));
   }
   Node& file() const {
     Node* found = node();
-    if (!found || found->folder) core_.missing(place_, op_, "file");
+    if (!found || found->folder) core_.missing(place_, context_, "file");
     return *found;
   }
   Node& folder() const {
     Node* found = node();
-    if (!found || !found->folder) core_.missing(place_, op_, "folder");
+    if (!found || !found->folder) core_.missing(place_, context_, "folder");
     return *found;
   }
   Node& existing() const {
     Node* found = node();
-    if (!found) core_.missing(place_, op_, "file or folder");
+    if (!found) core_.missing(place_, context_, "file or folder");
     return *found;
   }
   /// The folder that gets or loses the child at `path`: it must exist and be writable.
@@ -119,19 +133,31 @@ public:
 
 private:
   ProviderCore& core_;
-  char16_t const* op_;
+  std::u16string const context_;
   Place place_;
   Lock lock_;
-  std::vector<Change> changes_;
+  std::vector<common::Change> changes_;
 };
 
-ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core) : core_(std::move(core)) {
-  core_->poller = std::make_unique<p::ChangePollingWatcher>(*this);
+namespace {
+
+p::ProviderCapabilities capabilitiesOf(ProviderCore const& core) {
+  return {.sensitivity = p::FilenameSensitivity::CaseSensitive,
+          .filtersNames = true,
+          .listsRecursively = true,
+          .removesRecursively = core.format->writable(),
+          .reportsRecursiveChanges = true};
+}
+
+} // namespace
+
+ArchiveProvider::ArchiveProvider(std::shared_ptr<ProviderCore> core)
+    : ProviderBase(core->scheme, capabilitiesOf(*core)), core_(std::move(core)) {
   core_->self = this;
 }
 
 ArchiveProvider::~ArchiveProvider() {
-  core_->poller->stopAll();
+  stopChangePolling();
   core_->commitAllLoggingFailures();
   core_->close();
 }
@@ -145,20 +171,20 @@ TarProvider::TarProvider(OuterProviderResolver resolver, std::u16string scheme)
 // --- existence and attributes ------------------------------------------------------------
 
 p::StorageIRI ArchiveProvider::getCanonicalLocation(p::StorageIRI const& location) {
-  Session session(*core_, location, u"getCanonicalLocation");
+  Session session(*core_, location, Operation::GetCanonicalLocation);
   session.existing();
   return session.location();
 }
 
 p::ExistsResult ArchiveProvider::exists(p::StorageIRI const& location) {
-  Session session(*core_, location, u"exists");
+  Session session(*core_, location, Operation::Exists);
   Node const* node = session.node();
   if (!node) return p::ExistsResult::NotFound;
   return node->folder ? p::ExistsResult::Folder : p::ExistsResult::File;
 }
 
 p::ExtendedExistsResult ArchiveProvider::existsExtended(p::StorageIRI const& location) {
-  Session session(*core_, location, u"existsExtended");
+  Session session(*core_, location, Operation::ExistsExtended);
   Node const* node = session.node();
   if (!node) return p::ExtendedExistsResult::NotFound;
   if (node->folder) return p::ExtendedExistsResult::Folder;
@@ -172,24 +198,18 @@ p::ExtendedExistsResult ArchiveProvider::existsExtended(p::StorageIRI const& loc
   return p::ExtendedExistsResult::BrokenSymlink;
 }
 
-bool ArchiveProvider::fileExists(p::StorageIRI const& location) { return exists(location) == p::ExistsResult::File; }
-
-bool ArchiveProvider::folderExists(p::StorageIRI const& location) {
-  return exists(location) == p::ExistsResult::Folder;
-}
-
 p::FileAttributes ArchiveProvider::getFileAttributes(p::StorageIRI const& file) {
-  Session session(*core_, file, u"getFileAttributes");
-  return fileAttributesOf(session.file());
+  Session session(*core_, file, Operation::GetFileAttributes);
+  return common::fileAttributesOf(session.file());
 }
 
 p::FolderAttributes ArchiveProvider::getFolderAttributes(p::StorageIRI const& folder) {
-  Session session(*core_, folder, u"getFolderAttributes");
-  return folderAttributesOf(session.folder());
+  Session session(*core_, folder, Operation::GetFolderAttributes);
+  return common::folderAttributesOf(session.folder());
 }
 
 p::ExtendedAttributes ArchiveProvider::getExtendedAttributes(p::StorageIRI const& location) {
-  Session session(*core_, location, u"getExtendedAttributes");
+  Session session(*core_, location, Operation::GetExtendedAttributes);
   Node const& node = session.existing();
   std::string const prefix = fl::i18n::to_utf8(core_->scheme) + ".";
   p::ExtendedAttributes attributes;
@@ -213,17 +233,17 @@ p::ExtendedAttributes ArchiveProvider::getExtendedAttributes(p::StorageIRI const
 }
 
 void ArchiveProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
-  core_->requireWritable(location, u"setLastModified");
-  if (time.is_special()) p::fail(ErrorCode::InvalidLocation, location, core_->key(u"setLastModified"), "not a point in time");
-  Session session(*core_, location, u"setLastModified");
+  core_->requireWritable(location, Operation::SetLastModified);
+  if (time.is_special()) fail(ErrorCode::InvalidLocation, location, Operation::SetLastModified, "not a point in time");
+  Session session(*core_, location, Operation::SetLastModified);
   Node& node = session.existing();
   node.modified = time;
   session.attributesChanged(node);
 }
 
 void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) {
-  core_->requireWritable(location, u"setWritable");
-  Session session(*core_, location, u"setWritable");
+  core_->requireWritable(location, Operation::SetWritable);
+  Session session(*core_, location, Operation::SetWritable);
   Node& node = session.existing();
   if (node.writable == writable) return;
   node.writable = writable;
@@ -233,27 +253,27 @@ void ArchiveProvider::setWritable(p::StorageIRI const& location, bool writable) 
 // --- files -------------------------------------------------------------------------------
 
 void ArchiveProvider::createFile(p::StorageIRI const& file) {
-  core_->requireWritable(file, u"createFile");
-  Session session(*core_, file, u"createFile");
+  core_->requireWritable(file, Operation::CreateFile);
+  Session session(*core_, file, Operation::CreateFile);
   if (session.node()) session.fail(ErrorCode::ResourceAlreadyExists, "it exists already");
   session.add(session.path(), false);
 }
 
 void ArchiveProvider::removeFile(p::StorageIRI const& file) {
-  core_->requireWritable(file, u"removeFile");
-  Session session(*core_, file, u"removeFile");
+  core_->requireWritable(file, Operation::RemoveFile);
+  Session session(*core_, file, Operation::RemoveFile);
   session.file();
   session.detach(session.path());
   session.changed(events::Kind::Removed, session.path(), events::EntryType::File);
 }
 
 void ArchiveProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
-  core_->requireWritable(file, u"truncateToSize");
-  Session session(*core_, file, u"truncateToSize");
+  core_->requireWritable(file, Operation::TruncateToSize);
+  Session session(*core_, file, Operation::TruncateToSize);
   Node& node = session.file();
   if (!node.writable) session.fail(ErrorCode::PermissionDenied, "the file is read-only");
   if (size > core_->maxEditSize) session.fail(ErrorCode::FileTooLarge, "larger than the edit limit (maxEditSize)");
-  auto const content = core_->materialize(session.archive(), node, file, u"truncateToSize");
+  auto const content = core_->materialize(session.archive(), node, file, contextKey(Operation::TruncateToSize));
   try {
     content->resize(size);
   } catch (p::ByteStreamFailure const& failure) {
@@ -263,15 +283,14 @@ void ArchiveProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t si
   session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
 }
 
-std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
-  if (!p::isValid(options)) p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openStream"), "unknown open options");
-  core_->requireWritable(file, u"openStream");
+std::unique_ptr<p::ByteStream> ArchiveProvider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+  core_->requireWritable(file, Operation::OpenStream);
   std::shared_ptr<Content> content;
   std::shared_ptr<Archive> archive;
   Segments path;
   p::StorageIRI location;
   {
-    Session session(*core_, file, u"openStream");
+    Session session(*core_, file, Operation::OpenStream);
     Node* node = session.node();
     if (node && node->folder) session.file();
     if (!node) {
@@ -284,7 +303,7 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
       node->content = std::make_shared<Content>(core_->spill);
       node->entry.reset();
     }
-    content = core_->materialize(session.archive(), *node, file, u"openStream");
+    content = core_->materialize(session.archive(), *node, file, contextKey(Operation::OpenStream));
     archive = session.place().archive;
     ++archive->openWriters;
     path = session.path();
@@ -302,28 +321,28 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openStream(p::StorageIRI const& 
       if (!wrote || !node || node->content != content) return;
       node->modified = now();
       archive->dirty = true;
+      if (!core->subscriptions.any()) return;
+      core->subscriptions.enqueue({{events::Kind::Modified, location, events::EntryType::File}});
     }
-    core->notifier.notify({{events::Kind::Modified, location, events::EntryType::File, {}}});
+    core->subscriptions.deliverPending();
   };
   return std::make_unique<ContentStream>(content, archive->lock, mode, closed);
 }
 
 std::unique_ptr<p::ByteStream> ArchiveProvider::openReadOnlyStream(p::StorageIRI const& file) {
-  Session session(*core_, file, u"openReadOnlyStream");
+  Session session(*core_, file, Operation::OpenReadOnlyStream);
   Node const& node = session.file();
   if (node.symlink) session.fail(ErrorCode::InvalidLocation, ProviderCore::linkHasNoData(node));
   if (node.content) return std::make_unique<ContentStream>(node.content, session.archive().lock, StreamMode{true, false, false}, nullptr);
   return session.archive().reader->openEntry(*node.entry);
 }
 
-std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream(p::StorageIRI const& file,
+std::unique_ptr<p::TransactionalStream> ArchiveProvider::doOpenTransactionalStream(p::StorageIRI const& file,
                                                                                  p::ByteStreamOpenOptions const& options) {
-  if (!p::isValid(options))
-    p::fail(ErrorCode::InvalidLocation, file, core_->key(u"openTransactionalStream"), "unknown open options");
-  core_->requireWritable(file, u"openTransactionalStream");
+  core_->requireWritable(file, Operation::OpenTransactionalStream);
   auto initial = std::make_shared<Content>(core_->spill);
   {
-    Session session(*core_, file, u"openTransactionalStream");
+    Session session(*core_, file, Operation::OpenTransactionalStream);
     Node* node = session.node();
     if ((node && node->folder) || (!node && options.create == p::ByteStreamCreate::MustExist)) session.file();
     if (!node) session.writableParent(session.path());
@@ -341,7 +360,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
         // A copy of the entry's data, leaving the tree as it is.
         Node scratch;
         scratch.entry = node->entry;
-        initial = core_->materialize(session.archive(), scratch, file, u"openTransactionalStream");
+        initial = core_->materialize(session.archive(), scratch, file, contextKey(Operation::OpenTransactionalStream));
       }
     }
   }
@@ -349,7 +368,7 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
                         options.append == p::ByteStreamAppend::Append};
   std::shared_ptr<ProviderCore> core = core_;
   auto commit = [core, file](std::shared_ptr<Content> content, bool replace) {
-    Session session(*core, file, u"commit");
+    Session session(*core, file, core->key(u"commit"));
     Node* node = session.node();
     if (node && node->folder) session.file();
     if (node && !replace) session.fail(ErrorCode::ResourceAlreadyExists, "the file exists");
@@ -363,18 +382,17 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::openTransactionalStream
   return std::make_unique<TransactionalContentStream>(std::move(initial), mode, commit);
 }
 
-void ArchiveProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
-  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFile"), "unknown replacement policy");
-  core_->requireWritable(source, u"moveFile");
-  Session session(*core_, source, u"moveFile");
-  Place const to = core_->locate(destination, u"moveFile", ErrorCode::UnsupportedOperation);
+void ArchiveProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  core_->requireWritable(source, Operation::MoveFile);
+  Session session(*core_, source, Operation::MoveFile);
+  Place const to = core_->locate(destination, contextKey(Operation::MoveFile), ErrorCode::UnsupportedOperation);
   if (to.archive != session.place().archive)
-    p::fail(ErrorCode::UnsupportedOperation, destination, core_->key(u"moveFile"), "the destination is in another archive");
+    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile, "the destination is in another archive");
   session.file();
   if (to.path == session.path()) return;
   if (Node* target = ProviderCore::find(session.archive(), to.path)) {
     if (target->folder || policy == p::ReplacementPolicy::FailIfExists)
-      p::fail(ErrorCode::ResourceAlreadyExists, destination, core_->key(u"moveFile"), "the destination exists");
+      fail(ErrorCode::ResourceAlreadyExists, destination, Operation::MoveFile, "the destination exists");
     if (policy == p::ReplacementPolicy::KeepExisting) return;
   }
   Node& toParent = session.writableParent(to.path);
@@ -386,25 +404,19 @@ void ArchiveProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const&
   session.changed(events::Kind::Renamed, to.path, events::EntryType::File, session.location());
 }
 
-p::CopyResult ArchiveProvider::copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
-                                        p::CopyFileOptions const& options) {
-  core_->locate(source, u"copyFile");
-  return p::copyFileThroughStreams(*this, source, destination, options);
-}
-
 // --- folders -----------------------------------------------------------------------------
 
 void ArchiveProvider::createFolder(p::StorageIRI const& folder) {
-  core_->requireWritable(folder, u"createFolder");
-  Session session(*core_, folder, u"createFolder");
+  core_->requireWritable(folder, Operation::CreateFolder);
+  Session session(*core_, folder, Operation::CreateFolder);
   if (session.path().empty() && !session.archive().exists) return session.createArchive();
   if (session.node()) session.fail(ErrorCode::ResourceAlreadyExists, "it exists already");
   session.add(session.path(), true);
 }
 
 void ArchiveProvider::createFolderRecursive(p::StorageIRI const& folder) {
-  core_->requireWritable(folder, u"createFolderRecursive");
-  Session session(*core_, folder, u"createFolderRecursive");
+  core_->requireWritable(folder, Operation::CreateFolderRecursive);
+  Session session(*core_, folder, Operation::CreateFolderRecursive);
   session.createArchive();
   Segments path;
   for (auto const& segment : session.path()) {
@@ -416,8 +428,8 @@ void ArchiveProvider::createFolderRecursive(p::StorageIRI const& folder) {
 }
 
 void ArchiveProvider::removeFolder(p::StorageIRI const& folder) {
-  core_->requireWritable(folder, u"removeFolder");
-  Session session(*core_, folder, u"removeFolder");
+  core_->requireWritable(folder, Operation::RemoveFolder);
+  Session session(*core_, folder, Operation::RemoveFolder);
   Node const& node = session.folder();
   if (!node.children.empty()) session.fail(ErrorCode::FolderNotEmpty, "the folder is not empty");
   session.detach(session.path());
@@ -425,38 +437,31 @@ void ArchiveProvider::removeFolder(p::StorageIRI const& folder) {
 }
 
 void ArchiveProvider::removeFolderRecursively(p::StorageIRI const& folder) {
-  core_->requireWritable(folder, u"removeFolderRecursively");
-  Session session(*core_, folder, u"removeFolderRecursively");
-  Node const& node = session.folder();
-  for (std::vector<Node const*> pending{&node}; !pending.empty();) {
-    Node const* next = pending.back();
-    pending.pop_back();
-    if (!next->writable) session.fail(ErrorCode::PermissionDenied, "a folder inside is read-only");
-    for (auto const& [name, child] : next->children)
-      if (child->folder) pending.push_back(child.get());
-  }
+  core_->requireWritable(folder, Operation::RemoveFolderRecursively);
+  Session session(*core_, folder, Operation::RemoveFolderRecursively);
+  if (!common::everyFolderWritable(session.folder()))
+    session.fail(ErrorCode::PermissionDenied, "a folder inside is read-only");
   session.detach(session.path());
   session.changed(events::Kind::Removed, session.path(), events::EntryType::Folder);
 }
 
-void ArchiveProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
-  if (!p::isValid(policy)) p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFolder"), "unknown replacement policy");
-  core_->requireWritable(source, u"moveFolder");
-  Session session(*core_, source, u"moveFolder");
-  Place const to = core_->locate(destination, u"moveFolder", ErrorCode::UnsupportedOperation);
+void ArchiveProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+  core_->requireWritable(source, Operation::MoveFolder);
+  Session session(*core_, source, Operation::MoveFolder);
+  Place const to = core_->locate(destination, contextKey(Operation::MoveFolder), ErrorCode::UnsupportedOperation);
   if (to.archive != session.place().archive)
-    p::fail(ErrorCode::UnsupportedOperation, destination, core_->key(u"moveFolder"), "the destination is in another archive");
+    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFolder, "the destination is in another archive");
   session.folder();
   if (session.path().empty()) session.fail(ErrorCode::InvalidLocation, "the archive's root folder cannot be moved");
   if (to.path == session.path()) return;
   if (startsWith(to.path, session.path()))
-    p::fail(ErrorCode::InvalidLocation, destination, core_->key(u"moveFolder"), "a folder cannot move into itself");
+    fail(ErrorCode::InvalidLocation, destination, Operation::MoveFolder, "a folder cannot move into itself");
   Node& toParent = session.writableParent(to.path);
   if (Node* target = ProviderCore::find(session.archive(), to.path)) {
     if (!target->folder || !replaces(policy))
-      p::fail(ErrorCode::ResourceAlreadyExists, destination, core_->key(u"moveFolder"), "the destination exists");
+      fail(ErrorCode::ResourceAlreadyExists, destination, Operation::MoveFolder, "the destination exists");
     if (!target->children.empty())
-      p::fail(ErrorCode::FolderNotEmpty, destination, core_->key(u"moveFolder"), "the destination folder is not empty");
+      fail(ErrorCode::FolderNotEmpty, destination, Operation::MoveFolder, "the destination folder is not empty");
   }
   std::unique_ptr<Node> node = session.detach(session.path());
   node->name = to.path.back();
@@ -466,85 +471,41 @@ void ArchiveProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI cons
   session.changed(events::Kind::Renamed, to.path, events::EntryType::Folder, session.location());
 }
 
-p::FilenameSensitivity ArchiveProvider::getFilenameSensitivity(p::StorageIRI const&) {
-  return p::FilenameSensitivity::CaseSensitive;
-}
-
-p::PathComparatorFunction ArchiveProvider::getPathComparator(p::StorageIRI const&) {
-  return p::makePathComparator(p::FilenameSensitivity::CaseSensitive);
-}
-
 // --- listings ----------------------------------------------------------------------------
 
-namespace {
-
-std::unique_ptr<p::IFolderEntryIterator> listing(ProviderCore& core, p::StorageIRI const& folder, char16_t const* op,
-                                                 Kinds kinds, bool withAttributes, std::u16string const& pattern,
-                                                 bool recursive) {
-  Session session(core, folder, op);
-  return std::make_unique<p::SnapshotFolderEntryIterator>(
-      list(session.folder(), kinds, withAttributes, pattern, recursive));
-}
-
-} // namespace
-
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listAllNamesOnly", Kinds::All, false, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFilesNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listFilesNamesOnly", Kinds::Files, false, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFoldersNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listFoldersNamesOnly", Kinds::Folders, false, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAll(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listAll", Kinds::All, true, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFiles(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listFiles", Kinds::Files, true, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listFolders(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listFolders", Kinds::Folders, true, pattern, false);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listAllRecursiveNamesOnly", Kinds::All, false, pattern, true);
-}
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
-  return listing(*core_, folder, u"listAllRecursive", Kinds::All, true, pattern, true);
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+  Session session(*core_, folder, request.operation);
+  return std::make_unique<p::SnapshotFolderEntryIterator>(common::listTree(session.folder(), request, inArchiveOrder));
 }
 
 // --- administration ----------------------------------------------------------------------
 
-bool ArchiveProvider::hasFeature(p::ExtendedFeature feature) {
-  return feature != p::ExtendedFeature::NativeRecursiveRemoval || core_->format->writable();
-}
-
 void ArchiveProvider::configure(p::StorageIRI const& location, boost::property_tree::ptree settings) {
   for (auto const& [name, value] : settings) {
     if (name != "maxEditSize")
-      p::fail(ErrorCode::InvalidLocation, location, core_->key(u"configure"), "unknown setting \"" + name + "\"");
+      fail(ErrorCode::InvalidLocation, location, Operation::Configure, "unknown setting \"" + name + "\"");
     auto limit = value.get_value_optional<std::uint64_t>();
-    if (!limit) p::fail(ErrorCode::InvalidLocation, location, core_->key(u"configure"), "maxEditSize needs a byte count");
+    if (!limit) fail(ErrorCode::InvalidLocation, location, Operation::Configure, "maxEditSize needs a byte count");
     core_->maxEditSize = *limit;
   }
 }
 
-void ArchiveProvider::shutdownProvider(p::StorageIRI const&) {
-  core_->poller->stopAll();
-  core_->notifier.stopAll();
+void ArchiveProvider::shutdownProvider(p::StorageIRI const& location) {
+  ProviderBase::shutdownProvider(location);
+  core_->subscriptions.clear();
   core_->commitAll();
 }
 
 p::StorageInfo ArchiveProvider::getProviderStorageInfo(p::StorageIRI const& location) {
   // The folder holding the archive: the archive file itself may not be written yet.
-  p::StorageItem const& file = core_->locate(location, u"getProviderStorageInfo").archive->file;
+  p::StorageItem const& file = core_->locate(location, contextKey(Operation::GetProviderStorageInfo)).archive->file;
   return (file.hasParent() ? file.getParent() : file).getProviderStorageInfo();
 }
 
 void ArchiveProvider::flushFilesystem() { core_->commitAll(); }
 
 void ArchiveProvider::flushFilesystem(p::StorageIRI const& location) {
-  Place const place = core_->locate(location, u"flushFilesystem");
+  Place const place = core_->locate(location, core_->key(u"flushFilesystem"));
   core_->commit(*place.archive);
   // The archive around this one holds the change just committed.
   p::StorageItem const& file = place.archive->file;
@@ -552,7 +513,7 @@ void ArchiveProvider::flushFilesystem(p::StorageIRI const& location) {
 }
 
 void ArchiveProvider::invalidate(p::StorageIRI const& location) {
-  Place const place = core_->locate(location, u"invalidate");
+  Place const place = core_->locate(location, core_->key(u"invalidate"));
   Lock lock(*place.archive->lock);
   place.archive->dirty = false;
   place.archive->loaded = false;
@@ -563,42 +524,34 @@ void ArchiveProvider::invalidate(p::StorageIRI const& location) {
 void ArchiveProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback, std::vector<events::Kind> const& kinds) {
   p::StorageIRI watched;
   try {
-    Session session(*core_, file, u"publishFileEvents");
+    Session session(*core_, file, Operation::PublishFileEvents);
     session.file();
     watched = session.location();
   } catch (p::Exception const& failure) {
     p::raise(p::ChangeEventsSubscriptionException(file, failure.what()));
   }
-  core_->notifier.watchFile(watched, std::move(callback), kinds);
+  core_->subscriptions.subscribeFile(watched, std::move(callback), kinds);
 }
 
 void ArchiveProvider::stopPublishingFileEvents(p::StorageIRI const& file) {
-  core_->notifier.stopFile(core_->locate(file, u"stopPublishingFileEvents").location);
+  core_->subscriptions.unsubscribeFile(core_->locate(file, contextKey(Operation::StopPublishingFileEvents)).location);
 }
 
 void ArchiveProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
                                           std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
   p::StorageIRI watched;
   try {
-    Session session(*core_, folder, u"publishFolderEvents");
+    Session session(*core_, folder, Operation::PublishFolderEvents);
     session.folder();
     watched = session.location();
   } catch (p::Exception const& failure) {
     p::raise(p::ChangeEventsSubscriptionException(folder, failure.what()));
   }
-  core_->notifier.watchFolder(watched, std::move(callback), kinds, recursive == p::RecursiveWatching::Yes);
+  core_->subscriptions.subscribeFolder(watched, std::move(callback), kinds, recursive == p::RecursiveWatching::Yes);
 }
 
 void ArchiveProvider::stopPublishingFolderEvents(p::StorageIRI const& folder) {
-  core_->notifier.stopFolder(core_->locate(folder, u"stopPublishingFolderEvents").location);
+  core_->subscriptions.unsubscribeFolder(core_->locate(folder, contextKey(Operation::StopPublishingFolderEvents)).location);
 }
-
-void ArchiveProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
-                                                  std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
-                                                  p::RecursivePolling recursive) {
-  core_->poller->start(folder, std::move(callback), kinds, interval, recursive);
-}
-
-void ArchiveProvider::stopChangePollingMechanism(p::StorageIRI const& folder) { core_->poller->stop(folder); }
 
 } // namespace foundation::storage::providers::archive

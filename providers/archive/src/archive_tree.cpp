@@ -1,7 +1,5 @@
 #include "archive_tree.hpp"
 
-#include <foundation/storage/provider/wildcard.hpp>
-
 #include <fl/i18n/i18n.hpp>
 
 #include <algorithm>
@@ -12,7 +10,7 @@ namespace foundation::storage::providers::archive::detail {
 
 namespace {
 
-bool hidden(Node const& node) { return !node.name.empty() && node.name[0] == u'.'; }
+constexpr common::NameRule exactNames(p::FilenameSensitivity::CaseSensitive);
 
 bool validUtf8(std::string_view bytes) {
   try {
@@ -59,7 +57,7 @@ std::variant<Segments, std::string> checkedSegments(std::string const& raw) {
     return std::string("the name is not UTF-8, and the archive declares no encoding that decodes it");
   }
   Segments segments;
-  for (std::u16string const& segment : segmentsOf(text)) {
+  for (std::u16string const& segment : common::namesOf(text)) {
     if (segment == u"..") return std::string("the name climbs out with '..'");
     if (segment != u".") segments.push_back(segment);
   }
@@ -67,19 +65,6 @@ std::variant<Segments, std::string> checkedSegments(std::string const& raw) {
 }
 
 } // namespace
-
-Node::~Node() {
-  // Deep trees are taken apart without one call frame per level.
-  std::vector<std::unique_ptr<Node>> pending;
-  for (auto& [name, child] : children) pending.push_back(std::move(child));
-  children.clear();
-  while (!pending.empty()) {
-    std::unique_ptr<Node> node = std::move(pending.back());
-    pending.pop_back();
-    for (auto& [name, child] : node->children) pending.push_back(std::move(child));
-    node->children.clear();
-  }
-}
 
 Tree::Tree() : root_(std::make_unique<Node>()) {
   root_->folder = true;
@@ -144,29 +129,16 @@ void Tree::add(RawEntry const& entry) {
   if (!entry.folder) slot->entry = entry.ref;
 }
 
-Node* Tree::find(Segments const& path) const {
-  Node* node = root_.get();
-  for (auto const& segment : path) {
-    if (!node->folder) return nullptr;
-    auto child = node->children.find(segment);
-    if (child == node->children.end()) return nullptr;
-    node = child->second.get();
-  }
-  return node;
-}
+Node* Tree::find(Segments const& path) const { return common::findNode(*root_, path, exactNames); }
 
-Node* Tree::findParent(Segments const& path) const {
-  if (path.empty()) return nullptr;
-  Node* parent = find(Segments(path.begin(), path.end() - 1));
-  return parent && parent->folder ? parent : nullptr;
-}
+Node* Tree::findParent(Segments const& path) const { return common::findParentNode(*root_, path, exactNames); }
 
 std::optional<std::string> Tree::whySkipped(Segments const& path) const {
   // Compared loosely: what a user would type to reach the entry.
   for (auto const& entry : skipped_) {
     try {
       Segments loose;
-      for (auto& segment : segmentsOf(fl::i18n::strict::utf8_to_utf16(entry.name)))
+      for (auto& segment : common::namesOf(fl::i18n::strict::utf8_to_utf16(entry.name)))
         if (segment != u".") loose.push_back(std::move(segment));
       if (loose == path) return entry.reason;
     } catch (std::exception const&) {
@@ -206,7 +178,7 @@ LinkEnd Tree::resolveLink(Segments const& path) const {
       return LinkEnd::Nothing;
     }
     at.pop_back(); // relative to the folder holding the link
-    for (auto& segment : segmentsOf(target)) {
+    for (auto& segment : common::namesOf(target)) {
       if (segment == u".") continue;
       if (segment != u"..") {
         at.push_back(std::move(segment));
@@ -235,71 +207,11 @@ std::optional<std::string> refusedName(Segments const& path) {
   return std::nullopt;
 }
 
-Segments segmentsOf(std::u16string const& path) {
-  Segments segments;
-  std::size_t start = 0;
-  while (start <= path.size()) {
-    std::size_t end = path.find(u'/', start);
-    if (end == std::u16string::npos) end = path.size();
-    if (end > start) segments.push_back(path.substr(start, end - start));
-    start = end + 1;
-  }
-  return segments;
-}
-
-std::u16string pathOf(Segments const& segments) {
-  if (segments.empty()) return u"/";
-  std::u16string path;
-  for (auto const& segment : segments) path += u"/" + segment;
-  return path;
-}
-
-p::FileAttributes fileAttributesOf(Node const& node) {
-  return p::FileAttributes(node.size(), node.modified, node.writable, hidden(node), node.symlink);
-}
-
-p::FolderAttributes folderAttributesOf(Node const& node) {
-  return p::FolderAttributes(node.modified, node.writable, hidden(node), false);
-}
-
-std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttributes, std::u16string const& pattern,
-                                 bool recursive) {
-  std::vector<p::FolderEntry> out;
-  // Depth first, each folder right before its contents, without recursion per level.
-  struct Level {
-    std::vector<Node const*> children; ///< in archive order
-    std::u16string prefix;
-    std::size_t next = 0;
-  };
-  auto const inArchiveOrder = [](Node const& parent) {
-    std::vector<Node const*> children;
-    children.reserve(parent.children.size());
-    for (auto const& [name, child] : parent.children) children.push_back(child.get());
-    std::stable_sort(children.begin(), children.end(),
-                     [](Node const* a, Node const* b) { return a->position < b->position; });
-    return children;
-  };
-  std::vector<Level> stack{{inArchiveOrder(folder), u""}};
-  while (!stack.empty()) {
-    Level& level = stack.back();
-    if (level.next == level.children.size()) {
-      stack.pop_back();
-      continue;
-    }
-    Node const& child = *level.children[level.next++];
-    std::u16string name = level.prefix.empty() ? child.name : level.prefix + u"/" + child.name;
-    bool const kindWanted = kinds == Kinds::All || (kinds == Kinds::Files) == !child.folder;
-    if (kindWanted && (pattern.empty() || p::matchesWildcard(pattern, child.name))) {
-      if (!withAttributes)
-        out.emplace_back(name, !child.folder);
-      else if (child.folder)
-        out.emplace_back(name, folderAttributesOf(child));
-      else
-        out.emplace_back(name, fileAttributesOf(child));
-    }
-    if (recursive && child.folder) stack.push_back({inArchiveOrder(child), std::move(name)});
-  }
-  return out;
+std::vector<Node const*> inArchiveOrder(Node const& folder) {
+  std::vector<Node const*> children = common::inKeyOrder(folder);
+  std::stable_sort(children.begin(), children.end(),
+                   [](Node const* a, Node const* b) { return a->position < b->position; });
+  return children;
 }
 
 } // namespace foundation::storage::providers::archive::detail

@@ -4,7 +4,7 @@
 
 #include "spilled_content.hpp"
 
-#include <foundation/storage/provider/folder_entry.hpp>
+#include <foundation/storage/providers/common/name_tree.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -43,14 +43,10 @@ struct RawEntry {
   std::string problem;
 };
 
-struct Node {
-  std::u16string name;
-  bool folder = false;
-  bool symlink = false;
+/// A file or folder of the archive: `name`, `folder`, `symlink`, `writable`, `modified` and
+/// `children` (by name: archives compare names exactly) come from the shared tree node.
+struct Node : common::TreeNode<Node, std::unique_ptr<Node>> {
   std::string linkTarget; ///< a symbolic link's target, as stored (UTF-8)
-  bool writable = true;
-  boost::posix_time::ptime modified;
-  std::map<std::u16string, std::unique_ptr<Node>> children;
   /// The file's data in the archive as read, unless `content` replaced it.
   std::optional<EntryRef> entry;
   /// The archive's entry this node was read from (files and folders with an entry).
@@ -65,15 +61,11 @@ struct Node {
   /// an archive front to back. Nodes made here come last.
   std::uint64_t position = UINT64_MAX;
 
-  Node() = default;
-  Node(Node const&) = delete;
-  Node& operator=(Node const&) = delete;
-  ~Node();
-
   std::uint64_t size() const { return content ? content->size() : entry ? entry->size : 0; }
 };
 
-using Segments = std::vector<std::u16string>;
+using Segments = common::Names;
+using common::pathOf;
 
 /// An entry that was not put in the tree, and why. `name` shows bytes that are not UTF-8
 /// as \xHH.
@@ -120,19 +112,7 @@ private:
 /// Why a new entry cannot be named `path`: a name that reading the archive back would
 /// skip, or one longer than an entry header holds. None when it can.
 std::optional<std::string> refusedName(Segments const& path);
-/// The `/`-separated segments of a resolved path ("/a/b" gives {"a", "b"}).
-Segments segmentsOf(std::u16string const& path);
-/// "/a/b" from {"a", "b"}; "/" for none.
-std::u16string pathOf(Segments const& segments);
-
-enum class Kinds { All, Files, Folders };
-
-/// The children (or, recursively, the descendants, each folder before its contents) of
-/// `folder` whose name matches `pattern` (empty: all), in archive order.
-std::vector<p::FolderEntry> list(Node const& folder, Kinds kinds, bool withAttributes, std::u16string const& pattern,
-                                 bool recursive);
-
-p::FileAttributes fileAttributesOf(Node const& node);
-p::FolderAttributes folderAttributesOf(Node const& node);
+/// The children of `folder` in archive order (see Node::position).
+std::vector<Node const*> inArchiveOrder(Node const& folder);
 
 } // namespace foundation::storage::providers::archive::detail

@@ -26,21 +26,29 @@ std::size_t depthOf(p::StorageIRI iri) {
 } // namespace
 
 ProviderCore::ProviderCore(std::u16string scheme, std::unique_ptr<ArchiveFormat> format, OuterProviderResolver resolver)
-    : scheme(std::move(scheme)), format(std::move(format)), resolver(std::move(resolver)) {}
+    : scheme(std::move(scheme)), format(std::move(format)), resolver(std::move(resolver)),
+      // Locations of different archives differ in their inner IRI.
+      subscriptions([](p::StorageIRI const& location) {
+        return location.getInnerIRI().toString() + u"!" + location.getResolvedPath();
+      }) {}
 
-Place ProviderCore::locate(p::StorageIRI const& location, char16_t const* op, p::ErrorCode foreign) {
+std::u16string ProviderCore::key(p::Operation op) const {
+  return key(fl::i18n::to_ustring(std::string_view(p::toString(op))));
+}
+
+Place ProviderCore::locate(p::StorageIRI const& location, std::u16string const& context, p::ErrorCode foreign) {
   if (location.getScheme() != scheme || !location.hasInnerIRI() || !location.hasPath())
-    p::fail(foreign, location, key(op), "not a location inside a " + fl::i18n::to_utf8(scheme) + " archive");
+    p::fail(foreign, location, context, "not a location inside a " + fl::i18n::to_utf8(scheme) + " archive");
   p::StorageIRI const file = location.getInnerIRI();
-  Segments path = segmentsOf(location.getResolvedPath());
+  Segments path = common::namesOf(location.getResolvedPath());
   std::shared_ptr<Archive> archive;
   {
     std::lock_guard lock(mutex_);
-    if (closed_) p::fail(p::ErrorCode::IOError, location, key(op), "the archive provider is gone");
+    if (closed_) p::fail(p::ErrorCode::IOError, location, context, "the archive provider is gone");
     auto& slot = archives_[file];
     if (!slot) {
       auto provider = resolver(file);
-      if (!provider) p::fail(p::ErrorCode::UnsupportedOperation, file, key(op), "no provider serves the archive's location");
+      if (!provider) p::fail(p::ErrorCode::UnsupportedOperation, file, context, "no provider serves the archive's location");
       if (provider.get() == self) provider = std::shared_ptr<p::IProvider>(std::shared_ptr<p::IProvider>(), self);
       slot = std::make_shared<Archive>(p::StorageItem(std::move(provider), file));
     }
@@ -50,19 +58,19 @@ Place ProviderCore::locate(p::StorageIRI const& location, char16_t const* op, p:
   return {std::move(archive), std::move(path), std::move(resolved)};
 }
 
-std::optional<p::FileAttributes> ProviderCore::attributesNow(Archive const& archive, char16_t const* op) const {
+std::optional<p::FileAttributes> ProviderCore::attributesNow(Archive const& archive, std::u16string const& context) const {
   try {
     return archive.file.getFileAttributes();
   } catch (p::Exception& failure) {
     if (failure.getErrorCode() != p::ErrorCode::ResourceNotFound)
-      throw failure.addExceptionContext(p::ExceptionContext(key(op), "the archive file cannot be reached"));
+      throw failure.addExceptionContext(p::ExceptionContext(context, "the archive file cannot be reached"));
   }
   return std::nullopt;
 }
 
-void ProviderCore::refresh(Archive& archive, char16_t const* op) {
+void ProviderCore::refresh(Archive& archive, std::u16string const& context) {
   if (archive.dirty) return;
-  std::optional<p::FileAttributes> const now = attributesNow(archive, op);
+  std::optional<p::FileAttributes> const now = attributesNow(archive, context);
   if (archive.loaded && archive.seen == now) return;
   archive.loaded = false;
   archive.reader.reset();
@@ -77,7 +85,7 @@ void ProviderCore::refresh(Archive& archive, char16_t const* op) {
   try {
     archive.reader = format->open(archive.file, entries);
   } catch (p::Exception& failure) {
-    throw failure.addExceptionContext(p::ExceptionContext(key(op), "the archive cannot be read"));
+    throw failure.addExceptionContext(p::ExceptionContext(context, "the archive cannot be read"));
   }
   archive.tree = std::make_unique<Tree>(entries);
   for (auto const& skipped : archive.tree->skipped())
@@ -92,17 +100,17 @@ Node* ProviderCore::find(Archive const& archive, Segments const& path) {
   return archive.exists ? archive.tree->find(path) : nullptr;
 }
 
-void ProviderCore::missing(Place const& place, char16_t const* op, std::string const& what) const {
+void ProviderCore::missing(Place const& place, std::u16string const& context, std::string const& what) const {
   Archive const& archive = *place.archive;
   if (!archive.exists)
-    p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op),
+    p::fail(p::ErrorCode::ResourceNotFound, place.location, context,
             "the archive " + archive.file.getLocation().toIRI() + " does not exist");
   std::string message = "no such " + what;
   if (auto reason = archive.tree->whySkipped(place.path)) message += " (the archive's entry was skipped: " + *reason + ")";
-  p::fail(p::ErrorCode::ResourceNotFound, place.location, key(op), message);
+  p::fail(p::ErrorCode::ResourceNotFound, place.location, context, message);
 }
 
-void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const* op) {
+void ProviderCore::requireWritable(p::StorageIRI const& location, p::Operation op) {
   if (!format->writable())
     p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
             fl::i18n::to_utf8(scheme) + " archives are read only");
@@ -111,7 +119,7 @@ void ProviderCore::requireWritable(p::StorageIRI const& location, char16_t const
   ProviderCore* core = this;
   p::StorageIRI inner = location;
   for (;;) {
-    p::StorageItem const& file = core->locate(inner, op).archive->file;
+    p::StorageItem const& file = core->locate(inner, core->key(op)).archive->file;
     auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get());
     if (!around) return;
     core = around->core_.get();
@@ -128,11 +136,11 @@ std::string ProviderCore::linkHasNoData(Node const& link) {
 }
 
 std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file, p::StorageIRI const& location,
-                                                   char16_t const* op) {
+                                                   std::u16string const& context) {
   if (file.content) return file.content;
-  if (file.symlink) p::fail(p::ErrorCode::InvalidLocation, location, key(op), linkHasNoData(file));
+  if (file.symlink) p::fail(p::ErrorCode::InvalidLocation, location, context, linkHasNoData(file));
   if (file.size() > maxEditSize)
-    p::fail(p::ErrorCode::FileTooLarge, location, key(op), "the entry is larger than the edit limit (maxEditSize)");
+    p::fail(p::ErrorCode::FileTooLarge, location, context, "the entry is larger than the edit limit (maxEditSize)");
   auto content = std::make_shared<Content>(spill);
   try {
     auto stream = archive.reader->openEntry(*file.entry);
@@ -143,9 +151,9 @@ std::shared_ptr<Content> ProviderCore::materialize(Archive& archive, Node& file,
       done += static_cast<std::uint64_t>(got);
     }
     if (done != file.size())
-      p::fail(p::ErrorCode::IOError, location, key(op), "the entry's data does not match its declared size");
+      p::fail(p::ErrorCode::IOError, location, context, "the entry's data does not match its declared size");
   } catch (p::ByteStreamFailure const& failure) {
-    p::fail(failure.getErrorCode(), location, key(op), failure.what());
+    p::fail(failure.getErrorCode(), location, context, failure.what());
   }
   file.content = content;
   file.entry.reset();
@@ -158,7 +166,7 @@ void ProviderCore::commit(Archive& archive) {
   // Another writer's archive is never overwritten with this change set: a file that
   // appeared where there was none is caught atomically as the new one lands, a file
   // changed since it was read just before.
-  if (attributesNow(archive, u"commit") != archive.seen)
+  if (attributesNow(archive, key(u"commit")) != archive.seen)
     p::fail(p::ErrorCode::ResourceInUse, archive.file.getLocation(), key(u"commit"),
             "the archive file changed since it was read; the changes wait (invalidate drops them)");
   auto const landing = archive.seen ? p::StreamClosePolicy::Commit : p::StreamClosePolicy::CommitWithoutReplacing;

@@ -4,9 +4,9 @@
 // archive's own location (the inner IRI of the locations inside it).
 
 #include "archive_format.hpp"
-#include "change_notifier.hpp"
 
-#include <foundation/storage/provider/change_polling_watcher.hpp>
+#include <foundation/storage/provider/operation.hpp>
+#include <foundation/storage/providers/common/change_subscriptions.hpp>
 #include <foundation/storage/providers/archive/archive_provider.hpp>
 
 #include <atomic>
@@ -45,24 +45,25 @@ struct ProviderCore {
 
   /// Finds the archive of `location`; locations of other schemes or without an archive
   /// are InvalidLocation (UnsupportedOperation with `foreign`).
-  Place locate(p::StorageIRI const& location, char16_t const* op,
+  Place locate(p::StorageIRI const& location, std::u16string const& context,
                p::ErrorCode foreign = p::ErrorCode::InvalidLocation);
   /// The archive file's attributes; none when it is missing.
-  std::optional<p::FileAttributes> attributesNow(Archive const& archive, char16_t const* op) const;
+  std::optional<p::FileAttributes> attributesNow(Archive const& archive, std::u16string const& context) const;
   /// Reads the archive again if its file changed and nothing is pending. Under its lock.
-  void refresh(Archive& archive, char16_t const* op);
+  void refresh(Archive& archive, std::u16string const& context);
   /// The node at `path`; null when missing or when the archive does not exist.
   static Node* find(Archive const& archive, Segments const& path);
   /// ResourceNotFound for `place`, naming why the entry there was skipped if it was.
-  [[noreturn]] void missing(Place const& place, char16_t const* op, std::string const& what) const;
+  [[noreturn]] void missing(Place const& place, std::u16string const& context, std::string const& what) const;
   /// ReadOnlyProvider unless the format writes and every archive around this one can be
   /// written too.
-  void requireWritable(p::StorageIRI const& location, char16_t const* op);
+  void requireWritable(p::StorageIRI const& location, p::Operation op);
   /// Why a symbolic link entry cannot be read or edited: it is never followed.
   static std::string linkHasNoData(Node const& link);
   /// The file's data as written in the change set, read from the archive when it is not
   /// there yet. A symbolic link has none (InvalidLocation).
-  std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location, char16_t const* op);
+  std::shared_ptr<Content> materialize(Archive& archive, Node& file, p::StorageIRI const& location,
+                                       std::u16string const& context);
   /// Writes the archive if changes are pending. Under no lock of it.
   void commit(Archive& archive);
   /// Commits every archive with pending changes, innermost first; the first failure is
@@ -70,7 +71,10 @@ struct ProviderCore {
   void commitAll();
   /// commitAll for those who cannot report a failure (a destructor): it is logged.
   void commitAllLoggingFailures() noexcept;
-  std::u16string key(char16_t const* op) const { return scheme + u"." + op; }
+  /// "<scheme>.<operation>", the context key the provider's own failures carry.
+  std::u16string key(p::Operation op) const;
+  /// "<scheme>.<what>" for a step of no single operation ("commit").
+  std::u16string key(std::u16string_view what) const { return scheme + u"." + std::u16string(what); }
   /// Forgets every archive once the provider is gone; streams still open then fail.
   void close();
 
@@ -80,8 +84,8 @@ struct ProviderCore {
   std::atomic<std::uint64_t> maxEditSize{256u << 20};
   /// Where the contents written in every change set wait for their commit.
   std::shared_ptr<SpillFile> const spill = std::make_shared<SpillFile>();
-  ChangeNotifier notifier;
-  std::unique_ptr<p::ChangePollingWatcher> poller;
+  /// Changes are queued under the lock of the archive they were made in.
+  common::ChangeSubscriptions subscriptions;
   /// The provider this core serves; archives inside its own archives refer to it without
   /// owning it, so that it can go.
   p::IProvider* self = nullptr;

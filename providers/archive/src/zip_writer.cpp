@@ -110,7 +110,7 @@ bool ascii(std::string const& text) {
 std::optional<Segments> looseSegments(std::string const& raw) {
   try {
     Segments segments;
-    for (auto& segment : segmentsOf(fl::i18n::strict::utf8_to_utf16(raw)))
+    for (auto& segment : common::namesOf(fl::i18n::strict::utf8_to_utf16(raw)))
       if (segment != u".") segments.push_back(std::move(segment));
     return segments;
   } catch (std::exception const&) {

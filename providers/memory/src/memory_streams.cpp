@@ -119,9 +119,9 @@ void MemoryTransactionalStream::commit(bool replace) {
   {
     WriteScope scope(*tree_);
     auto& changes = scope.changes;
-    Names names = tree_->namesOf(location_, u"commit");
+    Names names = common::namesOf(location_.getResolvedPath());
     NodePtr file = tree_->find(names);
-    if (file && file->isFolder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
+    if (file && file->folder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
     if (file && !replace) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "the file exists");
     if (!file) {
       if (mustExist_) refuse(p::ErrorCode::ResourceNotFound, location_, u"commit", "the file was removed meanwhile");

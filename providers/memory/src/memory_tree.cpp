@@ -6,91 +6,63 @@
 
 namespace foundation::storage::providers::memory::detail {
 
-void refuse(p::ErrorCode code, p::StorageIRI const& location, char16_t const* op, std::string message) {
-  p::fail(code, location, std::u16string(u"memory.") + op, std::move(message));
+std::u16string contextKey(std::u16string_view what) {
+  std::u16string key = u"memory.";
+  key += what;
+  return key;
 }
 
-Node::Node(bool folder, std::u16string n) : isFolder(folder), name(std::move(n)), modified(Tree::now()) {}
-
-Node::~Node() {
-  std::vector<NodePtr> orphans;
-  auto adopt = [&orphans](Node& node) {
-    for (auto& [k, child] : node.children)
-      if (child.use_count() == 1) orphans.push_back(std::move(child)); // the last owner: destroyed here
-    node.children.clear();
-  };
-  adopt(*this);
-  while (!orphans.empty()) {
-    NodePtr node = std::move(orphans.back());
-    orphans.pop_back();
-    adopt(*node);
-  }
+void refuse(p::ErrorCode code, p::StorageIRI const& location, std::u16string_view what, std::string message) {
+  p::fail(code, location, contextKey(what), std::move(message));
 }
 
-Tree::Tree(std::u16string s, std::u16string a, p::FilenameSensitivity sens)
-    : scheme(std::move(s)), authority(std::move(a)), sensitivity(sens), root(std::make_shared<Node>(true, u"")) {}
+void refuse(p::ErrorCode code, p::StorageIRI const& location, p::Operation op, std::string message) {
+  refuse(code, location, fl::i18n::to_ustring(std::string_view(p::toString(op))), std::move(message));
+}
+
+Node::Node(bool isFolder, std::u16string n) {
+  folder = isFolder;
+  name = std::move(n);
+  modified = Tree::now();
+}
+
+Tree::Tree(std::u16string s, std::u16string a, p::FilenameSensitivity sensitivity)
+    : scheme(std::move(s)), authority(std::move(a)), names(sensitivity), root(std::make_shared<Node>(true, u"")),
+      subscriptions([this](p::StorageIRI const& location) { return key(location.getResolvedPath()); }) {}
 
 boost::posix_time::ptime Tree::now() { return boost::posix_time::microsec_clock::universal_time(); }
-
-std::u16string Tree::key(std::u16string_view name) const {
-  return sensitivity == p::FilenameSensitivity::CaseInsensitive ? fl::i18n::fold_case(name) : std::u16string(name);
-}
 
 bool Tree::serves(p::StorageIRI const& location) const noexcept {
   return location.getScheme() == scheme && location.getAuthority() == authority && !location.hasInnerIRI() &&
          location.hasPath();
 }
 
-Names Tree::namesOf(p::StorageIRI const& location, char16_t const* op) const {
+Names Tree::namesOf(p::StorageIRI const& location, p::Operation op) const {
   if (!serves(location)) refuse(p::ErrorCode::InvalidLocation, location, op, "not a location of this memory provider");
-  Names names;
-  std::u16string const path = location.getResolvedPath();
-  std::size_t start = 1;
-  while (start < path.size()) {
-    std::size_t end = path.find(u'/', start);
-    if (end == path.npos) end = path.size();
-    names.emplace_back(path.substr(start, end - start));
-    start = end + 1;
-  }
-  return names;
+  return common::namesOf(location.getResolvedPath());
 }
 
-NodePtr Tree::find(Names const& names) const {
-  NodePtr node = root;
-  for (auto const& name : names) {
-    if (!node->isFolder) return nullptr;
-    auto it = node->children.find(key(name));
-    if (it == node->children.end()) return nullptr;
-    node = it->second;
-  }
-  return node;
+NodePtr Tree::find(Names const& path) const {
+  Node* node = common::findNode(*root, path, names);
+  return node ? node->shared_from_this() : nullptr;
 }
 
-NodePtr Tree::findParent(Names const& names) const {
-  if (names.empty()) return nullptr;
-  NodePtr parent = find(Names(names.begin(), names.end() - 1));
-  return parent && parent->isFolder ? parent : nullptr;
+NodePtr Tree::findParent(Names const& path) const {
+  Node* parent = common::findParentNode(*root, path, names);
+  return parent ? parent->shared_from_this() : nullptr;
 }
 
-p::StorageIRI Tree::canonical(Names const& names) const {
-  std::u16string path;
+p::StorageIRI Tree::canonical(Names const& path) const {
+  std::u16string stored;
   Node const* node = root.get();
-  for (auto const& name : names) {
-    Node const* child = nullptr;
-    if (node && node->isFolder) {
-      auto it = node->children.find(key(name));
-      if (it != node->children.end()) child = it->second.get();
-    }
-    path += u'/';
-    path += child ? child->name : name;
+  for (auto const& name : path) {
+    Node const* child = node && node->folder ? common::childOf(*node, name, names) : nullptr;
+    stored += u'/';
+    stored += child ? child->name : name;
     node = child;
   }
   p::StorageIRI rootIRI(scheme + u"://" + authority + u"/");
-  return p::StorageIRI(rootIRI, path);
-}
-
-std::u16string Tree::pathKey(p::StorageIRI const& location) const {
-  return key(location.getResolvedPath());
+  return p::StorageIRI(rootIRI, stored);
 }
 
 void Tree::account(Node const& file, std::uint64_t oldSize, std::uint64_t newSize, p::StorageIRI const& location) {
@@ -111,7 +83,7 @@ void Tree::detach(Node& top, p::StorageIRI const& location, std::vector<Change>*
   struct Level {
     Node* node;
     p::StorageIRI location;
-    std::map<std::u16string, NodePtr>::iterator next;
+    Node::Children::iterator next;
   };
   std::vector<Level> stack{{&top, location, top.children.begin()}};
   while (!stack.empty()) {
@@ -123,64 +95,28 @@ void Tree::detach(Node& top, p::StorageIRI const& location, std::vector<Change>*
       continue;
     }
     Node& node = *level.node;
-    if (!node.isFolder && node.attached) used -= node.content->size();
+    if (!node.folder && node.attached) used -= node.content->size();
     node.attached = false;
     if (changes)
       changes->push_back({events::Kind::Removed, std::move(level.location),
-                          node.isFolder ? events::EntryType::Folder : events::EntryType::File, {}});
+                          node.folder ? events::EntryType::Folder : events::EntryType::File});
     stack.pop_back();
   }
 }
 
-void Tree::deliverPending() {
-  changeQueue.deliverPending([this](Change const& change) {
-    watches.notify(change, [this](p::StorageIRI const& location) { return pathKey(location); });
-  });
-}
-
-WriteScope::WriteScope(Tree& tree) : tree_(tree), lock_(tree.mutex), watched(!tree.watches.empty()) {}
+WriteScope::WriteScope(Tree& tree) : tree_(tree), lock_(tree.mutex), watched(tree.subscriptions.any()) {}
 
 WriteScope::~WriteScope() {
   bool const report = watched && !changes.empty();
   if (report) {
     try {
-      tree_.changeQueue.enqueue(std::move(changes));
+      tree_.subscriptions.enqueue(std::move(changes));
     } catch (...) {
       // Out of memory for the report: the change itself stands.
     }
   }
   lock_.unlock();
-  if (report) tree_.deliverPending();
-}
-
-void Watches::add(std::u16string key, p::StorageIRI location, bool folder, bool recursive,
-                  std::vector<events::Kind> kinds, p::ChangeCallback callback) {
-  std::lock_guard lock(mutex_);
-  (folder ? folders_ : files_)[std::move(key)] =
-      Watch{std::move(location), folder, recursive, std::move(kinds), std::move(callback)};
-}
-
-void Watches::remove(std::u16string const& key, bool folder) {
-  std::lock_guard lock(mutex_);
-  (folder ? folders_ : files_).erase(key);
-}
-
-bool Watches::empty() const {
-  std::lock_guard lock(mutex_);
-  return files_.empty() && folders_.empty();
-}
-
-void Watches::clear() {
-  std::lock_guard lock(mutex_);
-  files_.clear();
-  folders_.clear();
-}
-
-bool Watches::covers(std::u16string const& watchKey, Watch const& w, std::u16string const& itemKey) {
-  if (itemKey == watchKey) return true;
-  std::u16string const prefix = watchKey == u"/" ? watchKey : watchKey + u"/";
-  if (!itemKey.starts_with(prefix) || itemKey.size() == prefix.size()) return false;
-  return w.recursive || itemKey.find(u'/', prefix.size()) == std::u16string::npos;
+  if (report) tree_.subscriptions.deliverPending();
 }
 
 } // namespace foundation::storage::providers::memory::detail

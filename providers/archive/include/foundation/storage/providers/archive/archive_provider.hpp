@@ -1,7 +1,7 @@
 #pragma once
 
 #include <foundation/core/visibility.hpp>
-#include <foundation/storage/provider/provider.hpp>
+#include <foundation/storage/provider/provider_base.hpp>
 
 #include <functional>
 #include <memory>
@@ -64,17 +64,17 @@ struct ProviderCore;
 /// creates an empty archive. Settings (`configure`): "maxEditSize" (bytes; an entry larger
 /// than this is FileTooLarge when opened for in-place writing; default 256 MiB).
 /// Changes are reported natively; polling is available too. Thread-safe.
-class FOUNDATION_API ArchiveProvider : public provider::IProvider,
+class FOUNDATION_API ArchiveProvider : public provider::ProviderBase,
                                        public provider::extensions::IFlushableFilesystem,
                                        public provider::extensions::IInvalidatable {
 public:
   ~ArchiveProvider() override;
 
+  /// A missing entry's error names why reading skipped it, when it did.
   provider::StorageIRI getCanonicalLocation(provider::StorageIRI const& location) override;
   provider::ExistsResult exists(provider::StorageIRI const& location) override;
+  /// Tells where a symbolic link leads inside the archive.
   provider::ExtendedExistsResult existsExtended(provider::StorageIRI const& location) override;
-  bool fileExists(provider::StorageIRI const& location) override;
-  bool folderExists(provider::StorageIRI const& location) override;
   provider::FileAttributes getFileAttributes(provider::StorageIRI const& file) override;
   provider::FolderAttributes getFolderAttributes(provider::StorageIRI const& folder) override;
   provider::ExtendedAttributes getExtendedAttributes(provider::StorageIRI const& location) override;
@@ -83,36 +83,23 @@ public:
   void createFile(provider::StorageIRI const& file) override;
   void removeFile(provider::StorageIRI const& file) override;
   void truncateToSize(provider::StorageIRI const& file, std::uint64_t size) override;
-  std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
   std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
-  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
-  provider::CopyResult copyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
+  /// Creating the root folder of a missing archive creates an empty archive.
   void createFolder(provider::StorageIRI const& folder) override;
+  /// Every missing level at once, under the archive's lock; creates the archive if missing.
   void createFolderRecursive(provider::StorageIRI const& folder) override;
   void removeFolder(provider::StorageIRI const& folder) override;
+  /// All or nothing, under the archive's lock.
   void removeFolderRecursively(provider::StorageIRI const& folder) override;
-  void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
-  provider::FilenameSensitivity getFilenameSensitivity(provider::StorageIRI const& location) override;
-  provider::PathComparatorFunction getPathComparator(provider::StorageIRI const& location) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  bool hasFeature(provider::ExtendedFeature feature) override;
   void configure(provider::StorageIRI const& location, boost::property_tree::ptree settings) override;
+  /// Stops every poll and subscription, then commits every pending change set.
   void shutdownProvider(provider::StorageIRI const& location) override;
+  /// That of the folder holding the archive file.
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
   void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(provider::StorageIRI const& file) override;
   void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
-  void startChangePollingMechanism(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, provider::RecursivePolling recursive) override;
-  void stopChangePollingMechanism(provider::StorageIRI const& folder) override;
 
   /// Commits every pending change set, innermost archives first.
   void flushFilesystem() override;
@@ -124,6 +111,15 @@ public:
 
 protected:
   explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
+
+  /// A snapshot in archive order taken under the archive's lock, filtered and recursive natively.
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  /// Within one archive only (UnsupportedOperation otherwise).
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  /// Within one archive only (UnsupportedOperation otherwise).
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
 
 private:
   friend struct detail::ProviderCore; // asks the archives around its own whether they can be written
