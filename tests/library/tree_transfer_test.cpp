@@ -131,7 +131,7 @@ class TreeTransfer : public OnEveryProvider {
 protected:
   void SetUp() override {
     OnEveryProvider::SetUp();
-    buildSource(h);
+    if (!IsSkipped()) buildSource(h);
   }
 
   /// A folder on the other provider of the storage system (not wrapped).
