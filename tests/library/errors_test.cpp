@@ -198,4 +198,4 @@ TEST_P(Translation, NamesALocationForEveryProviderFailure) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Providers, Translation, ::testing::Values("mem", "file"));
+INSTANTIATE_ON_EVERY_SCHEME(Translation);

@@ -343,4 +343,4 @@ TEST_P(FileStreams, LargeRequestsLeaveThePutBackAreaAsBufferedOnesWould) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Providers, FileStreams, ::testing::Values("mem", "file"));
+INSTANTIATE_ON_EVERY_SCHEME(FileStreams);

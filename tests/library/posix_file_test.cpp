@@ -167,7 +167,7 @@ TEST_P(PosixFiles, ProviderFailuresBecomeErrnoValues) {
   EXPECT_EQ(writing->ferror(), ENOSPC);
 }
 
-INSTANTIATE_TEST_SUITE_P(Providers, PosixFiles, ::testing::Values("mem", "file"));
+INSTANTIATE_ON_EVERY_SCHEME(PosixFiles);
 
 TEST(RawPosixFiles, ForwardToTheCLibraryAndCloseOnlyWhatTheyOwn) {
   EXPECT_EQ(vfs::adaptPosixFile(nullptr, true), nullptr);

@@ -325,13 +325,13 @@ bool mayReplace(Object& destination, p::ReplacementPolicy policy) {
   return true;
 }
 
-/// Copies the file `from` (as `info` tells) to `to`. Unless `policy` overwrites, the copy
-/// lands over a claim, so that a destination appearing meanwhile is kept: then false for
-/// KeepExisting, ResourceAlreadyExists otherwise.
+/// Copies the file `from` (as `info` tells) to `to`. Unless `policy` replaces (Overwrite,
+/// ForceOverwrite), the copy lands over a claim, so that a destination appearing meanwhile
+/// is kept: then false for KeepExisting, ResourceAlreadyExists otherwise.
 bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Object const& to, p::ReplacementPolicy policy,
               std::function<void(std::uint64_t)> const& progress) {
   std::string token;
-  if (policy != p::ReplacementPolicy::Overwrite) {
+  if (!p::replaces(policy)) {
     token = newClaimToken();
     try {
       claimKey(client, to.key(), token, to.site());
