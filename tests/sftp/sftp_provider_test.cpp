@@ -123,6 +123,21 @@ TEST_F(SftpServerTest, TakesItsKeyFilesFromConfigurationAndRefusesUnknownKeys) {
   EXPECT_EQ(failureOf([&] { provider->configure(folder.iri, unknown); }).getErrorCode(), ErrorCode::InvalidLocation);
 }
 
+TEST_F(SftpServerTest, HonoursHostAliasesUsersPortsAndKeysOfTheSshConfiguration) {
+  auto config = scratch_.path() / "ssh_config";
+  testsupport::writeFile(config, "Host vfs-test-alias\n  HostName " + testsupport::sftpVariable("VFS_SFTP_HOST") +
+                                     "\n  Port " + testsupport::sftpVariable("VFS_SFTP_PORT") + "\n  User " +
+                                     testsupport::sftpVariable("VFS_SFTP_USER") + "\n  IdentityFile " +
+                                     testsupport::sftpVariable("VFS_SFTP_IDENTITY") + "\n  UserKnownHostsFile " +
+                                     testsupport::sftpVariable("VFS_SFTP_KNOWN_HOSTS") + "\n");
+  auto provider = std::make_shared<sftp::SftpProvider>(u"vfs-test-alias", sftp::SftpSettings{{}, {}, config.string()});
+  auto folder = testsupport::uniqueSftpFolder("aliased").path;
+  p::StorageIRI location(u"sftp://vfs-test-alias" + std::u16string(folder.begin(), folder.end()));
+  provider->createFolder(location);
+  EXPECT_TRUE(provider->folderExists(location));
+  provider->removeFolder(location);
+}
+
 /// Kills the server's processes serving connections (not its listener), as a server that
 /// crashes mid-transfer, and waits until they are gone.
 void killConnections() {
