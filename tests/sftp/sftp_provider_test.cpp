@@ -10,8 +10,11 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include <sys/statvfs.h>
+
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -136,6 +139,34 @@ TEST_F(SftpServerTest, HonoursHostAliasesUsersPortsAndKeysOfTheSshConfiguration)
   provider->createFolder(location);
   EXPECT_TRUE(provider->folderExists(location));
   provider->removeFolder(location);
+}
+
+// The test server serves this machine's own file system, so what it reports can be
+// checked against the local view of the same files.
+TEST_F(SftpServerTest, ReportsTheServersFileSystemAndKeepsPermissionsAcrossCommits) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("local-view");
+  provider->createFolder(folder.iri);
+
+  auto info = provider->getProviderStorageInfo(folder.iri);
+  struct statvfs local {};
+  ASSERT_EQ(::statvfs(folder.path.c_str(), &local), 0);
+  EXPECT_EQ(info.totalBytes, std::uint64_t(local.f_frsize) * local.f_blocks);
+  EXPECT_GT(info.availableBytes, 0u);
+
+  p::StorageItem file(provider, p::StorageIRI(folder.iri, u"kept-mode.txt"));
+  writeFile(file, "old");
+  auto const path = std::filesystem::path(folder.path) / "kept-mode.txt";
+  std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
+                                         std::filesystem::perms::group_read);
+  auto stream = file.openTransactionalStream({});
+  stream->write("new", 3);
+  stream->close();
+  EXPECT_EQ(testsupport::readFile(path), "new");
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms::owner_read |
+                                                             std::filesystem::perms::owner_write |
+                                                             std::filesystem::perms::group_read);
+  provider->removeFolderRecursively(folder.iri);
 }
 
 /// Kills the server's processes serving connections (not its listener), as a server that

@@ -57,8 +57,9 @@ inline std::string sftpUnavailable() {
     if (sftpVariable("VFS_SFTP_PORT").empty())
       return "no SSH server: run `eval \"$(scripts/sshd.sh start)\"` (it sets VFS_SFTP_PORT and the key files)";
     try {
-      auto data = uniqueSftpFolder("probe");
-      makeSftpProvider()->exists(data.iri);
+      // Kept, so that every provider of the tests shares its session: one login per process.
+      static auto const probe = makeSftpProvider();
+      probe->exists(uniqueSftpFolder("probe").iri);
       return {};
     } catch (std::exception const& e) {
       return std::string("the SSH server does not answer (start it with scripts/sshd.sh start): ") + e.what();

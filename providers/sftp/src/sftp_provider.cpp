@@ -372,7 +372,7 @@ p::StorageInfo SftpProvider::getProviderStorageInfo(p::StorageIRI const& locatio
   return run(location, Operation::GetProviderStorageInfo, true, [&](Session const& session) {
     p::StorageInfo info;
     info.details.put("sftp.server", session->label());
-    if (!session->supports("statvfs@openssh.com")) return info;
+    if (!session->supports("statvfs@openssh.com", "2")) return info;
     std::unique_ptr<sftp_statvfs_struct, void (*)(sftp_statvfs_t)> found(sftp_statvfs(session->sftp(), path.c_str()),
                                                                           sftp_statvfs_free);
     if (!found) throw session->failure("cannot read the storage information");

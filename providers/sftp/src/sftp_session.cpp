@@ -101,7 +101,9 @@ bool SftpSession::alive() const {
   return rc != SSH_ERROR && rc != SSH_EOF && connected();
 }
 
-bool SftpSession::supports(char const* extension) const { return sftp_extension_supported(sftp_, extension, "1") != 0; }
+bool SftpSession::supports(char const* extension, char const* version) const {
+  return sftp_extension_supported(sftp_, extension, version) != 0;
+}
 
 SftpFailure SftpSession::failure(std::string const& what) const {
   if (!connected() || ssh_get_error_code(ssh_) == SSH_FATAL)

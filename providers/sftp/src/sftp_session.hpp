@@ -52,7 +52,8 @@ public:
   bool connected() const;
   /// Connected, and no end of the connection has arrived; asks nothing of the server.
   bool alive() const;
-  bool supports(char const* extension) const;
+  /// Whether the server offers the extension in the version this code speaks.
+  bool supports(char const* extension, char const* version = "1") const;
 
   /// The failure of the request that just failed, "what: reason".
   SftpFailure failure(std::string const& what) const;
