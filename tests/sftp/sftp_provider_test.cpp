@@ -12,6 +12,7 @@
 
 #include <sys/statvfs.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -166,6 +167,31 @@ TEST_F(SftpServerTest, ReportsTheServersFileSystemAndKeepsPermissionsAcrossCommi
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms::owner_read |
                                                              std::filesystem::perms::owner_write |
                                                              std::filesystem::perms::group_read);
+  provider->removeFolderRecursively(folder.iri);
+}
+
+// One session serves every thread: requests of different threads never interleave on it.
+TEST_F(SftpServerTest, ServesManyThreadsThroughOneSession) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("threads");
+  provider->createFolder(folder.iri);
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      p::StorageItem file(provider, p::StorageIRI(folder.iri, u"thread" + std::u16string(1, char16_t(u'0' + t))));
+      std::string const bytes(100 * 1024 + t, static_cast<char>('a' + t));
+      for (int round = 0; round < 5; ++round) {
+        auto stream = file.openTransactionalStream({});
+        stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        stream->close();
+        if (readFile(file) != bytes) ++wrong;
+        provider->listAll(folder.iri, u"");
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
   provider->removeFolderRecursively(folder.iri);
 }
 
