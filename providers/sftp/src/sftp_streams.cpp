@@ -239,8 +239,8 @@ private:
     if (landing_.permissions)
       session.check(sftp_chmod(session.sftp(), landing_.temporary.c_str(), *landing_.permissions & 07777),
                     "cannot give the new contents the old permissions");
-    auto const existing = session.lstat(landing_.target);
-    if (landing_.mustExist && !existing) throw SftpFailure(ErrorCode::ResourceNotFound, "the file was removed meanwhile");
+    if (landing_.mustExist && !session.lstat(landing_.target))
+      throw SftpFailure(ErrorCode::ResourceNotFound, "the file was removed meanwhile");
     if (replace && session.supports("posix-rename@openssh.com")) {
       try {
         session.posixRename(landing_.temporary, landing_.target);
