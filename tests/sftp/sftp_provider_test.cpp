@@ -236,8 +236,9 @@ TEST_F(SftpServerTest, AServerKilledMidTransferLeavesTheOldFileAndTheNextCallRec
       p::ByteStreamFailure);
   stream.reset();
 
-  // The next calls connect again, changes included.
+  // The next calls connect again, changes included, and remove the abandoned temporary file.
   EXPECT_EQ(readFile(file), "old contents");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path), {}), 1);
   p::StorageItem made(provider, p::StorageIRI(folder.iri, u"made"));
   made.createFolder();
   EXPECT_TRUE(made.folderExists());

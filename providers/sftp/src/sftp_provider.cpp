@@ -256,8 +256,9 @@ std::unique_ptr<p::ByteStream> SftpProvider::doOpenStream(p::StorageIRI const& f
 std::unique_ptr<p::TransactionalStream> SftpProvider::doOpenTransactionalStream(p::StorageIRI const& file,
                                                                                 p::ByteStreamOpenOptions const& options) {
   auto const path = pathOf(file);
+  std::weak_ptr<detail::SshConnection> const shared = connection();
   return run(file, Operation::OpenTransactionalStream, false,
-             [&](Session const& session) { return detail::openTransaction(session, path, options); });
+             [&](Session const& session) { return detail::openTransaction(session, shared, path, options); });
 }
 
 void SftpProvider::createFolder(p::StorageIRI const& folder) {

@@ -165,9 +165,10 @@ struct Landing {
 
 class SftpTransactionalStream final : public p::TransactionalStream {
 public:
-  SftpTransactionalStream(std::shared_ptr<SftpSession> session, sftp_file file, StreamMode mode, std::uint64_t size,
-                          Landing landing)
-      : session_(std::move(session)), file_(file), mode_(mode), size_(size), landing_(std::move(landing)) {}
+  SftpTransactionalStream(std::shared_ptr<SftpSession> session, std::weak_ptr<SshConnection> connection,
+                          sftp_file file, StreamMode mode, std::uint64_t size, Landing landing)
+      : session_(std::move(session)), connection_(std::move(connection)), file_(file), mode_(mode), size_(size),
+        landing_(std::move(landing)) {}
 
   // Destroyed unclosed: the temporary goes and the file keeps its contents.
   ~SftpTransactionalStream() override {
@@ -270,11 +271,17 @@ private:
   /// Drops the temporary file; the caller holds the session's lock.
   void discard() noexcept {
     closeQuietly(std::exchange(file_, nullptr));
-    if (!landed_ && session_->connected()) sftp_unlink(session_->sftp(), landing_.temporary.c_str());
+    if (!landed_) {
+      if (session_->connected())
+        sftp_unlink(session_->sftp(), landing_.temporary.c_str());
+      else if (auto connection = connection_.lock())
+        connection->leftBehind(landing_.temporary);
+    }
     landed_ = true; // nothing left to drop
   }
 
   std::shared_ptr<SftpSession> session_;
+  std::weak_ptr<SshConnection> connection_;
   sftp_file file_;
   StreamMode mode_;
   std::uint64_t position_ = 0;
@@ -337,7 +344,7 @@ std::unique_ptr<p::ByteStream> openWriteStream(std::shared_ptr<SftpSession> cons
 }
 
 std::unique_ptr<p::TransactionalStream> openTransaction(std::shared_ptr<SftpSession> const& session,
-                                                        std::string const& path,
+                                                        std::weak_ptr<SshConnection> connection, std::string const& path,
                                                         p::ByteStreamOpenOptions const& options) {
   Landing landing{path, temporaryBeside(path), options.create == p::ByteStreamCreate::MustExist, std::nullopt};
   auto const existing = session->stat(path);
@@ -364,7 +371,8 @@ std::unique_ptr<p::TransactionalStream> openTransaction(std::shared_ptr<SftpSess
     sftp_unlink(session->sftp(), landing.temporary.c_str());
     throw;
   }
-  return std::make_unique<SftpTransactionalStream>(session, file, modeOf(options), size, std::move(landing));
+  return std::make_unique<SftpTransactionalStream>(session, std::move(connection), file, modeOf(options), size,
+                                                   std::move(landing));
 }
 
 } // namespace foundation::storage::providers::sftp::detail

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sftp_session.hpp"
+#include "ssh_connection.hpp"
 
 #include <foundation/storage/provider/byte_stream.hpp>
 
@@ -27,8 +27,10 @@ std::unique_ptr<provider::ByteStream> openWriteStream(std::shared_ptr<SftpSessio
 /// posix-rename@openssh.com to replace, with the plain rename (which never replaces) for
 /// CommitWithoutReplacing. A server without posix-rename cannot replace an existing file:
 /// the commit then fails and keeps it. Until the rename the old file is untouched, so a
-/// failure or a lost connection leaves it whole.
+/// failure or a lost connection leaves it whole; a temporary file that a lost connection
+/// kept is removed through `connection` when it connects again.
 std::unique_ptr<provider::TransactionalStream> openTransaction(std::shared_ptr<SftpSession> const& session,
+                                                               std::weak_ptr<SshConnection> connection,
                                                                std::string const& path,
                                                                provider::ByteStreamOpenOptions const& options);
 

@@ -1,6 +1,5 @@
 #include "ssh_connection.hpp"
 
-#include <vector>
 
 namespace foundation::storage::providers::sftp::detail {
 
@@ -28,12 +27,20 @@ std::shared_ptr<SftpSession> SshConnection::session() {
   }
   session_.reset();
   session_ = std::make_shared<SftpSession>(target_, settings_);
+  // No one else has the new session yet: no lock needed. Failures leave a stray file only.
+  for (auto const& path : leftovers_) sftp_unlink(session_->sftp(), path.c_str());
+  leftovers_.clear();
   return session_;
 }
 
 void SshConnection::drop(std::shared_ptr<SftpSession> const& lost) {
   std::lock_guard lock(mutex_);
   if (session_ == lost) session_.reset();
+}
+
+void SshConnection::leftBehind(std::string path) {
+  std::lock_guard lock(mutex_);
+  leftovers_.push_back(std::move(path));
 }
 
 void SshConnection::close() {

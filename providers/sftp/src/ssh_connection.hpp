@@ -4,6 +4,8 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 namespace foundation::storage::providers::sftp::detail {
 
@@ -23,6 +25,8 @@ public:
   void drop(std::shared_ptr<SftpSession> const& lost);
   /// Forgets the session, whatever its state.
   void close();
+  /// Remembers a temporary file that a lost session left behind; the next session removes it.
+  void leftBehind(std::string path);
 
   Target const& target() const noexcept { return target_; }
   SftpSettings const& settings() const noexcept { return settings_; }
@@ -32,6 +36,7 @@ private:
   SftpSettings const settings_;
   std::mutex mutex_;
   std::shared_ptr<SftpSession> session_;
+  std::vector<std::string> leftovers_;
 };
 
 } // namespace foundation::storage::providers::sftp::detail
