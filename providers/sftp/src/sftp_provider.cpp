@@ -2,6 +2,7 @@
 
 #include "sftp_attributes.hpp"
 #include "sftp_listing.hpp"
+#include "sftp_renames.hpp"
 #include "sftp_streams.hpp"
 #include "ssh_connection.hpp"
 
@@ -20,6 +21,9 @@ namespace foundation::storage::providers::sftp {
 
 namespace p = foundation::storage::provider;
 using detail::Attributes;
+using detail::explained;
+using detail::renameKeeping;
+using detail::renameReplacing;
 using detail::SftpFailure;
 using detail::SftpSession;
 using p::ErrorCode;
@@ -37,11 +41,6 @@ std::string pathOf(p::StorageIRI const& location) {
 }
 
 bool isRoot(std::string const& path) { return path == "/"; }
-
-std::string parentOf(std::string const& path) {
-  auto slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
 
 detail::Target targetOf(std::u16string const& authority) {
   try {
@@ -68,15 +67,6 @@ std::optional<Item> lookUp(SftpSession& session, std::string const& path) {
   return item;
 }
 
-/// A plain failure of a change at `path` explained: OpenSSH answers SSH_FX_FAILURE for a
-/// missing parent folder behind a file, an existing item and a non-empty folder alike.
-SftpFailure explained(SftpSession& session, SftpFailure failed, std::string const& path) {
-  if (failed.connectionLost || failed.status != SSH_FX_FAILURE) return failed;
-  if (auto parent = session.stat(parentOf(path)); !parent || !detail::isFolder(**parent))
-    return SftpFailure(ErrorCode::ResourceNotFound, "the parent folder is missing");
-  return failed;
-}
-
 Item existing(SftpSession& session, std::string const& path) {
   auto item = lookUp(session, path);
   if (!item) throw SftpFailure(ErrorCode::ResourceNotFound, "no such file or folder");
@@ -93,22 +83,6 @@ Item existingFolder(SftpSession& session, std::string const& path) {
   auto item = existing(session, path);
   if (!item.folder()) throw SftpFailure(ErrorCode::ResourceNotFound, "a file, not a folder");
   return item;
-}
-
-/// Renames in one step, replacing what is at `to` when the server can do so.
-void renameReplacing(SftpSession& session, std::string const& from, std::string const& to) {
-  if (!session.supports("posix-rename@openssh.com"))
-    throw SftpFailure(ErrorCode::UnsupportedOperation,
-                      "the server cannot replace in one step (no posix-rename@openssh.com); nothing was changed");
-  session.posixRename(from, to);
-}
-
-/// Renames only when nothing is at `to` (the plain SFTP rename refuses to replace).
-void renameKeeping(SftpSession& session, std::string const& from, std::string const& to) {
-  if (sftp_rename(session.sftp(), from.c_str(), to.c_str()) >= 0) return;
-  auto failed = session.failure("cannot rename");
-  if (!failed.connectionLost && session.lstat(to)) throw SftpFailure(ErrorCode::ResourceAlreadyExists, "the destination exists");
-  throw explained(session, failed, to);
 }
 
 } // namespace
@@ -309,11 +283,7 @@ void SftpProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& 
     }
     if (auto target = lookUp(*session, to); target && target->folder())
       throw SftpFailure(ErrorCode::ResourceAlreadyExists, "a folder is in the way");
-    try {
-      renameReplacing(*session, from, to);
-    } catch (SftpFailure const& failed) {
-      throw explained(*session, failed, to);
-    }
+    renameReplacing(*session, from, to);
   });
 }
 

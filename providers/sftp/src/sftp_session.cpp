@@ -46,6 +46,18 @@ void authenticate(ssh_session session, std::string const& label) {
 
 } // namespace
 
+std::string parentPath(std::string const& path) {
+  auto slash = path.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+SftpFailure explained(SftpSession& session, SftpFailure failed, std::string const& path) {
+  if (failed.connectionLost || failed.status != SSH_FX_FAILURE) return failed;
+  if (auto parent = session.stat(parentPath(path)); !parent || parent->get()->type != SSH_FILEXFER_TYPE_DIRECTORY)
+    return SftpFailure(ErrorCode::ResourceNotFound, "the parent folder is missing");
+  return failed;
+}
+
 ErrorCode codeOfStatus(int status) noexcept {
   switch (status) {
   case SSH_FX_NO_SUCH_FILE:

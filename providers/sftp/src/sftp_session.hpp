@@ -81,6 +81,13 @@ private:
   std::unique_ptr<OpensshRequests> extensions_; ///< opened on first use
 };
 
+/// The folder holding `path` ("/" for the root's children).
+std::string parentPath(std::string const& path);
+
+/// A plain failure of a change at `path` explained: OpenSSH answers SSH_FX_FAILURE for a
+/// missing parent folder and a file in place of one alike.
+SftpFailure explained(SftpSession& session, SftpFailure failed, std::string const& path);
+
 /// The SFTP status's provider code (SSH_FX_NO_SUCH_FILE: ResourceNotFound...).
 provider::ErrorCode codeOfStatus(int status) noexcept;
 

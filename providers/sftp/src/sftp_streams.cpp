@@ -1,6 +1,7 @@
 #include "sftp_streams.hpp"
 
 #include "sftp_attributes.hpp"
+#include "sftp_renames.hpp"
 
 #include <foundation/storage/provider/exceptions.hpp>
 
@@ -67,11 +68,6 @@ SftpFailure openFailure(SftpSession& session, std::string const& path) {
   if (auto found = session.stat(path); found && isFolder(**found))
     return SftpFailure(ErrorCode::ResourceNotFound, "a folder, not a file");
   return failed;
-}
-
-std::string parentOf(std::string const& path) {
-  auto slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
 
 /// A name beside `path` that no one else picks: hidden, and marked as ours.
@@ -242,21 +238,13 @@ private:
                     "cannot give the new contents the old permissions");
     if (landing_.mustExist && !session.lstat(landing_.target))
       throw SftpFailure(ErrorCode::ResourceNotFound, "the file was removed meanwhile");
-    if (replace && session.supports("posix-rename@openssh.com")) {
-      try {
-        session.posixRename(landing_.temporary, landing_.target);
-      } catch (SftpFailure const& failed) {
-        throw inTheWay(failed);
-      }
-    } else if (sftp_rename(session.sftp(), landing_.temporary.c_str(), landing_.target.c_str()) < 0) {
-      // The plain rename never replaces: it fails when anything is at the target.
-      auto failed = session.failure("cannot move the new contents into place");
-      if (failed.connectionLost || !session.lstat(landing_.target)) throw failed;
+    try {
       if (replace)
-        throw SftpFailure(ErrorCode::UnsupportedOperation,
-                          "the server cannot replace a file in one step (no posix-rename@openssh.com); the old file "
-                          "is kept");
-      throw inTheWay(SftpFailure(ErrorCode::ResourceAlreadyExists, "the file exists"));
+        renameReplacing(session, landing_.temporary, landing_.target);
+      else
+        renameKeeping(session, landing_.temporary, landing_.target);
+    } catch (SftpFailure const& failed) {
+      throw inTheWay(failed);
     }
     landed_ = true;
   }
@@ -351,7 +339,7 @@ std::unique_ptr<p::TransactionalStream> openTransaction(std::shared_ptr<SftpSess
   if (existing && isFolder(**existing)) throw SftpFailure(ErrorCode::ResourceNotFound, "a folder, not a file");
   if (!existing) {
     if (landing.mustExist) throw SftpFailure(ErrorCode::ResourceNotFound, "no such file");
-    auto parent = session->stat(parentOf(path));
+    auto parent = session->stat(parentPath(path));
     if (!parent || !isFolder(**parent)) throw SftpFailure(ErrorCode::ResourceNotFound, "the parent folder is missing");
   } else {
     // The rename would replace a read-only file, which only the folder's permission guards.
