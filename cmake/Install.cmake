@@ -8,7 +8,7 @@ set(vfs_installed_targets
   foundation_core:core foundation_eventmgr:eventmgr foundation_event_kinds:event_kinds foundation_events:events
   foundation_provider:provider foundation_memory_provider:memory_provider foundation_local_provider:local_provider
   foundation_provider_wrappers:provider_wrappers foundation_archive_provider:archive_provider
-  foundation_s3_provider:s3_provider vfs:vfs vfs_standard:standard)
+  foundation_s3_provider:s3_provider foundation_sftp_provider:sftp_provider vfs:vfs vfs_standard:standard)
 
 set(vfs_target_names)
 foreach(pair IN LISTS vfs_installed_targets)
@@ -28,7 +28,7 @@ install(TARGETS ${vfs_target_names} EXPORT vfsTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 foreach(dir platform/core platform/eventmgr platform/events platform/provider providers/memory providers/local
-            providers/wrappers providers/archive providers/s3 systems/standard .)
+            providers/wrappers providers/archive providers/s3 providers/sftp systems/standard .)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
 

@@ -16,6 +16,7 @@ packages=(
   libcli11-dev
   fd-find hyperfine python3 awscli
   fuse3 libfuse3-dev fio git
+  libssh-dev openssh-server openssh-client
 )
 
 missing=()

@@ -10,6 +10,9 @@ step() { printf '\n== %s ==\n' "$*"; }
 step "S3 gateway for the s3 tests (single-node Ceph on loopback)"
 eval "$(./scripts/ceph-s3.sh start)"
 
+step "SSH server for the sftp tests (OpenSSH on loopback)"
+eval "$(./scripts/sshd.sh start)"
+
 step "release build and tests"
 cmake --preset release >/dev/null
 cmake --build --preset release

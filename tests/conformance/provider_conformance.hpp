@@ -44,6 +44,10 @@ struct Capabilities {
   bool writableFlags = true;
   /// The storage reports changes itself (object stores do not: polling only).
   bool nativeChangeEvents = true;
+  /// A whole tree goes in one call (SFTP removes one item at a time).
+  bool nativeRecursiveRemoval = true;
+  /// Modification times keep fractions of a second (SFTP carries whole seconds).
+  bool subSecondTimes = true;
 };
 
 struct ProviderUnderTest {

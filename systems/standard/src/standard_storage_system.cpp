@@ -4,6 +4,7 @@
 #include <foundation/storage/providers/local/local_provider.hpp>
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 #include <foundation/storage/providers/s3/s3_provider.hpp>
+#include <foundation/storage/providers/sftp/sftp_provider.hpp>
 
 #include <vfs/exceptions.hpp>
 
@@ -47,6 +48,12 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
     if (root.getAuthority().empty())
       provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "s3 locations name their bucket");
     return std::make_shared<providers::s3::S3Provider>(root.getAuthority(), providers::s3::S3Settings::fromEnvironment());
+  });
+  // One provider per "[user@]host[:port]"; providers of the same server share its session.
+  registerProvider(u"sftp", [](provider::StorageIRI const& root) -> std::shared_ptr<provider::IProvider> {
+    if (root.getAuthority().empty())
+      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "sftp locations name their host");
+    return std::make_shared<providers::sftp::SftpProvider>(root.getAuthority());
   });
 }
 

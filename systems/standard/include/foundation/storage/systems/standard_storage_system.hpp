@@ -19,8 +19,9 @@ using ProviderFactory = std::function<std::shared_ptr<provider::IProvider>(provi
 
 /// The storage system applications use: a registry from scheme to provider factory, with
 /// "mem" (one memory tree per authority), "file" (the local file system), "zip" and "tar"
-/// (archives as folders, on any location this system serves) and "s3" (one bucket per
-/// authority, configured from the AWS_* environment variables) registered.
+/// (archives as folders, on any location this system serves), "s3" (one bucket per
+/// authority, configured from the AWS_* environment variables) and "sftp" (one SSH server
+/// per "[user@]host[:port]", reached as ssh would) registered.
 /// One provider is built per scheme and authority and reused for every handle, so that
 /// watches started through one handle can be stopped through another. It owns an event
 /// manager. A scheme nobody serves is UnsupportedIRISchemeException. Thread-safe.
