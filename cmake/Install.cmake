@@ -27,7 +27,7 @@ install(TARGETS ${vfs_target_names} EXPORT vfsTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-foreach(dir platform/core platform/eventmgr platform/events platform/provider providers/memory providers/local
+foreach(dir platform/core platform/event_manager platform/event_kinds platform/provider_interface providers/memory providers/local
             providers/wrappers providers/archive providers/s3 providers/sftp systems/standard .)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()

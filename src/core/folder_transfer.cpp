@@ -5,7 +5,7 @@
 #include <vfs/folder.hpp>
 #include <vfs/walk.hpp>
 
-#include "core/durability_batch.hpp"
+#include "core/durability_scope.hpp"
 #include "core/entry_deletion_visitor.hpp"
 #include "core/folder_copy_visitor.hpp"
 #include "errors/guard.hpp"
@@ -43,7 +43,7 @@ std::set<AbsoluteIRI> copyTree(Folder const& source, Folder const& destination,
   auto const to = resolved(destinationItem.getLocation());
   if (from == to || from.isAncestorOf(to)) throw Exception(vfs::ErrorCode::InvalidLocation, destination.getLocation());
   return detail::guarded([&] {
-    detail::DurabilityBatch batch(destinationItem);
+    detail::DurabilityScope batch(destinationItem);
     detail::FolderCopyVisitor visitor(destination, policy);
     walkFolder(source, visitor);
     batch.complete(); // before a move removes the source

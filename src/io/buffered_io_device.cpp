@@ -1,6 +1,6 @@
 #include <vfs/buffered_io_device.hpp>
 
-#include "io/stream_buffer.hpp"
+#include "io/filtering_stream_buffer.hpp"
 
 namespace foundation::storage::vfs {
 

@@ -2,7 +2,7 @@
 #include <vfs/open_mode.hpp>
 
 #include "errors/guard.hpp"
-#include "io/stream_buffer.hpp"
+#include "io/filtering_stream_buffer.hpp"
 
 namespace foundation::storage::vfs::detail {
 

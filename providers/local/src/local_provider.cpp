@@ -1,6 +1,6 @@
 #include <foundation/storage/providers/local/local_provider.hpp>
 
-#include "durability_batch.hpp"
+#include "deferred_syncs.hpp"
 #include "inotify_watcher.hpp"
 #include "local_listing.hpp"
 #include "local_streams.hpp"

@@ -1,6 +1,6 @@
 #include "temporary_files.hpp"
 
-#include "durability_batch.hpp"
+#include "deferred_syncs.hpp"
 #include "posix_calls.hpp"
 
 #include <atomic>

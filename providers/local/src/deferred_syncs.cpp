@@ -1,4 +1,4 @@
-#include "durability_batch.hpp"
+#include "deferred_syncs.hpp"
 
 #include "posix_calls.hpp"
 #include "unique_fd.hpp"

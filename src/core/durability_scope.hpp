@@ -9,17 +9,17 @@
 
 namespace foundation::storage::vfs::detail {
 
-class DurabilityBatch {
+class DurabilityScope {
 public:
-  explicit DurabilityBatch(provider::StorageItem const& destination)
+  explicit DurabilityScope(provider::StorageItem const& destination)
       : batching_(dynamic_cast<provider::extensions::IDurabilityBatching*>(destination.getProvider().get())),
         location_(destination.getLocation()) {
     if (batching_) batching_->beginDurabilityBatch();
   }
-  DurabilityBatch(DurabilityBatch const&) = delete;
-  DurabilityBatch& operator=(DurabilityBatch const&) = delete;
+  DurabilityScope(DurabilityScope const&) = delete;
+  DurabilityScope& operator=(DurabilityScope const&) = delete;
   /// Work that did not complete needs no flush: nothing relies on it.
-  ~DurabilityBatch() {
+  ~DurabilityScope() {
     if (batching_) batching_->abandonDurabilityBatch();
   }
 

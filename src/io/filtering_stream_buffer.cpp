@@ -1,4 +1,4 @@
-#include "io/stream_buffer.hpp"
+#include "io/filtering_stream_buffer.hpp"
 
 namespace foundation::storage::vfs::detail {
 
