@@ -61,7 +61,8 @@ fs::path const& manyFiles() {
     if (fs::exists(benchRoot() / "many.complete")) return root;
     for (int d = 0; d < 100; ++d) {
       fs::create_directories(root / std::to_string(d));
-      for (int f = 0; f < 1000; ++f) std::ofstream(root / std::to_string(d) / (std::to_string(f) + ".txt")) << smallContent;
+      for (int f = 0; f < 1000; ++f)
+        std::ofstream(root / std::to_string(d) / (std::to_string(f) + ".txt")) << smallContent;
     }
     std::ofstream(benchRoot() / "many.complete") << "done";
     return root;
@@ -72,7 +73,8 @@ fs::path const& manyFiles() {
 fs::path const& bigZip() {
   static fs::path const zip = [] {
     fs::path zip = benchRoot() / "many.zip";
-    if (!fs::exists(zip)) std::system(("cd '" + manyFiles().string() + "' && zip -qr '" + zip.string() + "' .").c_str());
+    if (!fs::exists(zip))
+      std::system(("cd '" + manyFiles().string() + "' && zip -qr '" + zip.string() + "' .").c_str());
     return zip;
   }();
   return zip;
@@ -132,19 +134,22 @@ static void ExtractZip100k_CopyFolder(benchmark::State& state) {
     auto system = std::make_shared<foundation::storage::systems::StandardStorageSystem>();
     vfs::StorageSystemReference const reference{std::weak_ptr<vfs::StorageSystem>(system)};
     vfs::Folder const zip(vfs::AbsoluteIRI(u"zip:" + fileIri(bigZip()) + u"!/"), reference);
-    zip.copyFolder(vfs::Folder(vfs::AbsoluteIRI(fileIri(freshFolder("ours"))), reference), p::ReplacementPolicy::Overwrite);
+    zip.copyFolder(vfs::Folder(vfs::AbsoluteIRI(fileIri(freshFolder("ours"))), reference),
+                   p::ReplacementPolicy::Overwrite);
   }
 }
 
 // --- one entry of a tar -------------------------------------------------------------------
 
 static void ReadTarEntry_TarXO(benchmark::State& state) {
-  std::string const command = "tar -xOf '" + tarWith(std::uint64_t(state.range(0)) << 20).string() + "' small.txt > /dev/null";
+  std::string const command =
+      "tar -xOf '" + tarWith(std::uint64_t(state.range(0)) << 20).string() + "' small.txt > /dev/null";
   for (auto _ : state) shell(state, command);
 }
 
 static void ReadTarEntry_BsdtarXO(benchmark::State& state) {
-  std::string const command = "bsdtar -xOf '" + tarWith(std::uint64_t(state.range(0)) << 20).string() + "' small.txt > /dev/null";
+  std::string const command =
+      "bsdtar -xOf '" + tarWith(std::uint64_t(state.range(0)) << 20).string() + "' small.txt > /dev/null";
   for (auto _ : state) shell(state, command);
 }
 
@@ -171,7 +176,8 @@ static void ReadTarEntry_TarProviderIndexKept(benchmark::State& state) {
 static void WriteZip10k_ZipR(benchmark::State& state) {
   manyFiles();
   for (auto _ : state)
-    shell(state, "cd '" + manyFiles().string() + "' && zip -qr '" + (freshFolder("zipr") / "w.zip").string() + "' 0 1 2 3 4 5 6 7 8 9");
+    shell(state, "cd '" + manyFiles().string() + "' && zip -qr '" + (freshFolder("zipr") / "w.zip").string() +
+                     "' 0 1 2 3 4 5 6 7 8 9");
 }
 
 static void WriteZip10k_ZipProvider(benchmark::State& state) {
@@ -203,6 +209,11 @@ BENCHMARK(ExtractZip100k_CopyFolder)->Unit(benchmark::kMillisecond)->UseRealTime
 BENCHMARK(ReadTarEntry_TarXO)->Arg(20)->Arg(2048)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(ReadTarEntry_BsdtarXO)->Arg(20)->Arg(2048)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(ReadTarEntry_TarProvider)->Arg(20)->Arg(2048)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(ReadTarEntry_TarProviderIndexKept)->Arg(20)->Arg(2048)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(20);
+BENCHMARK(ReadTarEntry_TarProviderIndexKept)
+    ->Arg(20)
+    ->Arg(2048)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(20);
 BENCHMARK(WriteZip10k_ZipR)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(WriteZip10k_ZipProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);

@@ -41,7 +41,8 @@ inline fs::path makeTree(std::string const& name, int folders) {
   for (int i = 0; i < folders; ++i) {
     paths[i] = (i < 8 ? root : paths[i / 8]) / ("d" + std::to_string(i));
     fs::create_directories(paths[i]);
-    for (int f = 0; f < filesPerFolder; ++f) std::ofstream(paths[i] / ("file" + std::to_string(f) + ".txt")) << std::string(f * 10, 'x');
+    for (int f = 0; f < filesPerFolder; ++f)
+      std::ofstream(paths[i] / ("file" + std::to_string(f) + ".txt")) << std::string(f * 10, 'x');
   }
   std::ofstream(root / ".complete") << "done";
   return root;

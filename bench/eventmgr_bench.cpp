@@ -19,10 +19,10 @@ static void DeliverStorageEvents(benchmark::State& state) {
   std::atomic<std::int64_t> received{0};
   std::vector<std::unique_ptr<em::Connection>> connections;
   for (int i = 0; i < state.range(1); ++i)
-    connections.push_back(manager.subscribe(std::u16string(events::storageEventTag), [&](auto const&) {
-      received.fetch_add(1, std::memory_order_relaxed);
-    }));
-  auto type = em::makeTypeInformation<events::Event>(events::createEventType(events::Kind::Modified, u"file:///watched"));
+    connections.push_back(manager.subscribe(std::u16string(events::storageEventTag),
+                                            [&](auto const&) { received.fetch_add(1, std::memory_order_relaxed); }));
+  auto type =
+      em::makeTypeInformation<events::Event>(events::createEventType(events::Kind::Modified, u"file:///watched"));
   events::SimpleEventData data(events::Kind::Modified, u"file:///watched/file.txt", events::EntryType::File);
   for (auto _ : state) {
     for (int i = 0; i < 1000; ++i) manager.post(boost::make_shared<events::Event>(type, data), mode);

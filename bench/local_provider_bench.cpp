@@ -57,7 +57,9 @@ fs::path const& bigFile() {
 
 } // namespace
 
-static void ListNamesOnly_Getdents64(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::nameOnly); }
+static void ListNamesOnly_Getdents64(benchmark::State& state) {
+  benchtree::benchmarkBareWalk(state, benchtree::nameOnly);
+}
 
 static void ListNamesOnly_StdFilesystem(benchmark::State& state) {
   tree();
@@ -86,7 +88,9 @@ static void ListNamesOnly_LocalProvider(benchmark::State& state) {
   reportEntries(state, entries);
 }
 
-static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::statEntry); }
+static void ListWithAttributes_Getdents64Fstatat(benchmark::State& state) {
+  benchtree::benchmarkBareWalk(state, benchtree::statEntry);
+}
 
 static void ListWithAttributes_StdFilesystem(benchmark::State& state) {
   tree();
@@ -213,7 +217,13 @@ BENCHMARK(ListNamesOnly_FindCommand)->Unit(benchmark::kMillisecond)->UseRealTime
 BENCHMARK(ListWithAttributes_Getdents64Fstatat)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListWithAttributes_LocalProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(ListWithAttributes_StdFilesystem)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
-BENCHMARK(ListWithAttributes_VfsFolder)->ArgName("libraryWalks")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
+BENCHMARK(ListWithAttributes_VfsFolder)
+    ->ArgName("libraryWalks")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(2);
 BENCHMARK(ListWithAttributes_FindCommand)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(CopyOneGiB_Cp)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(CopyOneGiB_LocalProvider)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);

@@ -30,7 +30,8 @@ fs::path freshFolder() {
   fs::path base = fs::path(dir ? dir : "/tmp/vfs-bench") / "watcher";
   fs::create_directories(base);
   for (int i = 0;; ++i)
-    if (fs::path folder = base / ("burst" + std::to_string(::getpid()) + "-" + std::to_string(i)); fs::create_directory(folder))
+    if (fs::path folder = base / ("burst" + std::to_string(::getpid()) + "-" + std::to_string(i));
+        fs::create_directory(folder))
       return folder;
 }
 
@@ -42,7 +43,8 @@ void BM_DeliverRemovalBurst(benchmark::State& state) {
   double subscribeMs = 0;
   for (auto _ : state) {
     fs::path const watched = freshFolder(), unrelated = freshFolder();
-    for (int i = 0; i < files; ++i) ::close(::open((watched / ("f" + std::to_string(i))).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+    for (int i = 0; i < files; ++i)
+      ::close(::open((watched / ("f" + std::to_string(i))).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
     std::mutex mutex;
     std::condition_variable delivered;
     int removed = 0;
@@ -58,8 +60,9 @@ void BM_DeliverRemovalBurst(benchmark::State& state) {
     auto const start = Clock::now();
     for (int i = 0; i < files; ++i) ::unlink((watched / ("f" + std::to_string(i))).c_str());
     auto const subscribing = Clock::now();
-    provider.publishFolderEvents(iriOf(unrelated), [](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
-                                 p::RecursiveWatching::No);
+    provider.publishFolderEvents(
+        iriOf(unrelated), [](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+        p::RecursiveWatching::No);
     subscribeMs += std::chrono::duration<double, std::milli>(Clock::now() - subscribing).count();
     {
       std::unique_lock lock(mutex);

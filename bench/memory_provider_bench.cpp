@@ -25,8 +25,9 @@ void BM_WritesBesideFourListings(benchmark::State& state) {
   for (int f = 0; f < 20; ++f) {
     std::u16string folder = u"tree/d" + std::u16string(1, char16_t(u'a' + f));
     provider->createFolder(at(folder));
-    for (int i = 0; i < 100; ++i) provider->createFile(at(folder + u"/f" + std::u16string(1, char16_t(u'0' + i % 10)) +
-                                                          std::u16string(1, char16_t(u'0' + i / 10))));
+    for (int i = 0; i < 100; ++i)
+      provider->createFile(
+          at(folder + u"/f" + std::u16string(1, char16_t(u'0' + i % 10)) + std::u16string(1, char16_t(u'0' + i / 10))));
   }
   std::atomic<bool> done{false};
   std::vector<std::thread> listers;
@@ -61,6 +62,11 @@ void BM_CreateFolderRecursive(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_CreateFolderRecursive)->Arg(10000)->Arg(40000)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CreateFolderRecursive)
+    ->Arg(10000)
+    ->Arg(40000)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace

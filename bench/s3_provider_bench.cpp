@@ -39,8 +39,12 @@ struct Setup {
   std::shared_ptr<p::IProvider> local = std::make_shared<foundation::storage::providers::local::LocalProvider>();
   std::string s3cmd;
 
-  p::StorageItem object(std::u16string const& key) const { return p::StorageItem(bucket, p::StorageIRI(u"s3://vfs-bench/" + key)); }
-  p::StorageItem file(std::filesystem::path const& path) const { return p::StorageItem(local, p::toStorageIRI(u"file", path)); }
+  p::StorageItem object(std::u16string const& key) const {
+    return p::StorageItem(bucket, p::StorageIRI(u"s3://vfs-bench/" + key));
+  }
+  p::StorageItem file(std::filesystem::path const& path) const {
+    return p::StorageItem(local, p::toStorageIRI(u"file", path));
+  }
 
   Setup() {
     auto settings = s3::S3Settings::fromEnvironment();
@@ -60,9 +64,11 @@ struct Setup {
       }
     }
     std::string const host = settings.endpoint.substr(settings.endpoint.find("://") + 3);
-    std::ofstream(s3cmdConfig) << "[default]\naccess_key = " << settings.accessKeyId << "\nsecret_key = " << settings.secretAccessKey
-                               << "\nhost_base = " << host << "\nhost_bucket = " << host
-                               << "\nuse_https = False\nsignature_v2 = False\nbucket_location = " << settings.region << "\n";
+    std::ofstream(s3cmdConfig) << "[default]\naccess_key = " << settings.accessKeyId
+                               << "\nsecret_key = " << settings.secretAccessKey << "\nhost_base = " << host
+                               << "\nhost_bucket = " << host
+                               << "\nuse_https = False\nsignature_v2 = False\nbucket_location = " << settings.region
+                               << "\n";
     s3cmd = "s3cmd --no-progress -q -c " + s3cmdConfig.string() + " ";
     bucket = std::make_shared<s3::S3Provider>(u"vfs-bench", settings);
     bucket->createBucket();
@@ -76,7 +82,9 @@ struct Setup {
     for (int w = 0; w < 16; ++w)
       writers.emplace_back([this, w] {
         for (int i = w; i < listedKeys - 100; i += 16)
-          object(fl::i18n::to_ustring("listing/" + std::to_string(i % 100) + "/" + std::to_string(i))).openStream(replaceAll)->close();
+          object(fl::i18n::to_ustring("listing/" + std::to_string(i % 100) + "/" + std::to_string(i)))
+              .openStream(replaceAll)
+              ->close();
       });
     for (auto& writer : writers) writer.join();
   }
@@ -135,13 +143,15 @@ void Upload_S3cmd(benchmark::State& state) {
 }
 
 void Download_CopyFile(benchmark::State& state) {
-  for (auto _ : state) setup().object(u"download.bin").copyFile(setup().file(setup().target), {p::ReplacementPolicy::Overwrite, {}});
+  for (auto _ : state)
+    setup().object(u"download.bin").copyFile(setup().file(setup().target), {p::ReplacementPolicy::Overwrite, {}});
   reportBytes(state);
 }
 
 void Download_Stream(benchmark::State& state) {
   for (auto _ : state) {
-    boost::iostreams::stream<p::ByteStreamDevice> in(p::ByteStreamDevice(setup().object(u"download.bin").openReadOnlyStream()));
+    boost::iostreams::stream<p::ByteStreamDevice> in(
+        p::ByteStreamDevice(setup().object(u"download.bin").openReadOnlyStream()));
     std::ofstream out(setup().target, std::ios::binary | std::ios::trunc);
     out << in.rdbuf();
   }

@@ -108,10 +108,9 @@ struct Library {
       std::make_shared<foundation::storage::systems::StandardStorageSystem>();
   vfs::StorageSystemReference reference{std::weak_ptr<vfs::StorageSystem>(system)};
   Arrivals arrivals;
-  std::unique_ptr<eventmgr::Connection> connection =
-      system->getEventMgr()->subscribe(vfs::Event::EventType(), [this](boost::shared_ptr<eventmgr::BaseEvent> const& e) {
-        record(static_cast<vfs::Event const&>(*e));
-      });
+  std::unique_ptr<eventmgr::Connection> connection = system->getEventMgr()->subscribe(
+      vfs::Event::EventType(),
+      [this](boost::shared_ptr<eventmgr::BaseEvent> const& e) { record(static_cast<vfs::Event const&>(*e)); });
 
   ~Library() {
     connection->disconnect();
@@ -232,9 +231,9 @@ void Burst_WatchedTree(benchmark::State& state) {
     std::unique_lock closed(gate, std::defer_lock);
     if (stall) closed.lock();
     // Synchronous delivery runs the listener on the watcher's thread, which the gate can hold.
-    vfs::RecursiveEventPublisher const publisher(library.reference, library.system->getEventMgr(),
-                                                 library.folder(root).getLocation(),
-                                                 stall ? eventmgr::DeliverMode::Synchronous : eventmgr::DeliverMode::Asynchronous);
+    vfs::RecursiveEventPublisher const publisher(
+        library.reference, library.system->getEventMgr(), library.folder(root).getLocation(),
+        stall ? eventmgr::DeliverMode::Synchronous : eventmgr::DeliverMode::Asynchronous);
     auto held = library.system->getEventMgr()->subscribe(vfs::Event::EventType(),
                                                          [&](auto const&) { std::lock_guard wait(gate); });
     library.folder(root).publishEventsRecursively(publisher, {});
@@ -259,7 +258,8 @@ void Burst_Polling(benchmark::State& state) {
     auto const start = Clock::now();
     auto const names = createBurst(burstFoldersIn(folder, 0), burstFolders * burstFilesEach);
     auto const created = Clock::now();
-    auto const arrived = library.arrivals.waitForCount(names.size(), std::max(std::chrono::milliseconds(10000), 20 * interval));
+    auto const arrived =
+        library.arrivals.waitForCount(names.size(), std::max(std::chrono::milliseconds(10000), 20 * interval));
     library.folder(folder).stopChangePolling();
     reportBurst(state, library.arrivals, names.size(), arrived, start, created);
   }
@@ -269,5 +269,17 @@ void Burst_Polling(benchmark::State& state) {
 
 BENCHMARK(Latency_Library)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(Latency_BareInotify)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(Burst_WatchedTree)->ArgName("stalled")->Arg(0)->Arg(1)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(Burst_Polling)->ArgName("interval_ms")->Arg(100)->Arg(1000)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(Burst_WatchedTree)
+    ->ArgName("stalled")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(Burst_Polling)
+    ->ArgName("interval_ms")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);

@@ -68,7 +68,8 @@ static void ListMemoryFolder(benchmark::State& state) {
   auto provider = std::make_shared<foundation::storage::providers::memory::MemoryProvider>();
   p::StorageItem folder(provider, p::StorageIRI(u"mem:///big"));
   folder.createFolder();
-  for (int i = 0; i < state.range(0); ++i) p::StorageItem(folder, u"file" + fl::i18n::to_ustring(std::to_string(i))).createFile();
+  for (int i = 0; i < state.range(0); ++i)
+    p::StorageItem(folder, u"file" + fl::i18n::to_ustring(std::to_string(i))).createFile();
   bool const withAttributes = state.range(1) != 0;
   for (auto _ : state) {
     auto cursor = withAttributes ? folder.listAll(u"") : folder.listAllNamesOnly(u"");

@@ -67,8 +67,8 @@ struct Files {
         memoryText(vfs::AbsoluteIRI(u"mem:///text"), reference()) {
     fs::create_directories(folder);
     std::string const binary(Chunk, '\x5a'), text = textChunk();
-    for (auto [file, chunk] : {std::pair{&localBinary, &binary}, {&localText, &text}, {&memoryBinary, &binary},
-                               {&memoryText, &text}}) {
+    for (auto [file, chunk] :
+         {std::pair{&localBinary, &binary}, {&localText, &text}, {&memoryBinary, &binary}, {&memoryText, &text}}) {
       vfs::ofstream out(*file);
       for (std::size_t done = 0; done < fileSize(); done += Chunk) out.write(chunk->data(), Chunk);
     }
@@ -218,7 +218,8 @@ void WriteSyscall(benchmark::State& state) {
   std::string const path = Files::path(files().localBinary);
   for (auto _ : state) {
     int fd = ::open(path.c_str(), O_WRONLY);
-    for (std::size_t done = 0; done < fileSize(); done += Chunk) benchmark::DoNotOptimize(::write(fd, buffer.data(), Chunk));
+    for (std::size_t done = 0; done < fileSize(); done += Chunk)
+      benchmark::DoNotOptimize(::write(fd, buffer.data(), Chunk));
     ::close(fd);
   }
   bytes(state);

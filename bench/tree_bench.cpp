@@ -132,7 +132,9 @@ struct SizeSummer final : FilesOnly {
 
 struct FileCounter final : FilesOnly {
   std::size_t files = 0;
-  vfs::FolderVisitResult visitEntry(vfs::FileEntry const&) override { return ++files, vfs::FolderVisitResult::Continue; }
+  vfs::FolderVisitResult visitEntry(vfs::FileEntry const&) override {
+    return ++files, vfs::FolderVisitResult::Continue;
+  }
 };
 
 } // namespace
@@ -180,9 +182,13 @@ static void WalkSerial_Library(benchmark::State& state) {
   state.counters["files"] = static_cast<double>(files);
 }
 
-static void WalkSerial_BareGetdents64(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::nameOnly); }
+static void WalkSerial_BareGetdents64(benchmark::State& state) {
+  benchtree::benchmarkBareWalk(state, benchtree::nameOnly);
+}
 
-static void WalkSerial_BareGetdents64Fstatat(benchmark::State& state) { benchtree::benchmarkBareWalk(state, benchtree::statEntry); }
+static void WalkSerial_BareGetdents64Fstatat(benchmark::State& state) {
+  benchtree::benchmarkBareWalk(state, benchtree::statEntry);
+}
 
 static void WalkSerial_Find(benchmark::State& state) {
   tree();
@@ -236,7 +242,8 @@ static void RemoveTree_LibraryWalk(benchmark::State& state) {
 
 static void RemoveTree_Provider(benchmark::State& state) {
   Library library;
-  removeCopies(state, [&](fs::path const& victim) { library.folder(victim).removeFolder(vfs::FolderRemovalPolicy::Recursive); });
+  removeCopies(
+      state, [&](fs::path const& victim) { library.folder(victim).removeFolder(vfs::FolderRemovalPolicy::Recursive); });
 }
 
 static void RemoveTree_RmRf(benchmark::State& state) {
@@ -246,7 +253,11 @@ static void RemoveTree_RmRf(benchmark::State& state) {
 BENCHMARK(WalkParallel_Library)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->MinTime(2);
 BENCHMARK(WalkParallel_Fdfind)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkParallel_DuS)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
-BENCHMARK(WalkParallel_BareGetdents64FstatatTwoThreads)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->MinTime(2);
+BENCHMARK(WalkParallel_BareGetdents64FstatatTwoThreads)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime()
+    ->MinTime(2);
 BENCHMARK(WalkSerial_Library)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkSerial_BareGetdents64)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(WalkSerial_BareGetdents64Fstatat)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);

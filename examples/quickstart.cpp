@@ -31,7 +31,8 @@ std::string readText(vfs::File const& file) {
   auto device = file.openReadOnly();
   std::string text;
   char buffer[4096];
-  for (std::streamsize n; (n = device.read(buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(n));
+  for (std::streamsize n; (n = device.read(buffer, sizeof buffer)) > 0;)
+    text.append(buffer, static_cast<std::size_t>(n));
   device.close();
   return text;
 }
@@ -109,12 +110,13 @@ int main() {
     auto const& event = static_cast<vfs::Event const&>(*base);
     auto const data = event.getSimpleEventData();
     std::lock_guard lock(mutex);
-    std::cout << "  " << data.getKind() << " " << fl::i18n::to_utf8(data.getLocation()) << " ("
-              << data.getEntryType() << ")\n";
+    std::cout << "  " << data.getKind() << " " << fl::i18n::to_utf8(data.getLocation()) << " (" << data.getEntryType()
+              << ")\n";
     reportSeen |= data.getLocation() == report.getLocation().toString();
     arrived.notify_all();
   });
-  vfs::detail::publishEventsFor(disk, {foundation::storage::events::Kind::Created}, vfs::WithRecursiveChangeEvents::Yes);
+  vfs::detail::publishEventsFor(disk, {foundation::storage::events::Kind::Created},
+                                vfs::WithRecursiveChangeEvents::Yes);
   std::thread([&] {
     report.getParent().createFolder();
     writeText(report, "written by another thread\n");

@@ -86,7 +86,8 @@ FOUNDATION_API provider::StorageIRI storageIRIWithPath(provider::StorageIRI iri)
 FOUNDATION_API AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, fl::filesystem::path const& path);
 /// The canonical location of a local path; provider failures (a missing path) arrive
 /// translated with their own codes, others as InvalidIRIException (the scheme).
-FOUNDATION_API CanonicalAbsoluteIRI toCanonicalAbsoluteIRI(std::u16string const& scheme, fl::filesystem::path const& path);
+FOUNDATION_API CanonicalAbsoluteIRI toCanonicalAbsoluteIRI(std::u16string const& scheme,
+                                                           fl::filesystem::path const& path);
 /// The local path of a location.
 FOUNDATION_API fl::filesystem::path fromAbsoluteIRI(AbsoluteIRI const& iri);
 

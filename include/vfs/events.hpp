@@ -137,7 +137,8 @@ FOUNDATION_API std::string toString(WithRecursiveChangeEvents const& recursive);
 FOUNDATION_API std::ostream& operator<<(std::ostream& os, WithRecursiveChangeEvents const& recursive);
 
 /// Ends the provider's publication for `item`, then `connection` when there is one.
-FOUNDATION_API void unsubscribe(FileOrFolder const& item, std::unique_ptr<msg_svc::eventmgr::Connection> const& connection);
+FOUNDATION_API void unsubscribe(FileOrFolder const& item,
+                                std::unique_ptr<msg_svc::eventmgr::Connection> const& connection);
 /// Ends change polling of `folder`, then `connection` when there is one.
 FOUNDATION_API void unsubscribeFromChangePolling(Folder const& folder,
                                                  std::unique_ptr<msg_svc::eventmgr::Connection> const& connection);
@@ -168,7 +169,8 @@ template <>
 struct EventHierarchy<storage::vfs::Event> {
   static constexpr bool admitsUserTags = false;
   static std::u16string getBaseTag(std::size_t n) {
-    return n == 0 ? std::u16string(u"foundation::storage::vfs::Event") : EventHierarchy<storage::events::Event>::getBaseTag(n - 1);
+    return n == 0 ? std::u16string(u"foundation::storage::vfs::Event")
+                  : EventHierarchy<storage::events::Event>::getBaseTag(n - 1);
   }
 };
 

@@ -145,14 +145,14 @@ private:
   ErrorCode code_;
 };
 
-#define FOUNDATION_VFS_IO_EXCEPTION(Name)                                                         \
-  class FOUNDATION_API Name final : public IOException {                                          \
-  public:                                                                                         \
-    explicit Name(ErrorCode code);                                                                \
-    Name(std::string const& message, ErrorCode code);                                             \
-    ~Name() override;                                                                             \
-    std::unique_ptr<core::except::IException> cloneException() const override;                   \
-    [[noreturn]] void rethrowException() const override;                                         \
+#define FOUNDATION_VFS_IO_EXCEPTION(Name)                                                                              \
+  class FOUNDATION_API Name final : public IOException {                                                               \
+  public:                                                                                                              \
+    explicit Name(ErrorCode code);                                                                                     \
+    Name(std::string const& message, ErrorCode code);                                                                  \
+    ~Name() override;                                                                                                  \
+    std::unique_ptr<core::except::IException> cloneException() const override;                                         \
+    [[noreturn]] void rethrowException() const override;                                                               \
   };
 FOUNDATION_VFS_IO_EXCEPTION(IOReadException)
 FOUNDATION_VFS_IO_EXCEPTION(IOWriteException)

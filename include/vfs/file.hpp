@@ -68,8 +68,8 @@ public:
 
   provider::GenericByteStreamDevice<provider::ByteStream> open(provider::ByteStreamOpenOptions const& options) const;
   provider::GenericByteStreamDevice<provider::ByteStream> openReadOnly() const;
-  provider::GenericByteStreamDevice<provider::TransactionalStream> openTransactionalStream(
-      provider::ByteStreamOpenOptions const& options) const;
+  provider::GenericByteStreamDevice<provider::TransactionalStream>
+  openTransactionalStream(provider::ByteStreamOpenOptions const& options) const;
 
   /// The move and copy algorithms, unguarded (moveFile and copyFile guard them).
   void doMoveFile(File const& destination, provider::ReplacementPolicy const& policy) const;

@@ -147,9 +147,10 @@ private:
   std::unique_ptr<provider::IFolderEntryIterator> doListFileEntries(std::u16string const& pattern) const;
   std::unique_ptr<provider::IFolderEntryIterator> doListFolderEntries(std::u16string const& pattern) const;
   std::unique_ptr<provider::IFolderEntryIterator> doListAllEntries(std::u16string const& pattern) const;
-  std::unique_ptr<provider::IFolderEntryIterator> doListAllRecursive_provider_specialization(std::u16string const& pattern) const;
-  std::unique_ptr<provider::IFolderEntryIterator> doListAllEntriesRecursive_provider_specialization(
-      std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator>
+  doListAllRecursive_provider_specialization(std::u16string const& pattern) const;
+  std::unique_ptr<provider::IFolderEntryIterator>
+  doListAllEntriesRecursive_provider_specialization(std::u16string const& pattern) const;
 
   provider::StorageItem item_;
   StorageSystemReference system_;
@@ -191,7 +192,8 @@ FOUNDATION_API provider::CopyResult copy(FileOrFolder const& source, FileOrFolde
 
 /// What stands at a location: the provider's answer; not found is NotFound.
 FOUNDATION_API provider::ExistsResult exists(AbsoluteIRI const& iri, StorageSystemReference const& system);
-FOUNDATION_API provider::ExtendedExistsResult existsExtended(AbsoluteIRI const& iri, StorageSystemReference const& system);
+FOUNDATION_API provider::ExtendedExistsResult existsExtended(AbsoluteIRI const& iri,
+                                                             StorageSystemReference const& system);
 /// A File where a file is, a Folder where anything else is; ResourceNotFound where nothing is.
 FOUNDATION_API FileOrFolder makeFileOrFolder(AbsoluteIRI const& iri, StorageSystemReference const& system);
 FOUNDATION_API File makeFile(provider::StorageItem item, StorageSystemReference const& system);

@@ -17,7 +17,8 @@ enum class StreamDirection { Both, Input, Output };
 
 /// Opens `file` with the stream's effective mode and attaches it to `buffer`; failures are
 /// thrown (translated), never turned into stream state.
-FOUNDATION_API void openFileStream(StreamBuffer& buffer, File const& file, unsigned int mode, StreamDirection direction);
+FOUNDATION_API void openFileStream(StreamBuffer& buffer, File const& file, unsigned int mode,
+                                   StreamDirection direction);
 FOUNDATION_API bool isFileStreamOpen(StreamBuffer const& buffer);
 /// Writes pending output and closes the file; failures are thrown (translated) and leave
 /// the stream open.

@@ -65,7 +65,9 @@ AbsoluteIRI AbsoluteIRI::getInnerIRI() const { return AbsoluteIRI(iri_.getInnerI
 
 bool AbsoluteIRI::isAncestorOf(AbsoluteIRI const& other) const { return iri_.isAncestorOf(other.toStorageIRI()); }
 
-std::u16string AbsoluteIRI::makePathRelativeTo(AbsoluteIRI const& base) const { return iri_.makePathRelativeTo(base.iri_); }
+std::u16string AbsoluteIRI::makePathRelativeTo(AbsoluteIRI const& base) const {
+  return iri_.makePathRelativeTo(base.iri_);
+}
 
 bool operator==(AbsoluteIRI const& iri, std::u16string const& text) { return iri.toString() == text; }
 

@@ -64,13 +64,21 @@ bool File::fileExists() const {
   }
 }
 
-void File::createFile() const { detail::guarded([&] { item_.createFile(); }); }
-void File::removeFile() const { detail::guarded([&] { item_.removeFile(); }); }
+void File::createFile() const {
+  detail::guarded([&] { item_.createFile(); });
+}
+void File::removeFile() const {
+  detail::guarded([&] { item_.removeFile(); });
+}
 void File::setLastModified(boost::posix_time::ptime const& time) const {
   detail::guarded([&] { item_.setLastModified(time); });
 }
-void File::setWritable(bool writable) const { detail::guarded([&] { item_.setWritable(writable); }); }
-void File::truncateToSize(unsigned long long size) const { detail::guarded([&] { item_.truncateToSize(size); }); }
+void File::setWritable(bool writable) const {
+  detail::guarded([&] { item_.setWritable(writable); });
+}
+void File::truncateToSize(unsigned long long size) const {
+  detail::guarded([&] { item_.truncateToSize(size); });
+}
 
 void File::moveFile(File const& destination, provider::ReplacementPolicy const& policy) const {
   detail::guarded([&] { doMoveFile(destination, policy); });
@@ -86,16 +94,19 @@ provider::CopyResult File::copyFile(File const& destination, provider::CopyFileO
   return detail::guarded([&] { return doCopyFile(destination, options); });
 }
 
-provider::GenericByteStreamDevice<provider::ByteStream> File::open(provider::ByteStreamOpenOptions const& options) const {
-  return detail::guarded([&] { return provider::GenericByteStreamDevice<provider::ByteStream>(item_.openStream(options)); });
+provider::GenericByteStreamDevice<provider::ByteStream>
+File::open(provider::ByteStreamOpenOptions const& options) const {
+  return detail::guarded(
+      [&] { return provider::GenericByteStreamDevice<provider::ByteStream>(item_.openStream(options)); });
 }
 
 provider::GenericByteStreamDevice<provider::ByteStream> File::openReadOnly() const {
-  return detail::guarded([&] { return provider::GenericByteStreamDevice<provider::ByteStream>(item_.openReadOnlyStream()); });
+  return detail::guarded(
+      [&] { return provider::GenericByteStreamDevice<provider::ByteStream>(item_.openReadOnlyStream()); });
 }
 
-provider::GenericByteStreamDevice<provider::TransactionalStream> File::openTransactionalStream(
-    provider::ByteStreamOpenOptions const& options) const {
+provider::GenericByteStreamDevice<provider::TransactionalStream>
+File::openTransactionalStream(provider::ByteStreamOpenOptions const& options) const {
   return detail::guarded([&] {
     return provider::GenericByteStreamDevice<provider::TransactionalStream>(item_.openTransactionalStream(options));
   });

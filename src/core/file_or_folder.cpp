@@ -9,64 +9,78 @@ namespace foundation::storage::vfs {
 using detail::dispatch;
 
 AbsoluteIRI getLocation(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getLocation(); }, [](Folder const& d) { return d.getLocation(); });
+  return dispatch(
+      item, [](File const& f) { return f.getLocation(); }, [](Folder const& d) { return d.getLocation(); });
 }
 
 AbsoluteIRI getCanonicalLocation(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getCanonicalLocation(); },
-                  [](Folder const& d) { return d.getCanonicalLocation(); });
+  return dispatch(
+      item, [](File const& f) { return f.getCanonicalLocation(); },
+      [](Folder const& d) { return d.getCanonicalLocation(); });
 }
 
 std::u16string getName(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getName(); }, [](Folder const& d) { return d.getName(); });
+  return dispatch(
+      item, [](File const& f) { return f.getName(); }, [](Folder const& d) { return d.getName(); });
 }
 
 bool exists(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.fileExists(); }, [](Folder const& d) { return d.folderExists(); });
+  return dispatch(
+      item, [](File const& f) { return f.fileExists(); }, [](Folder const& d) { return d.folderExists(); });
 }
 
 bool hasParent(FileOrFolder const& item) {
-  return dispatch(item, [](File const&) { return true; }, [](Folder const& d) { return d.hasParent(); });
+  return dispatch(
+      item, [](File const&) { return true; }, [](Folder const& d) { return d.hasParent(); });
 }
 
 Folder getParent(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getParent(); }, [](Folder const& d) { return d.getParent(); });
+  return dispatch(
+      item, [](File const& f) { return f.getParent(); }, [](Folder const& d) { return d.getParent(); });
 }
 
 StorageSystemReference getStorageSystem(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getStorageSystem(); }, [](Folder const& d) { return d.getStorageSystem(); });
+  return dispatch(
+      item, [](File const& f) { return f.getStorageSystem(); }, [](Folder const& d) { return d.getStorageSystem(); });
 }
 
 boost::posix_time::ptime getLastModified(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getAttributes().getLastModified(); },
-                  [](Folder const& d) { return d.getAttributes().getLastModified(); });
+  return dispatch(
+      item, [](File const& f) { return f.getAttributes().getLastModified(); },
+      [](Folder const& d) { return d.getAttributes().getLastModified(); });
 }
 
 bool isWritable(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getAttributes().isWritable(); },
-                  [](Folder const& d) { return d.getAttributes().isWritable(); });
+  return dispatch(
+      item, [](File const& f) { return f.getAttributes().isWritable(); },
+      [](Folder const& d) { return d.getAttributes().isWritable(); });
 }
 
 bool isHidden(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getAttributes().isHidden(); },
-                  [](Folder const& d) { return d.getAttributes().isHidden(); });
+  return dispatch(
+      item, [](File const& f) { return f.getAttributes().isHidden(); },
+      [](Folder const& d) { return d.getAttributes().isHidden(); });
 }
 
 bool isSymlink(FileOrFolder const& item) {
-  return dispatch(item, [](File const& f) { return f.getAttributes().isSymlink(); },
-                  [](Folder const& d) { return d.getAttributes().isSymlink(); });
+  return dispatch(
+      item, [](File const& f) { return f.getAttributes().isSymlink(); },
+      [](Folder const& d) { return d.getAttributes().isSymlink(); });
 }
 
 void remove(FileOrFolder const& item, FolderRemovalPolicy const& policy) {
-  dispatch(item, [](File const& f) { f.removeFile(); }, [&](Folder const& d) { d.removeFolder(policy); });
+  dispatch(
+      item, [](File const& f) { f.removeFile(); }, [&](Folder const& d) { d.removeFolder(policy); });
 }
 
 void setWritable(FileOrFolder const& item, bool writable) {
-  dispatch(item, [&](File const& f) { f.setWritable(writable); }, [&](Folder const& d) { d.setWritable(writable); });
+  dispatch(
+      item, [&](File const& f) { f.setWritable(writable); }, [&](Folder const& d) { d.setWritable(writable); });
 }
 
 void setLastModified(FileOrFolder const& item, boost::posix_time::ptime const& time) {
-  dispatch(item, [&](File const& f) { f.setLastModified(time); }, [&](Folder const& d) { d.setLastModified(time); });
+  dispatch(
+      item, [&](File const& f) { f.setLastModified(time); }, [&](Folder const& d) { d.setLastModified(time); });
 }
 
 namespace {
@@ -102,7 +116,9 @@ FileOrFolder makeFileOrFolder(AbsoluteIRI const& iri, StorageSystemReference con
   }
 }
 
-File makeFile(provider::StorageItem item, StorageSystemReference const& system) { return File(std::move(item), system); }
+File makeFile(provider::StorageItem item, StorageSystemReference const& system) {
+  return File(std::move(item), system);
+}
 
 Folder makeFolder(provider::StorageItem item, StorageSystemReference const& system) {
   return Folder(std::move(item), system);

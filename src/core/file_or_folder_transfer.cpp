@@ -18,7 +18,8 @@ void move(FileOrFolder const& source, FileOrFolder const& destination, provider:
   boost::get<Folder>(source).moveFolder(*target, policy);
 }
 
-provider::CopyResult copy(FileOrFolder const& source, FileOrFolder const& destination, provider::ReplacementPolicy const& policy) {
+provider::CopyResult copy(FileOrFolder const& source, FileOrFolder const& destination,
+                          provider::ReplacementPolicy const& policy) {
   if (auto const* file = boost::get<File>(&source)) {
     auto const* target = boost::get<File>(&destination);
     if (!target) throw std::logic_error("Can't make a folder out of a file.");

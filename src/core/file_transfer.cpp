@@ -42,7 +42,8 @@ void File::doMoveFile(File const& destination, Policy const& policy) const {
     } catch (provider::Exception const& failure) {
       if (failure.getErrorCode() == provider::ErrorCode::UnsupportedOperation) {
         fallBack = true;
-      } else if (failure.getErrorCode() == provider::ErrorCode::PermissionDenied && effective == Policy::ForceOverwrite) {
+      } else if (failure.getErrorCode() == provider::ErrorCode::PermissionDenied &&
+                 effective == Policy::ForceOverwrite) {
         try {
           destination.item_.setWritable(true);
         } catch (provider::Exception const& unlock) {

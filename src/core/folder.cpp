@@ -8,7 +8,8 @@ namespace foundation::storage::vfs {
 
 PathComparator::PathComparator(Function function) : function_(std::move(function)) {}
 
-bool PathComparator::operator()(std::u16string const& a, std::u16string const& b, provider::CaseModifier modifier) const {
+bool PathComparator::operator()(std::u16string const& a, std::u16string const& b,
+                                provider::CaseModifier modifier) const {
   return detail::guarded([&] {
     provider::CaseModifier copy = modifier;
     return function_(a, b, copy);
@@ -71,8 +72,12 @@ PathComparator Folder::getPathComparator() const {
   return detail::guarded([&] { return PathComparator(item_.getPathComparator()); });
 }
 
-void Folder::createFolder() const { detail::guarded([&] { item_.createFolder(); }); }
-void Folder::createFolderRecursive() const { detail::guarded([&] { item_.createFolderRecursive(); }); }
+void Folder::createFolder() const {
+  detail::guarded([&] { item_.createFolder(); });
+}
+void Folder::createFolderRecursive() const {
+  detail::guarded([&] { item_.createFolderRecursive(); });
+}
 
 void Folder::removeFolder(FolderRemovalPolicy const& policy) const {
   detail::guarded([&] {
@@ -89,8 +94,12 @@ void Folder::removeFolder(FolderRemovalPolicy const& policy) const {
 void Folder::setLastModified(boost::posix_time::ptime const& time) const {
   detail::guarded([&] { item_.setLastModified(time); });
 }
-void Folder::setWritable(bool writable) const { detail::guarded([&] { item_.setWritable(writable); }); }
-void Folder::flushFilesystem() { detail::guarded([&] { item_.flushFilesystem(); }); }
+void Folder::setWritable(bool writable) const {
+  detail::guarded([&] { item_.setWritable(writable); });
+}
+void Folder::flushFilesystem() {
+  detail::guarded([&] { item_.flushFilesystem(); });
+}
 
 bool operator==(Folder const& a, Folder const& b) { return a.item_.getLocation() == b.item_.getLocation(); }
 bool operator!=(Folder const& a, Folder const& b) { return a.item_.getLocation() != b.item_.getLocation(); }

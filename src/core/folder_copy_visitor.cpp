@@ -46,7 +46,8 @@ FolderVisitResult FolderCopyVisitor::visitBefore(Folder const& folder) {
       target.createFolder();
     } catch (Exception const& failure) {
       // A folder this destination cannot hold fails the copy only if no file follows it.
-      if (failure.getErrorCode() != ErrorCode::UnsupportedOperation && failure.getErrorCode() != ErrorCode::InvalidLocation)
+      if (failure.getErrorCode() != ErrorCode::UnsupportedOperation &&
+          failure.getErrorCode() != ErrorCode::InvalidLocation)
         throw;
       deferredFolderFailure_ = failure;
     }

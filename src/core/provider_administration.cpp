@@ -36,7 +36,8 @@ namespace extensions {
 void flushFilesystem(AbsoluteIRI const& iri, StorageSystemReference const& system) {
   detail::guardedProviderFailures([&] {
     auto const built = system.buildProvider(iri.toStorageIRI());
-    if (auto* flushable = dynamic_cast<provider::extensions::IFlushableFilesystem*>(built.get())) flushable->flushFilesystem();
+    if (auto* flushable = dynamic_cast<provider::extensions::IFlushableFilesystem*>(built.get()))
+      flushable->flushFilesystem();
   });
 }
 

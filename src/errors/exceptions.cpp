@@ -47,7 +47,9 @@ std::u16string Exception::getExceptionContextsString() const {
   return text;
 }
 
-std::unique_ptr<core::except::IException> Exception::cloneException() const { return std::make_unique<Exception>(*this); }
+std::unique_ptr<core::except::IException> Exception::cloneException() const {
+  return std::make_unique<Exception>(*this);
+}
 void Exception::rethrowException() const { throw Exception(*this); }
 char const* Exception::what() const noexcept { return "foundation::storage::vfs::Exception"; }
 
@@ -69,7 +71,8 @@ char const* ChangeEventsNotSupportedException::what() const noexcept {
   return "foundation::storage::vfs::ChangeEventsNotSupportedException";
 }
 std::u16string ChangeEventsNotSupportedException::ToUstringImpl() const {
-  return u"foundation::storage::vfs::ChangeEventsNotSupportedException{Location=" + quoted(getLocation().toString()) + u"}";
+  return u"foundation::storage::vfs::ChangeEventsNotSupportedException{Location=" + quoted(getLocation().toString()) +
+         u"}";
 }
 
 ChangeEventsSubscriptionException::ChangeEventsSubscriptionException(AbsoluteIRI const& location) {
@@ -85,7 +88,8 @@ char const* ChangeEventsSubscriptionException::what() const noexcept {
   return "foundation::storage::vfs::ChangeEventsSubscriptionException";
 }
 std::u16string ChangeEventsSubscriptionException::ToUstringImpl() const {
-  return u"foundation::storage::vfs::ChangeEventsSubscriptionException{Location=" + quoted(getLocation().toString()) + u"}";
+  return u"foundation::storage::vfs::ChangeEventsSubscriptionException{Location=" + quoted(getLocation().toString()) +
+         u"}";
 }
 
 InvalidIRIException::InvalidIRIException(std::u16string iri) : iri_(std::move(iri)) {}
@@ -104,11 +108,11 @@ IOException::~IOException() = default;
 char const* IOException::what() const noexcept { return std::ios_base::failure::what(); }
 ErrorCode IOException::getErrorCode() const noexcept { return code_; }
 
-#define FOUNDATION_VFS_IO_EXCEPTION_IMPL(Name)                                                                   \
-  Name::Name(ErrorCode code) : IOException(#Name, code) {}                                                       \
-  Name::Name(std::string const& message, ErrorCode code) : IOException(message, code) {}                         \
-  Name::~Name() = default;                                                                                       \
-  std::unique_ptr<core::except::IException> Name::cloneException() const { return std::make_unique<Name>(*this); } \
+#define FOUNDATION_VFS_IO_EXCEPTION_IMPL(Name)                                                                         \
+  Name::Name(ErrorCode code) : IOException(#Name, code) {}                                                             \
+  Name::Name(std::string const& message, ErrorCode code) : IOException(message, code) {}                               \
+  Name::~Name() = default;                                                                                             \
+  std::unique_ptr<core::except::IException> Name::cloneException() const { return std::make_unique<Name>(*this); }     \
   void Name::rethrowException() const { throw Name(*this); }
 FOUNDATION_VFS_IO_EXCEPTION_IMPL(IOReadException)
 FOUNDATION_VFS_IO_EXCEPTION_IMPL(IOWriteException)

@@ -39,8 +39,9 @@ boost::property_tree::ptree ExtendedEventData::getData(std::u16string const& key
 
 Event::Event(events::Kind const& kind, AbsoluteIRI const& subscriptionLocation, FileOrFolder const& item,
              boost::property_tree::ptree const& extendedData)
-    : events::Event(eventmgr::makeTypeInformation<Event>(events::createEventType(kind, subscriptionLocation.toString())),
-                    events::SimpleEventData(kind, getLocation(item).toString(), entryTypeOf(item))),
+    : events::Event(
+          eventmgr::makeTypeInformation<Event>(events::createEventType(kind, subscriptionLocation.toString())),
+          events::SimpleEventData(kind, getLocation(item).toString(), entryTypeOf(item))),
       subscriptionLocation_(subscriptionLocation), data_(kind, item), extended_(extendedData) {}
 
 Event::~Event() = default;

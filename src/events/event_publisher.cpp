@@ -7,8 +7,8 @@ namespace foundation::storage::vfs {
 
 namespace eventmgr = msg_svc::eventmgr;
 
-EventPublisher::EventPublisher(StorageSystemReference const& system, boost::shared_ptr<eventmgr::EventMgr> const& eventMgr,
-                               eventmgr::DeliverMode const& mode)
+EventPublisher::EventPublisher(StorageSystemReference const& system,
+                               boost::shared_ptr<eventmgr::EventMgr> const& eventMgr, eventmgr::DeliverMode const& mode)
     : system_(system), eventMgr_(eventMgr), mode_(mode) {}
 
 void EventPublisher::operator()(events::Kind const& kind, provider::StorageIRI const& subscription,
@@ -39,9 +39,12 @@ void RecursiveEventPublisher::operator()(events::Kind const& kind, provider::Sto
 }
 
 std::string toString(WithRecursiveChangeEvents const& recursive) {
-  return recursive == WithRecursiveChangeEvents::Yes ? "WithRecursiveChangeEvents::Yes" : "WithRecursiveChangeEvents::No";
+  return recursive == WithRecursiveChangeEvents::Yes ? "WithRecursiveChangeEvents::Yes"
+                                                     : "WithRecursiveChangeEvents::No";
 }
 
-std::ostream& operator<<(std::ostream& os, WithRecursiveChangeEvents const& recursive) { return os << toString(recursive); }
+std::ostream& operator<<(std::ostream& os, WithRecursiveChangeEvents const& recursive) {
+  return os << toString(recursive);
+}
 
 } // namespace foundation::storage::vfs

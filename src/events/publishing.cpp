@@ -27,7 +27,8 @@ void Folder::publishEvents(EventPublisher const& publisher, std::vector<events::
   detail::guarded([&] { item_.publishFolderEvents(publisher, kinds, provider::RecursiveWatching::No); });
 }
 
-void Folder::publishEventsRecursively(RecursiveEventPublisher const& publisher, std::vector<events::Kind> const& kinds) const {
+void Folder::publishEventsRecursively(RecursiveEventPublisher const& publisher,
+                                      std::vector<events::Kind> const& kinds) const {
   detail::guarded([&] {
     if (!item_.hasFeature(provider::ExtendedFeature::RecursiveChangeEvents))
       throw Exception(ErrorCode::UnsupportedOperation, getLocation());
@@ -41,7 +42,8 @@ void Folder::stopPublishingEvents() const {
 
 void Folder::startChangePolling(EventPublisher const& publisher, std::vector<events::Kind> const& kinds,
                                 std::chrono::milliseconds interval) const {
-  detail::guarded([&] { item_.startChangePollingMechanism(publisher, kinds, interval, provider::RecursivePolling::No); });
+  detail::guarded(
+      [&] { item_.startChangePollingMechanism(publisher, kinds, interval, provider::RecursivePolling::No); });
 }
 
 void Folder::stopChangePolling() const {
@@ -66,28 +68,35 @@ void disconnect(std::unique_ptr<eventmgr::Connection> const& connection) {
 
 namespace detail {
 
-void publishEventsFor(FileOrFolder const& item, std::vector<events::Kind> const& kinds, WithRecursiveChangeEvents recursive) {
+void publishEventsFor(FileOrFolder const& item, std::vector<events::Kind> const& kinds,
+                      WithRecursiveChangeEvents recursive) {
   StorageSystemReference const system = getStorageSystem(item);
   AbsoluteIRI const location = getLocation(item);
   auto const eventMgr = eventMgrFor(system, location);
   if (recursive == WithRecursiveChangeEvents::No) {
     EventPublisher const publisher(system, eventMgr, eventmgr::DeliverMode::Asynchronous);
-    dispatch(item, [&](File const& file) { file.publishEvents(publisher, kinds); },
-             [&](Folder const& folder) { folder.publishEvents(publisher, kinds); });
+    dispatch(
+        item, [&](File const& file) { file.publishEvents(publisher, kinds); },
+        [&](Folder const& folder) { folder.publishEvents(publisher, kinds); });
   } else {
     RecursiveEventPublisher const publisher(system, eventMgr, location, eventmgr::DeliverMode::Asynchronous);
-    dispatch(item, [&](File const& file) { file.publishEventsRecursively(publisher, kinds); },
-             [&](Folder const& folder) { folder.publishEventsRecursively(publisher, kinds); });
+    dispatch(
+        item, [&](File const& file) { file.publishEventsRecursively(publisher, kinds); },
+        [&](Folder const& folder) { folder.publishEventsRecursively(publisher, kinds); });
   }
 }
 
 void stopPublishingEventsFor(FileOrFolder const& item) {
-  dispatch(item, [](File const& file) { file.stopPublishingEvents(); }, [](Folder const& folder) { folder.stopPublishingEvents(); });
+  dispatch(
+      item, [](File const& file) { file.stopPublishingEvents(); },
+      [](Folder const& folder) { folder.stopPublishingEvents(); });
 }
 
-void startChangePolling(Folder const& folder, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval) {
+void startChangePolling(Folder const& folder, std::vector<events::Kind> const& kinds,
+                        std::chrono::milliseconds interval) {
   StorageSystemReference const system = folder.getStorageSystem();
-  EventPublisher const publisher(system, eventMgrFor(system, folder.getLocation()), eventmgr::DeliverMode::Asynchronous);
+  EventPublisher const publisher(system, eventMgrFor(system, folder.getLocation()),
+                                 eventmgr::DeliverMode::Asynchronous);
   folder.startChangePolling(publisher, kinds, interval);
 }
 

@@ -58,18 +58,28 @@ public:
 protected:
   // Every entry point: nothing attached answers like a closed file buffer; provider
   // failures of the device leave translated.
-  int_type underflow() override { return onDevice(traits_type::eof(), [&] { return Base::underflow(); }); }
-  int_type pbackfail(int_type c) override { return onDevice(traits_type::eof(), [&] { return Base::pbackfail(c); }); }
-  std::streamsize xsgetn(char_type* s, std::streamsize n) override {
-    return onDevice(std::streamsize(0), [&] { return n < StreamBufferSize || pptr() ? Base::xsgetn(s, n) : readAround(s, n); });
+  int_type underflow() override {
+    return onDevice(traits_type::eof(), [&] { return Base::underflow(); });
   }
-  int_type overflow(int_type c) override { return onDevice(traits_type::eof(), [&] { return Base::overflow(c); }); }
+  int_type pbackfail(int_type c) override {
+    return onDevice(traits_type::eof(), [&] { return Base::pbackfail(c); });
+  }
+  std::streamsize xsgetn(char_type* s, std::streamsize n) override {
+    return onDevice(std::streamsize(0),
+                    [&] { return n < StreamBufferSize || pptr() ? Base::xsgetn(s, n) : readAround(s, n); });
+  }
+  int_type overflow(int_type c) override {
+    return onDevice(traits_type::eof(), [&] { return Base::overflow(c); });
+  }
   std::streamsize xsputn(char_type const* s, std::streamsize n) override {
     // Only with nothing pending and nothing read ahead is the device where the caller is.
     bool const inStep = pptr() == pbase() && gptr() == egptr();
-    return onDevice(std::streamsize(0), [&] { return n < StreamBufferSize || !inStep ? Base::xsputn(s, n) : writeAround(s, n); });
+    return onDevice(std::streamsize(0),
+                    [&] { return n < StreamBufferSize || !inStep ? Base::xsputn(s, n) : writeAround(s, n); });
   }
-  int sync() override { return onDevice(0, [&] { return Base::sync(); }); }
+  int sync() override {
+    return onDevice(0, [&] { return Base::sync(); });
+  }
   pos_type seekoff(off_type off, std::ios_base::seekdir way, std::ios_base::openmode which) override {
     return onDevice(pos_type(off_type(-1)), [&] { return Base::seekoff(off, way, which); });
   }

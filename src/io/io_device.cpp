@@ -51,7 +51,8 @@ void IODevice::close() {
 TransactionalIODevice::TransactionalIODevice(File file, provider::ByteStreamAccess access)
     : device_(std::make_unique<provider::GenericByteStreamDevice<provider::TransactionalStream>>(
           file.openTransactionalStream({access, provider::ByteStreamCreate::CreateIfMissing,
-                                        provider::ByteStreamTruncate::Truncate, provider::ByteStreamAppend::AtPosition}))) {}
+                                        provider::ByteStreamTruncate::Truncate,
+                                        provider::ByteStreamAppend::AtPosition}))) {}
 
 TransactionalIODevice::TransactionalIODevice(TransactionalIODevice&&) noexcept = default;
 TransactionalIODevice& TransactionalIODevice::operator=(TransactionalIODevice&&) noexcept = default;

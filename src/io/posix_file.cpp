@@ -72,7 +72,8 @@ public:
     int error = readable_ ? 0 : EPERM;
     if (error == 0 && wanted < 0) error = EOVERFLOW;
     std::streamsize got = 0;
-    if (error == 0) error = errnoOf([&] { got = std::max<std::streamsize>(device_.read(static_cast<char*>(ptr), wanted), 0); });
+    if (error == 0)
+      error = errnoOf([&] { got = std::max<std::streamsize>(device_.read(static_cast<char*>(ptr), wanted), 0); });
     if (error != 0) {
       error_ = error;
       return 0;
@@ -159,7 +160,9 @@ public:
   bool feof() const override { return std::feof(file_) != 0; }
   int ferror() const override { return std::ferror(file_); }
   int fflush() override { return std::fflush(file_); }
-  std::size_t fread(void* ptr, std::size_t size, std::size_t count) override { return std::fread(ptr, size, count, file_); }
+  std::size_t fread(void* ptr, std::size_t size, std::size_t count) override {
+    return std::fread(ptr, size, count, file_);
+  }
   int fseek(long offset, int whence) override { return std::fseek(file_, offset, whence); }
   long ftell() override { return std::ftell(file_); }
   std::size_t fwrite(void const* ptr, std::size_t size, std::size_t count) override {

@@ -18,14 +18,14 @@ T constructType(Folder const& parent, provider::FolderEntry const& entry);
 template <class T>
 FolderListing<T> constructType(Folder const& folder);
 
-#define VFS_DECLARE_CONSTRUCT_TYPE(T) \
-  template <>                         \
+#define VFS_DECLARE_CONSTRUCT_TYPE(T)                                                                                  \
+  template <>                                                                                                          \
   T constructType<T>(Folder const& parent, provider::FolderEntry const& entry);
 VFS_FOR_EACH_ELEMENT_TYPE(VFS_DECLARE_CONSTRUCT_TYPE)
 #undef VFS_DECLARE_CONSTRUCT_TYPE
 
-#define VFS_DECLARE_CONSTRUCT_LEVEL(T) \
-  template <>                          \
+#define VFS_DECLARE_CONSTRUCT_LEVEL(T)                                                                                 \
+  template <>                                                                                                          \
   FolderListing<T> constructType<T>(Folder const& folder);
 VFS_FOR_EACH_TREE_ELEMENT_TYPE(VFS_DECLARE_CONSTRUCT_LEVEL)
 #undef VFS_DECLARE_CONSTRUCT_LEVEL

@@ -7,16 +7,16 @@
 #include <vfs/folder.hpp>
 
 /// Expands `X(T)` for every element type.
-#define VFS_FOR_EACH_ELEMENT_TYPE(X) \
-  X(File)                            \
-  X(Folder)                          \
-  X(FileOrFolder)                    \
-  X(FileEntry)                       \
-  X(FolderEntry)                     \
-  X(FileOrFolderEntry)               \
+#define VFS_FOR_EACH_ELEMENT_TYPE(X)                                                                                   \
+  X(File)                                                                                                              \
+  X(Folder)                                                                                                            \
+  X(FileOrFolder)                                                                                                      \
+  X(FileEntry)                                                                                                         \
+  X(FolderEntry)                                                                                                       \
+  X(FileOrFolderEntry)                                                                                                 \
   X(ListEntry)
 
 /// Expands `X(T)` for the element types of tree listings.
-#define VFS_FOR_EACH_TREE_ELEMENT_TYPE(X) \
-  X(FileOrFolderEntry)                    \
+#define VFS_FOR_EACH_TREE_ELEMENT_TYPE(X)                                                                              \
+  X(FileOrFolderEntry)                                                                                                 \
   X(ListEntry)

@@ -22,7 +22,8 @@ template <class Handle, class Attributes>
 class EntryState {
 public:
   EntryState(Folder parent, std::u16string name, Attributes attributes)
-      : name(std::move(name)), handle(handleProducer()), attributes(std::move(attributes)), parent_(std::move(parent)) {}
+      : name(std::move(name)), handle(handleProducer()), attributes(std::move(attributes)), parent_(std::move(parent)) {
+  }
   EntryState(Folder parent, std::u16string name)
       : name(std::move(name)), handle(handleProducer()), attributes(attributesProducer()), parent_(std::move(parent)) {}
   explicit EntryState(Handle known)

@@ -12,7 +12,8 @@ template <class T>
 FolderListingIteratorImpl<T>::FolderListingIteratorImpl(Folder parent) : parent_(std::move(parent)) {}
 
 template <class T>
-FolderListingIteratorImpl<T>::FolderListingIteratorImpl(Folder parent, std::unique_ptr<provider::IFolderEntryIterator> cursor)
+FolderListingIteratorImpl<T>::FolderListingIteratorImpl(Folder parent,
+                                                        std::unique_ptr<provider::IFolderEntryIterator> cursor)
     : parent_(std::move(parent)), cursor_(std::move(cursor)) {
   updateCurrent();
 }
@@ -92,8 +93,8 @@ std::shared_ptr<IFolderIteratorImpl<T>> emptyListingPosition() {
 }
 
 // Exported explicitly: the element types of Boost's variant would hide it otherwise.
-#define VFS_DEFINE_FLAT_LISTING(T)               \
-  template class FolderListingIteratorImpl<T>; \
+#define VFS_DEFINE_FLAT_LISTING(T)                                                                                     \
+  template class FolderListingIteratorImpl<T>;                                                                         \
   template FOUNDATION_API std::shared_ptr<IFolderIteratorImpl<T>> emptyListingPosition<T>();
 VFS_FOR_EACH_ELEMENT_TYPE(VFS_DEFINE_FLAT_LISTING)
 #undef VFS_DEFINE_FLAT_LISTING

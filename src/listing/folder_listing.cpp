@@ -32,12 +32,12 @@ ImplPtr<T> overCursor(Folder const& folder, std::unique_ptr<provider::IFolderEnt
 } // namespace
 
 // The provider receives the pattern whether it can filter or not.
-#define VFS_FLAT_LISTING(T, member, worker)                                                                   \
-  FolderListing<T> Folder::member(std::u16string pattern) const {                                             \
-    return detail::guarded([&] {                                                                              \
-      auto impl = overCursor<T>(*this, worker(pattern));                                                      \
-      return filtered<T>(std::move(impl), pattern, !pattern.empty() && providerSupportsFlatWildcardListing()); \
-    });                                                                                                       \
+#define VFS_FLAT_LISTING(T, member, worker)                                                                            \
+  FolderListing<T> Folder::member(std::u16string pattern) const {                                                      \
+    return detail::guarded([&] {                                                                                       \
+      auto impl = overCursor<T>(*this, worker(pattern));                                                               \
+      return filtered<T>(std::move(impl), pattern, !pattern.empty() && providerSupportsFlatWildcardListing());         \
+    });                                                                                                                \
   }
 
 VFS_FLAT_LISTING(ListEntry, listAll, doListAll)
@@ -50,17 +50,17 @@ VFS_FLAT_LISTING(FileOrFolderEntry, listAllEntries, doListAllEntries)
 
 // The provider lists the tree where it can (names are then relative paths), otherwise the
 // library walks it; the walk enters every folder, matching or not.
-#define VFS_TREE_LISTING(T, member, worker)                                                                        \
-  FolderListing<T> Folder::member(std::u16string pattern) const {                                                  \
-    return detail::guarded([&] {                                                                                   \
-      if (item_.hasFeature(ExtendedFeature::RecursiveListing)) {                                                   \
-        auto impl = overCursor<T>(*this, worker(pattern));                                                         \
-        return filtered<T>(std::move(impl), pattern,                                                               \
-                           !pattern.empty() && item_.hasFeature(ExtendedFeature::RecursiveWildcardListing));       \
-      }                                                                                                            \
-      return filtered<T>(std::make_shared<detail::RecursiveFolderListingIteratorImpl<T>>(*this, pattern), pattern, \
-                         false);                                                                                   \
-    });                                                                                                            \
+#define VFS_TREE_LISTING(T, member, worker)                                                                            \
+  FolderListing<T> Folder::member(std::u16string pattern) const {                                                      \
+    return detail::guarded([&] {                                                                                       \
+      if (item_.hasFeature(ExtendedFeature::RecursiveListing)) {                                                       \
+        auto impl = overCursor<T>(*this, worker(pattern));                                                             \
+        return filtered<T>(std::move(impl), pattern,                                                                   \
+                           !pattern.empty() && item_.hasFeature(ExtendedFeature::RecursiveWildcardListing));           \
+      }                                                                                                                \
+      return filtered<T>(std::make_shared<detail::RecursiveFolderListingIteratorImpl<T>>(*this, pattern), pattern,     \
+                         false);                                                                                       \
+    });                                                                                                                \
   }
 
 VFS_TREE_LISTING(ListEntry, listAllRecursive, doListAllRecursive_provider_specialization)
@@ -71,9 +71,9 @@ bool Folder::providerSupportsFlatWildcardListing() const {
   return detail::guarded([&] { return item_.hasFeature(ExtendedFeature::FlatWildcardListing); });
 }
 
-#define VFS_LISTING_WORKER(worker, call)                                                                     \
-  std::unique_ptr<provider::IFolderEntryIterator> Folder::worker(std::u16string const& pattern) const {     \
-    return detail::guarded([&] { return item_.call(pattern); });                                             \
+#define VFS_LISTING_WORKER(worker, call)                                                                               \
+  std::unique_ptr<provider::IFolderEntryIterator> Folder::worker(std::u16string const& pattern) const {                \
+    return detail::guarded([&] { return item_.call(pattern); });                                                       \
   }
 
 VFS_LISTING_WORKER(doListAll, listAllNamesOnly)

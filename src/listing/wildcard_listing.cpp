@@ -35,8 +35,8 @@ FolderIteratorWildcardsImpl<T>::FilterImpl::FilterImpl(std::u16string const& pat
 }
 
 template <class T>
-FolderIteratorWildcardsImpl<T>::FilterImpl::FilterImpl(FolderListingIterator<T> current, WildcardMatchingFilter predicate,
-                                                       FolderListingIterator<T> end)
+FolderIteratorWildcardsImpl<T>::FilterImpl::FilterImpl(FolderListingIterator<T> current,
+                                                       WildcardMatchingFilter predicate, FolderListingIterator<T> end)
     : current_(std::move(current)), predicate_(std::move(predicate)), end_(std::move(end)) {}
 
 template <class T>
@@ -73,13 +73,15 @@ auto FolderIteratorWildcardsImpl<T>::FilterImpl::clone() const -> std::shared_pt
 }
 
 template <class T>
-FolderIteratorWildcardsImpl<T>::FolderIteratorWildcardsImpl(std::shared_ptr<IFolderIteratorImpl<T>> inner, std::u16string pattern)
+FolderIteratorWildcardsImpl<T>::FolderIteratorWildcardsImpl(std::shared_ptr<IFolderIteratorImpl<T>> inner,
+                                                            std::u16string pattern)
     : inner_(std::move(inner)), pattern_(std::move(pattern)),
       filter_(std::make_shared<FilterImpl>(pattern_, FolderListingIterator<T>(inner_->cloneImpl(), false),
                                            FolderListingIterator<T>(inner_->buildEndIterator(), false))) {}
 
 template <class T>
-FolderIteratorWildcardsImpl<T>::FolderIteratorWildcardsImpl(std::shared_ptr<FilterImpl> filter) : filter_(std::move(filter)) {}
+FolderIteratorWildcardsImpl<T>::FolderIteratorWildcardsImpl(std::shared_ptr<FilterImpl> filter)
+    : filter_(std::move(filter)) {}
 
 template <class T>
 auto FolderIteratorWildcardsImpl<T>::filter() const -> FilterImpl& {

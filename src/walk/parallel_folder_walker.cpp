@@ -103,8 +103,9 @@ struct ParallelFolderWalker::EntriesTask {
     } catch (Exception const& failure) {
       // A failure below is the parent's: its after-callback when something vanished (it
       // runs once more when the parent's walk ends), its failure callback otherwise.
-      return failure.getErrorCode() == ErrorCode::ResourceNotFound ? walker->visitor_.visitEntryAfter(*parent)
-                                                                    : walker->visitor_.visitFolderEntryFailed(*parent, failure);
+      return failure.getErrorCode() == ErrorCode::ResourceNotFound
+                 ? walker->visitor_.visitEntryAfter(*parent)
+                 : walker->visitor_.visitFolderEntryFailed(*parent, failure);
     }
   }
 };
@@ -186,7 +187,8 @@ FolderVisitResult walkFolderParallel(Folder const& folder, FolderVisitor& visito
   return walkFolderParallel(folder, visitor, [] { return false; });
 }
 
-FolderVisitResult walkFolderParallel(Folder const& folder, FolderVisitor& visitor, std::function<bool()> const& isCancelled) {
+FolderVisitResult walkFolderParallel(Folder const& folder, FolderVisitor& visitor,
+                                     std::function<bool()> const& isCancelled) {
   return ParallelFolderWalker(visitor, isCancelled).walk(folder);
 }
 

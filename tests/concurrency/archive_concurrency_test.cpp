@@ -132,7 +132,8 @@ TEST(ArchiveConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
   std::lock_guard lock(mutex);
   ASSERT_FALSE(kinds.empty());
   for (std::size_t i = 0; i < kinds.size(); ++i)
-    ASSERT_EQ(kinds[i], i % 2 == 0 ? foundation::storage::events::Kind::Created : foundation::storage::events::Kind::Removed)
+    ASSERT_EQ(kinds[i],
+              i % 2 == 0 ? foundation::storage::events::Kind::Created : foundation::storage::events::Kind::Removed)
         << "event " << i << " of " << kinds.size();
   EXPECT_EQ(kinds.back() == foundation::storage::events::Kind::Created, file.exists() == p::ExistsResult::File);
 }

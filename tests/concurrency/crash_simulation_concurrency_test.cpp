@@ -33,7 +33,9 @@ TEST(CrashSimulationConcurrency, BatchesOfManyThreadsEachCoverTheirOwnFiles) {
   auto storage = std::make_shared<FaultInjectingProvider>(memory);
   storage->trackDurability();
   p::StorageIRI const root(u"mem:///");
-  auto file = [&](int thread, int i) { return p::StorageIRI(root, u"t" + std::u16string(1, u'0' + thread) + u"-" + std::u16string(1, u'a' + i)); };
+  auto file = [&](int thread, int i) {
+    return p::StorageIRI(root, u"t" + std::u16string(1, u'0' + thread) + u"-" + std::u16string(1, u'a' + i));
+  };
 
   constexpr int threads = 4, files = 20;
   std::vector<std::thread> workers;

@@ -40,7 +40,8 @@ TEST(EventMgrConcurrency, ManyPostersKeepEachPostersOrderAndLoseNothing) {
   for (int t = 0; t < posters; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < each; ++i)
-        manager.post(boost::make_shared<Numbered>(t, i), i % 5 == 0 ? em::DeliverMode::Synchronous : em::DeliverMode::Asynchronous);
+        manager.post(boost::make_shared<Numbered>(t, i),
+                     i % 5 == 0 ? em::DeliverMode::Synchronous : em::DeliverMode::Asynchronous);
     });
   }
   // Subscriptions come and go while events flow.

@@ -98,7 +98,8 @@ TEST_F(LocalWatcherConcurrency, DeliversABurstOfRemovalsAndLetsOthersSubscribeMe
   // In memory where there is a tmpfs: what is tested is the watcher, not how fast a disk
   // creates 40,000 files.
   std::error_code noShm;
-  testsupport::TemporaryFolder const folder("vfs-burst", fs::is_directory("/dev/shm", noShm) ? fs::path("/dev/shm") : fs::temp_directory_path());
+  testsupport::TemporaryFolder const folder(
+      "vfs-burst", fs::is_directory("/dev/shm", noShm) ? fs::path("/dev/shm") : fs::temp_directory_path());
   auto at = [&](std::string const& relative) {
     return p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(folder.path() / relative)));
   };
@@ -119,8 +120,9 @@ TEST_F(LocalWatcherConcurrency, DeliversABurstOfRemovalsAndLetsOthersSubscribeMe
       {}, p::RecursiveWatching::No);
   for (int i = 0; i < files; ++i) fs::remove(folder.path() / "burst" / ("f" + std::to_string(i)));
   // Taking in another folder waits for a turn of the watcher, not for the whole burst.
-  at("unrelated").publishFolderEvents([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
-                                      p::RecursiveWatching::No);
+  at("unrelated")
+      .publishFolderEvents([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+                           p::RecursiveWatching::No);
   std::unique_lock lock(mutex);
   // Generous: a watcher that goes through all it knows for every removal needs far longer.
   EXPECT_TRUE(arrived.wait_for(lock, std::chrono::seconds(15), [&] { return removed.size() == files; }))

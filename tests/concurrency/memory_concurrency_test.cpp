@@ -21,11 +21,9 @@ using testsupport::writeFile;
 
 namespace {
 
-
 p::StorageItem at(std::shared_ptr<p::IProvider> const& provider, std::u16string const& path) {
   return p::StorageItem(provider, p::StorageIRI(u"mem:///" + path));
 }
-
 
 } // namespace
 
@@ -33,8 +31,9 @@ TEST(MemoryConcurrency, ThreadsWorkingOnOneTreeLoseNothing) {
   std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
   at(provider, u"shared").createFolder();
   std::atomic<int> changes{0};
-  at(provider, u"shared").publishFolderEvents([&](auto const&, auto const&, auto const&, auto const&, auto) { ++changes; }, {},
-                                              p::RecursiveWatching::Yes);
+  at(provider, u"shared")
+      .publishFolderEvents([&](auto const&, auto const&, auto const&, auto const&, auto) { ++changes; }, {},
+                           p::RecursiveWatching::Yes);
   constexpr int threads = 4, filesEach = 50;
   std::vector<std::thread> workers;
   for (int t = 0; t < threads; ++t) {
@@ -42,7 +41,8 @@ TEST(MemoryConcurrency, ThreadsWorkingOnOneTreeLoseNothing) {
       auto folder = at(provider, u"shared/t" + std::u16string(1, char16_t(u'0' + t)));
       folder.createFolder();
       for (int i = 0; i < filesEach; ++i) {
-        p::StorageItem file(folder, u"f" + std::u16string(1, char16_t(u'A' + i % 26)) + std::u16string(1, char16_t(u'0' + i / 26)));
+        p::StorageItem file(folder, u"f" + std::u16string(1, char16_t(u'A' + i % 26)) +
+                                        std::u16string(1, char16_t(u'0' + i / 26)));
         auto stream = file.openStream(replaceAll);
         std::string payload(100 + i, static_cast<char>('a' + t));
         stream->write(payload.data(), static_cast<std::streamsize>(payload.size()));
@@ -68,12 +68,13 @@ TEST(MemoryConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
   std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
   std::mutex mutex;
   std::vector<events::Kind> kinds;
-  at(provider, u"").publishFolderEvents(
-      [&](events::Kind const& kind, auto const&, auto const&, auto const&, auto) {
-        std::lock_guard lock(mutex);
-        kinds.push_back(kind);
-      },
-      {}, p::RecursiveWatching::No);
+  at(provider, u"")
+      .publishFolderEvents(
+          [&](events::Kind const& kind, auto const&, auto const&, auto const&, auto) {
+            std::lock_guard lock(mutex);
+            kinds.push_back(kind);
+          },
+          {}, p::RecursiveWatching::No);
   auto file = at(provider, u"contested");
   auto race = [&] {
     for (int i = 0; i < 5000; ++i) {
@@ -95,7 +96,8 @@ TEST(MemoryConcurrency, EventsOfRacingWritersFollowTheOrderOfTheirChanges) {
   std::lock_guard lock(mutex);
   ASSERT_FALSE(kinds.empty());
   for (std::size_t i = 0; i < kinds.size(); ++i)
-    ASSERT_EQ(kinds[i], i % 2 == 0 ? events::Kind::Created : events::Kind::Removed) << "event " << i << " of " << kinds.size();
+    ASSERT_EQ(kinds[i], i % 2 == 0 ? events::Kind::Created : events::Kind::Removed)
+        << "event " << i << " of " << kinds.size();
   EXPECT_EQ(kinds.back() == events::Kind::Created, file.exists() == p::ExistsResult::File);
 }
 
@@ -137,18 +139,19 @@ TEST(MemoryConcurrency, ACallbackMayWaitForAnotherThreadChangingTheTree) {
   std::vector<std::u16string> reported;
   std::future<void> other; // outlives the callback: its end must not wait for the other thread
   auto waited = std::future_status::deferred;
-  at(provider, u"").publishFolderEvents(
-      [&](auto const&, auto const&, p::StorageIRI const& item, auto const&, auto) {
-        {
-          std::lock_guard lock(mutex);
-          reported.push_back(item.getName());
-        }
-        if (item.getName() != u"first") return;
-        // As a callback handing work to a pool and waiting for it would.
-        other = std::async(std::launch::async, [&] { at(provider, u"second").createFile(); });
-        waited = other.wait_for(std::chrono::seconds(20));
-      },
-      {}, p::RecursiveWatching::No);
+  at(provider, u"")
+      .publishFolderEvents(
+          [&](auto const&, auto const&, p::StorageIRI const& item, auto const&, auto) {
+            {
+              std::lock_guard lock(mutex);
+              reported.push_back(item.getName());
+            }
+            if (item.getName() != u"first") return;
+            // As a callback handing work to a pool and waiting for it would.
+            other = std::async(std::launch::async, [&] { at(provider, u"second").createFile(); });
+            waited = other.wait_for(std::chrono::seconds(20));
+          },
+          {}, p::RecursiveWatching::No);
   at(provider, u"first").createFile();
   EXPECT_EQ(waited, std::future_status::ready) << "the other thread's change waited for the callback waiting for it";
   other.get();
@@ -159,7 +162,9 @@ TEST(MemoryConcurrency, ACallbackMayWaitForAnotherThreadChangingTheTree) {
 
 TEST(MemoryConcurrency, AWriterGetsInBetweenListingsThatNeverPause) {
   std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>();
-  for (int f = 0; f < 500; ++f) at(provider, u"tree/f" + std::u16string(1, char16_t(u'A' + f % 26)) + std::u16string(1, char16_t(u'a' + f / 26))).createFolderRecursive();
+  for (int f = 0; f < 500; ++f)
+    at(provider, u"tree/f" + std::u16string(1, char16_t(u'A' + f % 26)) + std::u16string(1, char16_t(u'a' + f / 26)))
+        .createFolderRecursive();
   std::atomic<bool> done{false};
   std::atomic<int> listings{0};
   std::vector<std::thread> listers;
@@ -221,13 +226,16 @@ TEST(MemoryConcurrency, PollingCanStopFromItsOwnCallbackAndWhileChangesHappen) {
   std::shared_ptr<p::IProvider> shared = provider;
   at(shared, u"polled").createFolder();
   std::atomic<int> seen{0};
-  at(shared, u"polled").startChangePollingMechanism(
-      [&](auto const&, auto const&, auto const&, auto const&, auto) {
-        if (++seen == 3) at(shared, u"polled").stopChangePollingMechanism();
-      },
-      {events::Kind::Created}, std::chrono::milliseconds(1), p::RecursivePolling::Yes);
+  at(shared, u"polled")
+      .startChangePollingMechanism(
+          [&](auto const&, auto const&, auto const&, auto const&, auto) {
+            if (++seen == 3) at(shared, u"polled").stopChangePollingMechanism();
+          },
+          {events::Kind::Created}, std::chrono::milliseconds(1), p::RecursivePolling::Yes);
   std::thread writer([&] {
-    for (int i = 0; i < 200; ++i) at(shared, u"polled/f" + std::u16string(1, char16_t(u'A' + i % 26)) + std::u16string(1, char16_t(u'a' + i / 26))).createFile();
+    for (int i = 0; i < 200; ++i)
+      at(shared, u"polled/f" + std::u16string(1, char16_t(u'A' + i % 26)) + std::u16string(1, char16_t(u'a' + i / 26)))
+          .createFile();
   });
   writer.join();
   for (int i = 0; i < 500 && seen < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -242,8 +250,9 @@ TEST(MemoryConcurrency, PollingCanStopFromItsOwnCallbackAndWhileChangesHappen) {
   for (int t = 0; t < 4; ++t) {
     starters.emplace_back([&] {
       for (int i = 0; i < 20; ++i) {
-        at(shared, u"polled").startChangePollingMechanism([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
-                                                          std::chrono::milliseconds(1), p::RecursivePolling::No);
+        at(shared, u"polled")
+            .startChangePollingMechanism([](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+                                         std::chrono::milliseconds(1), p::RecursivePolling::No);
         at(shared, u"polled").stopChangePollingMechanism();
       }
     });

@@ -25,15 +25,18 @@ constexpr int manyFiles = 70;
 void buildTree(Harness const& h) {
   h.folder(u"root/empty").createFolderRecursive();
   h.folder(u"root/many").createFolderRecursive();
-  for (int k = 0; k < manyFiles; ++k) h.file(u"root/many/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
+  for (int k = 0; k < manyFiles; ++k)
+    h.file(u"root/many/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
   for (int i = 0; i < folders; ++i) {
     std::u16string const d = u"root/d" + fl::i18n::to_ustring(std::to_string(i));
     for (int j = 0; j < subfolders; ++j) {
       std::u16string const s = d + u"/s" + fl::i18n::to_ustring(std::to_string(j));
       h.folder(s).createFolderRecursive();
-      for (int k = 0; k < filesPerFolder; ++k) h.file(s + u"/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
+      for (int k = 0; k < filesPerFolder; ++k)
+        h.file(s + u"/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
     }
-    for (int k = 0; k < filesPerFolder; ++k) h.file(d + u"/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
+    for (int k = 0; k < filesPerFolder; ++k)
+      h.file(d + u"/f" + fl::i18n::to_ustring(std::to_string(k)) + u".txt").createFile();
   }
 }
 
@@ -92,7 +95,8 @@ TEST_P(ParallelWalk, CancelledDuringTheWalkListsNoMoreAndLeavesOpenFoldersOpen) 
     } counting(root());
     counting.files = &files;
     std::size_t const limit = 5;
-    ASSERT_EQ(vfs::walkFolderParallel(root(), counting, [&] { return files.load() >= limit; }), FolderVisitResult::Stop);
+    ASSERT_EQ(vfs::walkFolderParallel(root(), counting, [&] { return files.load() >= limit; }),
+              FolderVisitResult::Stop);
     // Every task asks first; only those already past the question may still visit.
     EXPECT_LE(counting.count("file"), limit + threads);
     EXPECT_FALSE(counting.has("after", ""));

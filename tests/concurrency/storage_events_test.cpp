@@ -35,8 +35,10 @@ class Listener {
   std::vector<boost::shared_ptr<vfs::Event>> events_;
 
 public:
-  explicit Listener(boost::shared_ptr<eventmgr::EventMgr> manager, std::u16string key = u"foundation::storage::vfs::Event")
-      : manager_(std::move(manager)), connection(manager_->subscribe(std::move(key), [this](boost::shared_ptr<eventmgr::BaseEvent> const& event) {
+  explicit Listener(boost::shared_ptr<eventmgr::EventMgr> manager,
+                    std::u16string key = u"foundation::storage::vfs::Event")
+      : manager_(std::move(manager)),
+        connection(manager_->subscribe(std::move(key), [this](boost::shared_ptr<eventmgr::BaseEvent> const& event) {
           std::lock_guard lock(mutex_);
           events_.push_back(boost::dynamic_pointer_cast<vfs::Event>(event));
           arrived_.notify_all();
@@ -147,7 +149,8 @@ TEST_P(StorageEvents, RecursiveSubscriptionSeesFoldersCreatedAfterItStarted) {
   });
   auto created = listener.waitFor(Kind::Created, file.getLocation());
   ASSERT_TRUE(created);
-  EXPECT_EQ(created->getEventSubscriptionLocation(), watched.getLocation()) << "the watched root, not the changed folder";
+  EXPECT_EQ(created->getEventSubscriptionLocation(), watched.getLocation())
+      << "the watched root, not the changed folder";
   EXPECT_TRUE(listener.waitFor(Kind::Created, deeper.getLocation()));
 }
 

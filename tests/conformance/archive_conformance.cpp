@@ -12,11 +12,13 @@ namespace {
 
 /// A workspace served by a storage system of its own, with the second memory tree as the
 /// foreign provider; `archive` names the archive file, `root` the folder inside it.
-Workspace inSystem(std::u16string const& root, testsupport::TemporaryFolder folder = testsupport::TemporaryFolder("vfs-archive")) {
+Workspace inSystem(std::u16string const& root,
+                   testsupport::TemporaryFolder folder = testsupport::TemporaryFolder("vfs-archive")) {
   auto system = std::make_shared<StandardStorageSystem>();
   p::StorageIRI const location(root);
   Workspace w{system->buildProvider(location), location, system->buildProvider(p::StorageIRI(u"mem://elsewhere/")),
-              p::StorageIRI(u"mem://elsewhere/"), [system, folder] { system->shutdown(); }}; // commits while the folder is there
+              p::StorageIRI(u"mem://elsewhere/"),
+              [system, folder] { system->shutdown(); }}; // commits while the folder is there
   return w;
 }
 
@@ -28,7 +30,8 @@ ProviderUnderTest zip(std::string name, std::function<std::u16string(testsupport
   auto make = [archive] {
     testsupport::TemporaryFolder folder("vfs-archive");
     Workspace w = inSystem(u"zip:" + archive(folder) + u"!/work", folder);
-    if (w.root.getInnerIRI().hasInnerIRI()) w.provider->createFolder(w.root.getInnerIRI().withPath(u"/")); // the outer archive
+    if (w.root.getInnerIRI().hasInnerIRI())
+      w.provider->createFolder(w.root.getInnerIRI().withPath(u"/")); // the outer archive
     w.provider->createFolderRecursive(w.root);
     return w;
   };
@@ -56,8 +59,8 @@ ProviderUnderTest tar(std::string name, std::string const& compression) {
 } // namespace
 
 INSTANTIATE_PROVIDER_CONFORMANCE(
-    Archive,
-    ::testing::Values(zip("ZipInMemory", [](auto const&) { return std::u16string(u"mem:///t.zip"); }),
-                      zip("ZipInLocal", [](auto const& folder) { return localArchive(folder, "t.zip"); }),
-                      zip("ZipInZipInMemory", [](auto const&) { return std::u16string(u"zip:mem:///outer.zip!/inner.zip"); }),
-                      tar("Tar", ""), tar("TarGzip", "-z"), tar("TarZstd", "--zstd")));
+    Archive, ::testing::Values(zip("ZipInMemory", [](auto const&) { return std::u16string(u"mem:///t.zip"); }),
+                               zip("ZipInLocal", [](auto const& folder) { return localArchive(folder, "t.zip"); }),
+                               zip("ZipInZipInMemory",
+                                   [](auto const&) { return std::u16string(u"zip:mem:///outer.zip!/inner.zip"); }),
+                               tar("Tar", ""), tar("TarGzip", "-z"), tar("TarZstd", "--zstd")));

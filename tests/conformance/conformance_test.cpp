@@ -24,8 +24,9 @@ p::ByteStreamOpenOptions options(p::ByteStreamAccess access, p::ByteStreamCreate
   return {access, create, truncate, append};
 }
 
-p::ByteStreamOpenOptions const readWriteKeep = options(p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing,
-                                                       p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition);
+p::ByteStreamOpenOptions const readWriteKeep =
+    options(p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing, p::ByteStreamTruncate::Keep,
+            p::ByteStreamAppend::AtPosition);
 
 } // namespace
 
@@ -223,8 +224,8 @@ TEST_P(ProviderConformance, OpenOptionsTruncateOrKeepAndAppendOrWriteInPlace) {
   append->close();
   EXPECT_EQ(readFile(file), "ab23456789XY");
 
-  file.openStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist, p::ByteStreamTruncate::Truncate,
-                          p::ByteStreamAppend::AtPosition))
+  file.openStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist,
+                          p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition))
       ->close();
   EXPECT_EQ(readFile(file), "");
 }
@@ -314,7 +315,8 @@ TEST_P(ProviderConformance, CommitReplacesTheContentsAllAtOnce) {
   ASSERT_EQ(reader->read(head, 4), 4);
   transaction->close(p::StreamClosePolicy::Commit);
   EXPECT_EQ(readFile(file), "new");
-  EXPECT_EQ(std::string(head, 4) + testsupport::readAll(*reader, 7), "old contents"); // an open reader keeps what it opened
+  EXPECT_EQ(std::string(head, 4) + testsupport::readAll(*reader, 7),
+            "old contents"); // an open reader keeps what it opened
 }
 
 TEST_P(ProviderConformance, DiscardAndAbandonedTransactionsKeepTheOldContents) {
@@ -353,11 +355,11 @@ TEST_P(ProviderConformance, TransactionsCreateFilesAndCanStartFromTheOldContents
   keep->close(p::StreamClosePolicy::Commit);
   EXPECT_EQ(readFile(fresh), "created+more");
 
-  EXPECT_PROVIDER_ERROR(Code::ResourceNotFound,
-                        item(u"missing.txt").openTransactionalStream(options(p::ByteStreamAccess::WriteOnly,
-                                                                             p::ByteStreamCreate::MustExist,
-                                                                             p::ByteStreamTruncate::Truncate,
-                                                                             p::ByteStreamAppend::AtPosition)));
+  EXPECT_PROVIDER_ERROR(
+      Code::ResourceNotFound,
+      item(u"missing.txt")
+          .openTransactionalStream(options(p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::MustExist,
+                                           p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition)));
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing/f.txt").openTransactionalStream(replaceAll));
 }
 
@@ -389,8 +391,7 @@ TEST_P(ProviderConformance, CopiesAcrossProvidersWithProgress) {
   std::string const payload(300 * 1024, 'p');
   writeFile(item(u"big.bin"), payload);
   std::uint64_t lastDone = 0, lastTotal = 0;
-  p::CopyFileOptions copyOptions{p::ReplacementPolicy::FailIfExists,
-                                 [&](std::uint64_t done, std::uint64_t total) {
+  p::CopyFileOptions copyOptions{p::ReplacementPolicy::FailIfExists, [&](std::uint64_t done, std::uint64_t total) {
                                    EXPECT_GE(done, lastDone);
                                    lastDone = done;
                                    lastTotal = total;
@@ -411,11 +412,14 @@ TEST_P(ProviderConformance, NeverReplacesADestinationThatAppearsMeanwhile) {
   std::string const payload(300 * 1024, 's');
   writeFile(item(u"src.bin"), payload);
   writeFile(foreignItem(u"src.bin"), payload);
-  std::vector<std::pair<p::StorageItem, p::StorageItem>> const copies{
-      {item(u"src.bin"), item(u"here")}, {item(u"src.bin"), foreignItem(u"there")}, {foreignItem(u"src.bin"), item(u"back")}};
+  std::vector<std::pair<p::StorageItem, p::StorageItem>> const copies{{item(u"src.bin"), item(u"here")},
+                                                                      {item(u"src.bin"), foreignItem(u"there")},
+                                                                      {foreignItem(u"src.bin"), item(u"back")}};
   for (auto const& [from, toPrefix] : copies) {
     for (auto policy : {p::ReplacementPolicy::FailIfExists, p::ReplacementPolicy::KeepExisting}) {
-      p::StorageItem const to(toPrefix.getParent(), toPrefix.getName() + (policy == p::ReplacementPolicy::KeepExisting ? u"-keep" : u"-fail"));
+      p::StorageItem const to(toPrefix.getParent(),
+                              toPrefix.getName() +
+                                  (policy == p::ReplacementPolicy::KeepExisting ? u"-keep" : u"-fail"));
       bool intruded = false, tried = false;
       auto intrude = [&](std::uint64_t, std::uint64_t) {
         if (std::exchange(tried, true)) return;
@@ -441,8 +445,10 @@ TEST_P(ProviderConformance, NeverReplacesADestinationThatAppearsMeanwhile) {
         EXPECT_EQ(readFile(to), payload);
       } else {
         EXPECT_EQ(readFile(to), "intruder");
-        if (policy == p::ReplacementPolicy::KeepExisting) EXPECT_EQ(result, p::CopyResult::Skipped);
-        else EXPECT_EQ(error, Code::ResourceAlreadyExists);
+        if (policy == p::ReplacementPolicy::KeepExisting)
+          EXPECT_EQ(result, p::CopyResult::Skipped);
+        else
+          EXPECT_EQ(error, Code::ResourceAlreadyExists);
       }
     }
   }
@@ -469,7 +475,8 @@ TEST_P(ProviderConformance, CopyOntoAReadOnlyFileFailsAndKeepsIt) {
   writeFile(item(u"src.txt"), "source");
   writeFile(item(u"dst.txt"), "destination");
   item(u"dst.txt").setWritable(false);
-  EXPECT_PROVIDER_ERROR(Code::PermissionDenied, item(u"src.txt").copyFile(item(u"dst.txt"), {p::ReplacementPolicy::Overwrite, {}}));
+  EXPECT_PROVIDER_ERROR(Code::PermissionDenied,
+                        item(u"src.txt").copyFile(item(u"dst.txt"), {p::ReplacementPolicy::Overwrite, {}}));
   EXPECT_EQ(readFile(item(u"dst.txt")), "destination");
   item(u"dst.txt").setWritable(true);
 }
@@ -490,10 +497,12 @@ TEST_P(ProviderConformance, MovesFilesPerReplacementPolicy) {
   item(u"b.txt").moveFile(item(u"d/c.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
   EXPECT_EQ(readFile(item(u"d/c.txt")), "a");
   EXPECT_PROVIDER_ERROR(Code::ResourceNotFound, item(u"missing").moveFile(item(u"x").getLocation(), {}));
-  EXPECT_PROVIDER_ERROR(Code::ResourceNotFound,
-                        item(u"d/c.txt").moveFile(item(u"nowhere/c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
-  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
-                        item(u"d/c.txt").moveFile(foreignItem(u"c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(
+      Code::ResourceNotFound,
+      item(u"d/c.txt").moveFile(item(u"nowhere/c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(
+      Code::UnsupportedOperation,
+      item(u"d/c.txt").moveFile(foreignItem(u"c.txt").getLocation(), p::ReplacementPolicy::Overwrite));
   EXPECT_EQ(readFile(item(u"d/c.txt")), "a");
 }
 
@@ -504,8 +513,8 @@ TEST_P(ProviderConformance, MovesFoldersWithTheirContents) {
   EXPECT_EQ(item(u"src").exists(), p::ExistsResult::NotFound);
   EXPECT_EQ(readFile(item(u"moved/inner/x.txt")), "x");
 
-  EXPECT_PROVIDER_ERROR(Code::InvalidLocation,
-                        item(u"moved").moveFolder(item(u"moved/inner/deeper").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(Code::InvalidLocation, item(u"moved").moveFolder(item(u"moved/inner/deeper").getLocation(),
+                                                                         p::ReplacementPolicy::Overwrite));
   item(u"full").createFolder();
   writeFile(item(u"full/y.txt"), "y");
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists,
@@ -515,8 +524,8 @@ TEST_P(ProviderConformance, MovesFoldersWithTheirContents) {
   item(u"empty").createFolder();
   item(u"moved").moveFolder(item(u"empty").getLocation(), p::ReplacementPolicy::Overwrite);
   EXPECT_EQ(readFile(item(u"empty/inner/x.txt")), "x");
-  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
-                        item(u"empty").moveFolder(foreignItem(u"empty").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation, item(u"empty").moveFolder(foreignItem(u"empty").getLocation(),
+                                                                              p::ReplacementPolicy::Overwrite));
 }
 
 // --- listings ---------------------------------------------------------------------------
@@ -598,8 +607,8 @@ TEST_P(ListingConformance, ListingNeedsAnExistingFolder) {
 // --- names, locations, administration ---------------------------------------------------
 
 TEST_P(ProviderConformance, KeepsUnusualNamesIntact) {
-  std::vector<std::u16string> const unusual{u"with space", u"100%", u"hash#tag", u"what?", u"bang!", u"Grüße",
-                                            u"日本語", u"emoji \U0001F600", u"semi;colon", u"..dots.."};
+  std::vector<std::u16string> const unusual{u"with space", u"100%",   u"hash#tag",         u"what?",      u"bang!",
+                                            u"Grüße",      u"日本語", u"emoji \U0001F600", u"semi;colon", u"..dots.."};
   for (auto const& name : unusual) writeFile(item(name), toUtf8(name));
   std::vector<std::string> expected;
   for (auto const& name : unusual) expected.push_back(toUtf8(name));
@@ -625,7 +634,7 @@ TEST_P(ProviderConformance, ComparesNamesByTheRequestedCaseRule) {
   EXPECT_TRUE(compare(u"Name.txt", u"name.TXT", p::CaseModifier::CaseInsensitive));
   EXPECT_EQ(compare(u"Name.txt", u"name.txt", p::CaseModifier::ProviderDefault), capabilities().caseInsensitive);
   EXPECT_EQ(item(u"").getFilenameSensitivity(), capabilities().caseInsensitive ? p::FilenameSensitivity::CaseInsensitive
-                                                                              : p::FilenameSensitivity::CaseSensitive);
+                                                                               : p::FilenameSensitivity::CaseSensitive);
 }
 
 TEST_P(ProviderConformance, ReportsStorageInformation) {
@@ -650,7 +659,8 @@ TEST_P(ProviderConformance, ReportsFolderChangesInOrderUntilStopped) {
   EXPECT_EQ(records.front().kind, events::Kind::Created);
   EXPECT_EQ(records.front().item, item(u"watched/f.txt").getLocation().toString());
   EXPECT_EQ(records.front().type, events::EntryType::File);
-  auto renamed = std::find_if(records.begin(), records.end(), [](auto const& r) { return r.kind == events::Kind::Renamed; });
+  auto renamed =
+      std::find_if(records.begin(), records.end(), [](auto const& r) { return r.kind == events::Kind::Renamed; });
   ASSERT_NE(renamed, records.end());
   EXPECT_EQ(renamed->item, item(u"watched/g.txt").getLocation().toString());
   EXPECT_EQ(renamed->renamedFrom, item(u"watched/f.txt").getLocation().toIRI());
@@ -682,7 +692,8 @@ TEST_P(ProviderConformance, PollsFoldersForChanges) {
   item(u"polled").createFolder();
   writeFile(item(u"polled/existing.txt"), "1");
   EventLog log;
-  item(u"polled").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::No);
+  item(u"polled").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5),
+                                              p::RecursivePolling::No);
   item(u"polled/new.txt").createFile();
   item(u"polled/existing.txt").removeFile();
   ASSERT_TRUE(log.waitFor(2, std::chrono::seconds(5)));
@@ -690,12 +701,14 @@ TEST_P(ProviderConformance, PollsFoldersForChanges) {
   auto records = log.records();
   std::vector<std::pair<events::Kind, std::u16string>> seen;
   for (auto const& r : records) seen.emplace_back(r.kind, r.item);
-  EXPECT_NE(std::find(seen.begin(), seen.end(), std::make_pair(events::Kind::Created, item(u"polled/new.txt").getLocation().toString())),
+  EXPECT_NE(std::find(seen.begin(), seen.end(),
+                      std::make_pair(events::Kind::Created, item(u"polled/new.txt").getLocation().toString())),
             seen.end());
   EXPECT_NE(std::find(seen.begin(), seen.end(),
                       std::make_pair(events::Kind::Removed, item(u"polled/existing.txt").getLocation().toString())),
             seen.end());
-  EXPECT_THROW(item(u"missing").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5),
-                                                            p::RecursivePolling::No),
-               p::ChangeEventsSubscriptionException);
+  EXPECT_THROW(
+      item(u"missing")
+          .startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::No),
+      p::ChangeEventsSubscriptionException);
 }

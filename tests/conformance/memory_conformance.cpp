@@ -17,8 +17,11 @@ ProviderUnderTest memory(std::string name, p::FilenameSensitivity sensitivity = 
   auto make = [sensitivity] {
     std::shared_ptr<p::IProvider> provider = std::make_shared<MemoryProvider>(sensitivity);
     if constexpr (!std::is_void_v<Wrapper>) provider = std::make_shared<Wrapper>(provider);
-    Workspace w{provider, p::StorageIRI(u"mem:///work"), std::make_shared<MemoryProvider>(p::FilenameSensitivity::CaseSensitive, u"elsewhere"),
-                p::StorageIRI(u"mem://elsewhere/"), {}};
+    Workspace w{provider,
+                p::StorageIRI(u"mem:///work"),
+                std::make_shared<MemoryProvider>(p::FilenameSensitivity::CaseSensitive, u"elsewhere"),
+                p::StorageIRI(u"mem://elsewhere/"),
+                {}};
     w.provider->createFolder(w.root);
     return w;
   };
@@ -28,8 +31,9 @@ ProviderUnderTest memory(std::string name, p::FilenameSensitivity sensitivity = 
 } // namespace
 
 INSTANTIATE_PROVIDER_CONFORMANCE(
-    Memory, ::testing::Values(memory("Memory"), memory("MemoryCaseInsensitive", p::FilenameSensitivity::CaseInsensitive),
-                              memory<p::ForwardingProvider>("Forwarding"),
-                              memory<wrappers::CallCountingProvider>("CallCounting"),
-                              memory<wrappers::FaultInjectingProvider>("FaultInjectingWithoutFaults"),
-                              memory<wrappers::FeatureSwitchingProvider>("FeatureSwitchingAllOn")));
+    Memory,
+    ::testing::Values(memory("Memory"), memory("MemoryCaseInsensitive", p::FilenameSensitivity::CaseInsensitive),
+                      memory<p::ForwardingProvider>("Forwarding"),
+                      memory<wrappers::CallCountingProvider>("CallCounting"),
+                      memory<wrappers::FaultInjectingProvider>("FaultInjectingWithoutFaults"),
+                      memory<wrappers::FeatureSwitchingProvider>("FeatureSwitchingAllOn")));

@@ -13,8 +13,8 @@ using testsupport::writeFile;
 std::string toUtf8(std::u16string const& s) { return fl::i18n::to_utf8(s); }
 
 p::ChangeCallback EventLog::callback() {
-  return [this](events::Kind const& kind, p::StorageIRI const&, p::StorageIRI const& item, events::EntryType const& type,
-                boost::property_tree::ptree extra) {
+  return [this](events::Kind const& kind, p::StorageIRI const&, p::StorageIRI const& item,
+                events::EntryType const& type, boost::property_tree::ptree extra) {
     std::lock_guard lock(mutex_);
     records_.push_back({kind, item.toString(), type, extra.get("renamedFrom", std::string())});
     arrived_.notify_all();
@@ -36,9 +36,10 @@ namespace {
 /// Rows that only read, given the listing tree.
 bool readsOnly(std::string row) {
   row = row.substr(0, row.find('/')); // without the provider's suffix
-  static std::vector<std::string> const rows{"ListsChildrenByKindWithAndWithoutAttributes", "FiltersNamesWithPatterns",
-                                             "ListsTreesDepthFirstWithRelativeNames", "CursorsCloneIndependently",
-                                             "ComparesNamesByTheRequestedCaseRule", "ReportsStorageInformation"};
+  static std::vector<std::string> const rows{
+      "ListsChildrenByKindWithAndWithoutAttributes", "FiltersNamesWithPatterns",
+      "ListsTreesDepthFirstWithRelativeNames",       "CursorsCloneIndependently",
+      "ComparesNamesByTheRequestedCaseRule",         "ReportsStorageInformation"};
   return std::find(rows.begin(), rows.end(), row) != rows.end();
 }
 

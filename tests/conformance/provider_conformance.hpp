@@ -106,24 +106,20 @@ protected:
   void SetUp() override;
 };
 
-
-
 } // namespace conformance
 
 /// Expects `statement` to fail with the provider Exception of `code`.
-#define EXPECT_PROVIDER_ERROR(code, statement)                                                       \
-  do {                                                                                               \
-    try {                                                                                            \
-      statement;                                                                                     \
-      ADD_FAILURE() << #statement " succeeded; expected " << (code);                                 \
-    } catch (::foundation::storage::provider::Exception const& failure) {                            \
-      EXPECT_EQ(failure.getErrorCode(), (code)) << failure.what();                                   \
-    }                                                                                                \
+#define EXPECT_PROVIDER_ERROR(code, statement)                                                                         \
+  do {                                                                                                                 \
+    try {                                                                                                              \
+      statement;                                                                                                       \
+      ADD_FAILURE() << #statement " succeeded; expected " << (code);                                                   \
+    } catch (::foundation::storage::provider::Exception const& failure) {                                              \
+      EXPECT_EQ(failure.getErrorCode(), (code)) << failure.what();                                                     \
+    }                                                                                                                  \
   } while (false)
 
 /// Runs the whole contract for the providers `generator` yields.
-#define INSTANTIATE_PROVIDER_CONFORMANCE(prefix, generator)                                          \
-  INSTANTIATE_TEST_SUITE_P(prefix, ProviderConformance, generator,                                  \
-                           [](auto const& info) { return info.param.name; });                       \
-  INSTANTIATE_TEST_SUITE_P(prefix, ListingConformance, generator,                                   \
-                           [](auto const& info) { return info.param.name; })
+#define INSTANTIATE_PROVIDER_CONFORMANCE(prefix, generator)                                                            \
+  INSTANTIATE_TEST_SUITE_P(prefix, ProviderConformance, generator, [](auto const& info) { return info.param.name; });  \
+  INSTANTIATE_TEST_SUITE_P(prefix, ListingConformance, generator, [](auto const& info) { return info.param.name; })

@@ -83,7 +83,7 @@ TEST_P(BufferedDevices, LargeRequestsPassTheBufferWithoutLosingItsPlace) {
   std::string const bytes = pattern(4 * Buffer);
   write(file, bytes);
   vfs::BufferedIODevice device(file, readWriteCreate);
-  EXPECT_EQ(readExactly(device, 3), bytes.substr(0, 3)); // fills the buffer
+  EXPECT_EQ(readExactly(device, 3), bytes.substr(0, 3));                   // fills the buffer
   EXPECT_EQ(readExactly(device, Buffer + 5), bytes.substr(3, Buffer + 5)); // the rest of it, then the device
   EXPECT_EQ(device.tell(), std::streampos(Buffer + 8));
   EXPECT_EQ(readExactly(device, 2), bytes.substr(Buffer + 8, 2));
@@ -91,9 +91,9 @@ TEST_P(BufferedDevices, LargeRequestsPassTheBufferWithoutLosingItsPlace) {
   std::string const big = pattern(Buffer, 7);
   device.write(big.data(), Buffer); // in step with the device: written through
   EXPECT_EQ(readExactly(device, 4), bytes.substr(2 * Buffer + 10, 4));
-  device.write("ab", 2); // a small write after reading ahead lands at the position
+  device.write("ab", 2);            // a small write after reading ahead lands at the position
   device.write(big.data(), Buffer); // pending output first: through the buffer
-  device.close(); // an object store shows what a stream wrote only once it closes
+  device.close();                   // an object store shows what a stream wrote only once it closes
   std::string expected = bytes;
   expected.replace(Buffer + 10, Buffer, big);
   expected.replace(2 * Buffer + 14, 2, "ab");

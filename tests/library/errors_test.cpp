@@ -8,9 +8,10 @@ using vfs::ErrorCode;
 using wrappers::Operation;
 
 TEST(ErrorCodes, PrintEveryValueAndMapProviderCodesByTheTable) {
-  std::vector<std::string> const names{"FolderNotEmpty", "InvalidLocation", "PermissionDenied", "ResourceAlreadyExists",
-                                       "ResourceNotFound", "ReadOnlyProvider", "FileTooLarge", "ResourceInUse",
-                                       "NoSpaceLeft", "IOError", "InternalError", "UnsupportedOperation", "Unknown"};
+  std::vector<std::string> const names{
+      "FolderNotEmpty",   "InvalidLocation",      "PermissionDenied", "ResourceAlreadyExists", "ResourceNotFound",
+      "ReadOnlyProvider", "FileTooLarge",         "ResourceInUse",    "NoSpaceLeft",           "IOError",
+      "InternalError",    "UnsupportedOperation", "Unknown"};
   for (std::uint32_t i = 0; i < names.size(); ++i) {
     EXPECT_EQ(vfs::toString(static_cast<ErrorCode>(i)), "ErrorCode::" + names[i]);
     EXPECT_EQ(vfs::toUstring(static_cast<ErrorCode>(i)), fl::i18n::to_ustring("ErrorCode::" + names[i]));
@@ -35,18 +36,22 @@ TEST(Exceptions, ShowTheirClassNameAndTheirDataInTheirTexts) {
   vfs::AbsoluteIRI const location(u"mem:///a b");
   vfs::Exception e(ErrorCode::ResourceNotFound, location);
   EXPECT_STREQ(e.what(), "foundation::storage::vfs::Exception");
-  EXPECT_EQ(e.ToUstringImpl(), u"foundation::storage::vfs::Exception{Location=\"mem:///a b\", ErrorCode=\"ErrorCode::ResourceNotFound\"}");
+  EXPECT_EQ(e.ToUstringImpl(),
+            u"foundation::storage::vfs::Exception{Location=\"mem:///a b\", ErrorCode=\"ErrorCode::ResourceNotFound\"}");
   EXPECT_EQ(*boost::get_error_info<vfs::ErrorCodeInfo>(e), ErrorCode::ResourceNotFound);
   EXPECT_EQ(*boost::get_error_info<vfs::LocationInfo>(e), location);
 
   vfs::ChangeEventsNotSupportedException notSupported(location);
   vfs::ChangeEventsSubscriptionException subscription(location);
   EXPECT_STREQ(notSupported.what(), "foundation::storage::vfs::ChangeEventsNotSupportedException");
-  EXPECT_EQ(notSupported.ToUstringImpl(), u"foundation::storage::vfs::ChangeEventsNotSupportedException{Location=\"mem:///a b\"}");
+  EXPECT_EQ(notSupported.ToUstringImpl(),
+            u"foundation::storage::vfs::ChangeEventsNotSupportedException{Location=\"mem:///a b\"}");
   EXPECT_STREQ(subscription.what(), "foundation::storage::vfs::ChangeEventsSubscriptionException");
-  EXPECT_EQ(subscription.ToUstringImpl(), u"foundation::storage::vfs::ChangeEventsSubscriptionException{Location=\"mem:///a b\"}");
+  EXPECT_EQ(subscription.ToUstringImpl(),
+            u"foundation::storage::vfs::ChangeEventsSubscriptionException{Location=\"mem:///a b\"}");
   EXPECT_STREQ(vfs::InvalidIRIException(u"x").what(), "foundation::storage::vfs::InvalidIRIException");
-  EXPECT_STREQ(vfs::UnsupportedIRISchemeException(u"zip").what(), "foundation::storage::vfs::UnsupportedIRISchemeException");
+  EXPECT_STREQ(vfs::UnsupportedIRISchemeException(u"zip").what(),
+               "foundation::storage::vfs::UnsupportedIRISchemeException");
   EXPECT_EQ(vfs::UnsupportedIRISchemeException(u"zip").getScheme(), u"zip");
 
   vfs::IOReadException byCode(ErrorCode::IOError);
@@ -82,7 +87,7 @@ TEST(Exceptions, LetHandlersWalkTheContextChain) {
   caught.popExceptionContext();
   caught.popExceptionContext();
   EXPECT_FALSE(caught.topExceptionContext());
-  caught.popExceptionContext(); // harmless
+  caught.popExceptionContext();                                                           // harmless
   EXPECT_EQ(dynamic_cast<vfs::Exception&>(*copy).getExceptionContextsString(), u"a:b:c"); // copies keep their own
 }
 
@@ -121,8 +126,9 @@ TEST_P(Translation, TurnsChangeEventFailuresIntoSiblingsWithTheProvidersNested) 
   auto folder = h.folder(u"");
   try {
     translated([&] {
-      h.counts->publishFolderEvents(folder.getLocation().toStorageIRI(),
-                                    [](auto const&, auto const&, auto const&, auto const&, auto) {}, {}, p::RecursiveWatching::No);
+      h.counts->publishFolderEvents(
+          folder.getLocation().toStorageIRI(), [](auto const&, auto const&, auto const&, auto const&, auto) {}, {},
+          p::RecursiveWatching::No);
     });
     ADD_FAILURE() << "the subscription did not fail";
   } catch (vfs::ChangeEventsNotSupportedException const& e) {
@@ -147,8 +153,10 @@ TEST_P(Translation, TurnsStreamFailuresIntoIOExceptionsAndLetsOthersPass) {
     EXPECT_NE(std::string(e.what()).find("locked by another process"), std::string::npos);
   }
   // Every stream failure becomes its IO exception with the converted code.
-  EXPECT_THROW(translated([] { throw p::ByteStreamWriteFailure("w", p::ErrorCode::NoSpaceLeft); }), vfs::IOWriteException);
-  EXPECT_THROW(translated([] { throw p::ByteStreamSeekFailure("s", p::ErrorCode::InvalidLocation); }), vfs::IOSeekException);
+  EXPECT_THROW(translated([] { throw p::ByteStreamWriteFailure("w", p::ErrorCode::NoSpaceLeft); }),
+               vfs::IOWriteException);
+  EXPECT_THROW(translated([] { throw p::ByteStreamSeekFailure("s", p::ErrorCode::InvalidLocation); }),
+               vfs::IOSeekException);
   try {
     translated([] { throw p::ByteStreamCloseFailure("c", p::ErrorCode::ReadOnlyProvider); });
   } catch (vfs::IOCloseException const& e) {
@@ -162,13 +170,15 @@ TEST_P(Translation, TurnsStreamFailuresIntoIOExceptionsAndLetsOthersPass) {
   }
   EXPECT_THROW(translated([] { throw std::logic_error("a programming error"); }), std::logic_error);
   EXPECT_THROW(translated([] { throw std::bad_alloc(); }), std::bad_alloc);
-  EXPECT_THROW(translated([] { throw vfs::Exception(ErrorCode::IOError, vfs::AbsoluteIRI(u"mem:///x")); }), vfs::Exception);
+  EXPECT_THROW(translated([] { throw vfs::Exception(ErrorCode::IOError, vfs::AbsoluteIRI(u"mem:///x")); }),
+               vfs::Exception);
 }
 
 TEST_P(Translation, NamesALocationForEveryProviderFailure) {
   // The forwarding base asks for a feature without a location; the item that asked is named.
   h.folder(u"d").createFolder();
-  h.faults->failOn(Operation::HasFeature, p::StorageIRI(), p::ErrorCode::IOError, {p::ExceptionContext(u"probe", "down")}, 1);
+  h.faults->failOn(Operation::HasFeature, p::StorageIRI(), p::ErrorCode::IOError,
+                   {p::ExceptionContext(u"probe", "down")}, 1);
   try {
     h.folder(u"d").removeFolder(vfs::FolderRemovalPolicy::Recursive);
     ADD_FAILURE() << "the failing feature question was not reported";

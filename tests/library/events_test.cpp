@@ -136,7 +136,8 @@ TEST_P(Events, PublisherPostsFilesFoldersAndDropsWhatNoProviderServes) {
   EXPECT_EQ(received.events[1]->getEventData().getFileOrFolder().which(), 1) << "any entry type but File is a folder";
   EXPECT_EQ(received.events[1]->getExtendedEventData().getData(u"k").data(), "v");
   EXPECT_EQ(received.events[2]->getSimpleEventData().getKind(), events::Kind::Removed);
-  EXPECT_EQ(received.events[2]->getEventSubscriptionLocation(), h.root) << "the provider's subscription, not the root given";
+  EXPECT_EQ(received.events[2]->getEventSubscriptionLocation(), h.root)
+      << "the provider's subscription, not the root given";
   for (auto const& event : received.events) EXPECT_EQ(event->getEventSubscriptionLocation(), h.root);
 }
 
@@ -182,7 +183,8 @@ TEST(Subscriptions, RecursiveEventsNeedTheProvidersFeature) {
       std::make_shared<foundation::storage::providers::memory::MemoryProvider>());
   auto counts = std::make_shared<wrappers::CallCountingProvider>(features);
   system->registerProvider(u"mem", [counts](p::StorageIRI const&) { return counts; });
-  vfs::Folder const folder(vfs::AbsoluteIRI(u"mem:///w"), vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
+  vfs::Folder const folder(vfs::AbsoluteIRI(u"mem:///w"),
+                           vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
   folder.createFolder();
 
   features->disable(p::ExtendedFeature::RecursiveChangeEvents);
@@ -194,7 +196,8 @@ TEST(Subscriptions, RecursiveEventsNeedTheProvidersFeature) {
   vfs::detail::publishEventsFor(folder, {}, vfs::WithRecursiveChangeEvents::Yes);
   EXPECT_EQ(counts->count(p::Operation::PublishFolderEvents), 2u);
   vfs::unsubscribe(folder, nullptr);
-  EXPECT_EQ(counts->count(p::Operation::StopPublishingFolderEvents), 1u) << "a null connection still stops the provider";
+  EXPECT_EQ(counts->count(p::Operation::StopPublishingFolderEvents), 1u)
+      << "a null connection still stops the provider";
   vfs::unsubscribeFromChangePolling(folder, nullptr);
   EXPECT_EQ(counts->count(p::Operation::StopChangePollingMechanism), 1u);
 }

@@ -267,8 +267,8 @@ struct AfterUnget {
 };
 
 std::ostream& operator<<(std::ostream& os, AfterUnget const& a) {
-  return os << "{state " << a.afterUnget << ", got " << a.got << ", tellg " << a.tellg << ", after clear " << a.afterClear
-            << "}";
+  return os << "{state " << a.afterUnget << ", got " << a.got << ", tellg " << a.tellg << ", after clear "
+            << a.afterClear << "}";
 }
 
 AfterUnget ungetAndGet(vfs::fstream& stream) {

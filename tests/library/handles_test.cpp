@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <vector>
 #include <unistd.h>
+#include <vector>
 
 using namespace harness;
 using vfs::ErrorCode;
@@ -103,8 +103,11 @@ TEST_P(Handles, DispatchOnFileOrFolder) {
 }
 
 TEST_P(Handles, KnowTheirNamesExtensionsAndOrder) {
-  for (auto [name, extension] : std::vector<std::pair<std::u16string, std::u16string>>{
-           {u"archive.tar.gz", u".gz"}, {u".profile", u".profile"}, {u"name.", u"."}, {u"README", u""}, {u"a.b.c", u".c"}})
+  for (auto [name, extension] : std::vector<std::pair<std::u16string, std::u16string>>{{u"archive.tar.gz", u".gz"},
+                                                                                       {u".profile", u".profile"},
+                                                                                       {u"name.", u"."},
+                                                                                       {u"README", u""},
+                                                                                       {u"a.b.c", u".c"}})
     EXPECT_EQ(h.file(name).getExtension(), extension);
   auto other = std::make_shared<StandardStorageSystem>();
   vfs::File elsewhere(h.at(u"x"), vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(other)));
@@ -138,7 +141,8 @@ TEST_P(Handles, MoveAndCopyFilesWithinAndAcrossProviders) {
   EXPECT_EQ(h.file(u"src.txt").copyFile(h.file(u"copy.txt"), Policy::FailIfExists), p::CopyResult::Copied);
   EXPECT_EQ(h.file(u"copy.txt").getAttributes().getLastModified(), when); // kept within one scheme
   EXPECT_EQ(h.file(u"src.txt").copyFile(h.file(u"copy.txt"), Policy::KeepExisting), p::CopyResult::Skipped);
-  EXPECT_VFS_ERROR(ErrorCode::ResourceAlreadyExists, h.file(u"src.txt").copyFile(h.file(u"copy.txt"), Policy::FailIfExists));
+  EXPECT_VFS_ERROR(ErrorCode::ResourceAlreadyExists,
+                   h.file(u"src.txt").copyFile(h.file(u"copy.txt"), Policy::FailIfExists));
 
   h.file(u"copy.txt").moveFile(h.file(u"moved.txt"), Policy::OverwriteDeferringPermissionErrors);
   EXPECT_FALSE(h.file(u"copy.txt").fileExists());
@@ -147,9 +151,10 @@ TEST_P(Handles, MoveAndCopyFilesWithinAndAcrossProviders) {
   // Across schemes (the other scheme is the system's own provider): copied, then the
   // source removed.
   vfs::AbsoluteIRI const elsewhere =
-      GetParam() == "mem" ? vfs::toAbsoluteIRI(u"file", fl::filesystem::path(std::filesystem::temp_directory_path() /
-                                                                            ("vfs-across-" + std::to_string(::getpid()))))
-                          : vfs::AbsoluteIRI(u"mem:///across.txt");
+      GetParam() == "mem"
+          ? vfs::toAbsoluteIRI(u"file", fl::filesystem::path(std::filesystem::temp_directory_path() /
+                                                             ("vfs-across-" + std::to_string(::getpid()))))
+          : vfs::AbsoluteIRI(u"mem:///across.txt");
   vfs::File across(elsewhere, h.reference());
   h.file(u"moved.txt").moveFile(across, Policy::Overwrite);
   EXPECT_FALSE(h.file(u"moved.txt").fileExists());
@@ -174,7 +179,8 @@ TEST_P(Handles, ForceOverwriteUnlocksTheDestinationAndRetriesOnce) {
   // A move that still fails after unlocking reports the first failure.
   h.faults->failOn(Operation::MoveFile, h.at(u"src.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
   h.faults->failOn(Operation::MoveFile, h.at(u"src.txt").toStorageIRI(), p::ErrorCode::ResourceInUse, {}, 1);
-  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied, h.file(u"src.txt").moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite));
+  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
+                   h.file(u"src.txt").moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite));
   EXPECT_EQ(read(h.file(u"src.txt")), "new");
 }
 
@@ -190,8 +196,8 @@ TEST_P(Handles, MovesFallBackToCopyWhereTheProviderCannotMove) {
 
 TEST_P(Handles, OpenDevicesThatReadWriteAndCommit) {
   auto file = h.file(u"data.bin");
-  auto device = file.open({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing, p::ByteStreamTruncate::Truncate,
-                           p::ByteStreamAppend::AtPosition});
+  auto device = file.open({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::CreateIfMissing,
+                           p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
   EXPECT_EQ(device.write("hello", 5), 5);
   EXPECT_EQ(device.seek(0, std::ios_base::beg), std::streampos(0));
   char buffer[8];

@@ -31,7 +31,8 @@ Storage memory() {
 Storage local() {
   testsupport::TemporaryFolder folder("vfs-library");
   return {std::make_shared<foundation::storage::providers::local::LocalProvider>(),
-          vfs::toAbsoluteIRI(u"file", fl::filesystem::path(folder.path())), [folder] {}}; // the folder goes with the last copy
+          vfs::toAbsoluteIRI(u"file", fl::filesystem::path(folder.path())),
+          [folder] {}}; // the folder goes with the last copy
 }
 
 /// A zip archive on a memory tree of its own, which the system serves as "mem" too.
@@ -55,7 +56,9 @@ Storage s3() {
     } catch (p::Exception const&) { // a row that fails may leave anything behind; the next uses a new folder
     }
   };
-  return {provider, root, cleanup,
+  return {provider,
+          root,
+          cleanup,
           {{Capability::WritableFlags, "an object store has no read-only flags"},
            {Capability::NativeChangeEvents, "an object store reports no changes itself: polling only"},
            {Capability::Capacity, "an object store tells no capacity"},
@@ -70,7 +73,9 @@ std::vector<std::string> const& everyScheme() {
   return schemes;
 }
 
-std::string unavailable(std::string const& scheme) { return scheme == "s3" ? testsupport::s3Unavailable() : std::string(); }
+std::string unavailable(std::string const& scheme) {
+  return scheme == "s3" ? testsupport::s3Unavailable() : std::string();
+}
 
 Harness make(std::string const& scheme) {
   Harness h;
@@ -94,7 +99,8 @@ std::string read(vfs::File const& file) {
   auto device = file.openReadOnly();
   std::string bytes;
   char buffer[4096];
-  for (std::streamsize n; (n = device.read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
+  for (std::streamsize n; (n = device.read(buffer, sizeof buffer)) > 0;)
+    bytes.append(buffer, static_cast<std::size_t>(n));
   device.close();
   return bytes;
 }

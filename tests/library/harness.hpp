@@ -46,7 +46,9 @@ struct Harness {
     return found == lacking.end() ? std::string() : found->second;
   }
 
-  vfs::StorageSystemReference reference() const { return vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)); }
+  vfs::StorageSystemReference reference() const {
+    return vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system));
+  }
   vfs::AbsoluteIRI at(std::u16string const& relative) const { return vfs::AbsoluteIRI(root, relative); }
   vfs::File file(std::u16string const& relative) const { return vfs::File(at(relative), reference()); }
   vfs::Folder folder(std::u16string const& relative) const { return vfs::Folder(at(relative), reference()); }
@@ -81,23 +83,23 @@ protected:
 } // namespace harness
 
 /// Runs `fixture`'s rows on every scheme, named by it ("Providers/Fixture.Row/zip").
-#define INSTANTIATE_ON_EVERY_SCHEME(fixture)                                                         \
-  INSTANTIATE_TEST_SUITE_P(Providers, fixture, ::testing::ValuesIn(::harness::everyScheme()),      \
+#define INSTANTIATE_ON_EVERY_SCHEME(fixture)                                                                           \
+  INSTANTIATE_TEST_SUITE_P(Providers, fixture, ::testing::ValuesIn(::harness::everyScheme()),                          \
                            [](auto const& info) { return info.param; })
 
 /// Skips the row, saying why, where the storage of the harness `h` lacks `capability`.
-#define SKIP_WITHOUT(capability)                                                                     \
-  do {                                                                                               \
-    if (auto reason = h.lacks(::harness::Capability::capability); !reason.empty()) GTEST_SKIP() << reason; \
+#define SKIP_WITHOUT(capability)                                                                                       \
+  do {                                                                                                                 \
+    if (auto reason = h.lacks(::harness::Capability::capability); !reason.empty()) GTEST_SKIP() << reason;             \
   } while (false)
 
 /// Expects `statement` to throw the library's Exception with `code`.
-#define EXPECT_VFS_ERROR(code, statement)                                                            \
-  do {                                                                                               \
-    try {                                                                                            \
-      statement;                                                                                     \
-      ADD_FAILURE() << #statement " succeeded; expected " << (code);                                 \
-    } catch (::foundation::storage::vfs::Exception const& failure) {                                 \
-      EXPECT_EQ(failure.getErrorCode(), (code)) << ::foundation::core::except::toString(failure);    \
-    }                                                                                                \
+#define EXPECT_VFS_ERROR(code, statement)                                                                              \
+  do {                                                                                                                 \
+    try {                                                                                                              \
+      statement;                                                                                                       \
+      ADD_FAILURE() << #statement " succeeded; expected " << (code);                                                   \
+    } catch (::foundation::storage::vfs::Exception const& failure) {                                                   \
+      EXPECT_EQ(failure.getErrorCode(), (code)) << ::foundation::core::except::toString(failure);                      \
+    }                                                                                                                  \
   } while (false)

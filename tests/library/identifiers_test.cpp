@@ -99,13 +99,15 @@ TEST(AbsoluteIRI, CanonicalFormLetsProviderFailuresThrough) {
   }
   EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceNotFound,
                    vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path("/no/such/place/anywhere")));
-  EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceNotFound, vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path("no-such-relative")));
+  EXPECT_VFS_ERROR(vfs::ErrorCode::ResourceNotFound,
+                   vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path("no-such-relative")));
   EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"file", fl::filesystem::path(".")),
             vfs::toAbsoluteIRI(u"file", fl::filesystem::path(std::filesystem::current_path()))); // as realpath
 }
 
 TEST(HasIRIPrefix, TestsOnlyTheSyntaxOfTheStart) {
-  for (std::u16string yes : {u"a1:/", u"x+y.z-w:/p", u"ab:cd:/e", u"file:///x", u"zip:file:/a"}) EXPECT_TRUE(vfs::hasIRIPrefix(yes));
+  for (std::u16string yes : {u"a1:/", u"x+y.z-w:/p", u"ab:cd:/e", u"file:///x", u"zip:file:/a"})
+    EXPECT_TRUE(vfs::hasIRIPrefix(yes));
   for (std::u16string no : {u"", u"a:/", u"a:/x", u"1ab:/", u"ab:", u"ab:cd", u"ab:x", u"C:\\windows", u"ab/:x"})
     EXPECT_FALSE(vfs::hasIRIPrefix(no)) << fl::i18n::to_utf8(no);
   EXPECT_TRUE(vfs::hasIRIPrefix(std::u32string(U"ab:/")));

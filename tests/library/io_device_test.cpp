@@ -51,7 +51,7 @@ TEST_P(IODevices, ReadWriteAndSeekThroughTheProviderStream) {
   EXPECT_EQ(readSome(device, 5), "9");
   char c = 0;
   EXPECT_EQ(device.read(&c, 1), -1); // end of data
-  vfs::IODevice const copy = device;  // shares the provider stream
+  vfs::IODevice const copy = device; // shares the provider stream
   device.close();
   EXPECT_TRUE(copy.is_open());
   expectClosedDevice(device, "Cannot operate on a closed IODevice.", [](vfs::IODevice& d) { d.close(); });
@@ -71,10 +71,11 @@ TEST_P(IODevices, ProviderFailuresArriveAsIOExceptionsAndAFailedCloseKeepsTheDev
     p::ErrorCode code;
     ErrorCode expected;
   };
-  for (Case const& c : {Case{wrappers::StreamOperation::Read, p::ErrorCode::IOError, ErrorCode::IOError},
-                        Case{wrappers::StreamOperation::Write, p::ErrorCode::FileTooLarge, ErrorCode::FileTooLarge},
-                        Case{wrappers::StreamOperation::Seek, p::ErrorCode::InvalidLocation, ErrorCode::InvalidLocation},
-                        Case{wrappers::StreamOperation::Close, p::ErrorCode::ReadOnlyProvider, ErrorCode::ReadOnlyProvider}}) {
+  for (Case const& c :
+       {Case{wrappers::StreamOperation::Read, p::ErrorCode::IOError, ErrorCode::IOError},
+        Case{wrappers::StreamOperation::Write, p::ErrorCode::FileTooLarge, ErrorCode::FileTooLarge},
+        Case{wrappers::StreamOperation::Seek, p::ErrorCode::InvalidLocation, ErrorCode::InvalidLocation},
+        Case{wrappers::StreamOperation::Close, p::ErrorCode::ReadOnlyProvider, ErrorCode::ReadOnlyProvider}}) {
     h.faults->clear();
     h.faults->failStream(location, c.op, c.code, "injected " + std::to_string(static_cast<int>(c.op)));
     vfs::IODevice device(file, readWriteKeep);
@@ -89,11 +90,13 @@ TEST_P(IODevices, ProviderFailuresArriveAsIOExceptionsAndAFailedCloseKeepsTheDev
       ADD_FAILURE() << "no failure";
     } catch (vfs::IOException const& failure) {
       EXPECT_EQ(failure.getErrorCode(), c.expected);
-      EXPECT_NE(std::string(failure.what()).find("injected " + std::to_string(static_cast<int>(c.op))), std::string::npos);
-      bool const rightType = c.op == wrappers::StreamOperation::Read    ? !!dynamic_cast<vfs::IOReadException const*>(&failure)
-                             : c.op == wrappers::StreamOperation::Write ? !!dynamic_cast<vfs::IOWriteException const*>(&failure)
-                             : c.op == wrappers::StreamOperation::Seek  ? !!dynamic_cast<vfs::IOSeekException const*>(&failure)
-                                                                        : !!dynamic_cast<vfs::IOCloseException const*>(&failure);
+      EXPECT_NE(std::string(failure.what()).find("injected " + std::to_string(static_cast<int>(c.op))),
+                std::string::npos);
+      bool const rightType =
+          c.op == wrappers::StreamOperation::Read    ? !!dynamic_cast<vfs::IOReadException const*>(&failure)
+          : c.op == wrappers::StreamOperation::Write ? !!dynamic_cast<vfs::IOWriteException const*>(&failure)
+          : c.op == wrappers::StreamOperation::Seek  ? !!dynamic_cast<vfs::IOSeekException const*>(&failure)
+                                                     : !!dynamic_cast<vfs::IOCloseException const*>(&failure);
       EXPECT_TRUE(rightType);
     }
     EXPECT_TRUE(device.is_open()); // a failed operation, close included, changes nothing
@@ -136,8 +139,8 @@ TEST_P(IODevices, AFailedCommitKeepsTheOldContentsAndCanBeRetried) {
   // A write that fails half-way never reaches the file.
   vfs::File const written = h.file(u"w");
   write(written, "data");
-  h.faults->failStream(written.getLocation().toStorageIRI(), wrappers::StreamOperation::Write, p::ErrorCode::NoSpaceLeft,
-                       "full", 2);
+  h.faults->failStream(written.getLocation().toStorageIRI(), wrappers::StreamOperation::Write,
+                       p::ErrorCode::NoSpaceLeft, "full", 2);
   {
     vfs::TransactionalIODevice failing(written, p::ByteStreamAccess::WriteOnly);
     EXPECT_THROW(failing.write("abcd", 4), vfs::IOWriteException);
@@ -185,7 +188,7 @@ TEST(GenericTransactionalStreams, CloseOnceRetryAfterAFailureAndDiscardWhenDropp
   EXPECT_THROW(stream.close(Policy::Commit), std::runtime_error);
   EXPECT_TRUE(raw->isClosed());
   EXPECT_FALSE(stream.isClosed());
-  stream.close(Policy::Commit); // retried: the callback runs again
+  stream.close(Policy::Commit);  // retried: the callback runs again
   stream.close(Policy::Discard); // and only once more
   EXPECT_EQ(calls, (std::vector<Policy>{Policy::Commit, Policy::Commit}));
 

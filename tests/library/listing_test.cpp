@@ -94,7 +94,8 @@ void expectPreOrder(std::vector<std::string> const& paths) {
   }
 }
 
-std::set<std::string> const wholeTree{"a.txt", "b.log", ".txt", "empty", "sub", "sub/c.txt", "sub/deeper", "sub/deeper/d.txt"};
+std::set<std::string> const wholeTree{"a.txt", "b.log",     ".txt",       "empty",
+                                      "sub",   "sub/c.txt", "sub/deeper", "sub/deeper/d.txt"};
 
 TEST_P(Listings, ListFlatInEveryElementType) {
   EXPECT_EQ(namesOf(tree->listAll(), byName), (std::set<std::string>{"a.txt", "b.log", ".txt", "empty", "sub"}));
@@ -204,7 +205,8 @@ TEST_P(Listings, EntriesComputeOnFirstUseAndRetryAFailure) {
   vfs::FolderEntry folder(h.folder(u"tree/sub"));
   EXPECT_EQ(folder.getName(), u"sub");
   EXPECT_EQ(vfs::detail::getFolderFromEntry(vfs::FileOrFolderEntry(folder)), h.folder(u"tree/sub"));
-  EXPECT_THROW(vfs::detail::getFolderFromEntry(vfs::FileOrFolderEntry(vfs::FileEntry(h.file(u"tree/a.txt")))), boost::bad_get);
+  EXPECT_THROW(vfs::detail::getFolderFromEntry(vfs::FileOrFolderEntry(vfs::FileEntry(h.file(u"tree/a.txt")))),
+               boost::bad_get);
   EXPECT_THROW(vfs::detail::getFolderFromEntry(vfs::ListEntry(*tree, u"a.txt")), boost::bad_get);
   EXPECT_EQ(vfs::detail::getFolderFromEntry(vfs::ListEntry(*tree, u"sub/deeper")), h.folder(u"tree/sub/deeper"));
 
@@ -259,7 +261,8 @@ TEST_P(Listings, FilterFlatListingsWhoeverFilters) {
   auto none = tree->listFolders(u"x*");
   EXPECT_TRUE(none.empty());
   EXPECT_EQ(none.begin(), none.end());
-  EXPECT_EQ(tree->providerSupportsFlatWildcardListing(), !features->isDisabled(p::ExtendedFeature::FlatWildcardListing));
+  EXPECT_EQ(tree->providerSupportsFlatWildcardListing(),
+            !features->isDisabled(p::ExtendedFeature::FlatWildcardListing));
 }
 
 TEST_P(Listings, AcceptPatternsOfAnyContent) {
@@ -287,7 +290,8 @@ TEST_P(Listings, ReportWhatCannotBeListed) {
   };
   for (auto list : std::vector<std::function<void(vfs::Folder const&)>>{
            [](vfs::Folder const& f) { f.listAll(); }, [](vfs::Folder const& f) { f.listFileEntries(u"*.txt"); },
-           [](vfs::Folder const& f) { f.listAllRecursive(); }, [](vfs::Folder const& f) { f.listAllEntriesRecursive(u"x"); }}) {
+           [](vfs::Folder const& f) { f.listAllRecursive(); },
+           [](vfs::Folder const& f) { f.listAllEntriesRecursive(u"x"); }}) {
     expectFailure(ErrorCode::ResourceNotFound, h.folder(u"tree/missing"), list);
     expectFailure(ErrorCode::ResourceNotFound, h.folder(u"tree/a.txt"), list);
     h.faults->denyListing(h.at(u"tree/sub").toStorageIRI());
@@ -302,15 +306,18 @@ TEST_P(Listings, WalkPastSubFoldersThatCannotBeReadOrVanish) {
   auto names = walk(tree->listAllRecursive());
   auto entries = walk(tree->listAllEntriesRecursive());
   if (walkedByLibrary()) { // the provider's own walk reads the folders itself
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), std::set<std::string>(expected.begin(), expected.end()));
-    EXPECT_EQ(std::set<std::string>(entries.begin(), entries.end()), std::set<std::string>(expected.begin(), expected.end()));
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+              std::set<std::string>(expected.begin(), expected.end()));
+    EXPECT_EQ(std::set<std::string>(entries.begin(), entries.end()),
+              std::set<std::string>(expected.begin(), expected.end()));
   }
 
   h.faults->clear();
   h.faults->vanishAfterListing(h.at(u"tree/sub").toStorageIRI());
   names = walk(tree->listAllEntriesRecursive());
   if (walkedByLibrary()) {
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), std::set<std::string>(expected.begin(), expected.end()));
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+              std::set<std::string>(expected.begin(), expected.end()));
   }
 
   // Any other failure below the root reaches the caller.

@@ -22,10 +22,14 @@ bool referenceMatch(std::string const& pattern, std::string const& name) {
   std::string regex;
   for (std::size_t i = 0; i < stem; ++i) {
     char c = pattern[i];
-    if (c == '*') regex += ".*";
-    else if (c == '?') regex += '.';
-    else if (std::isalnum(static_cast<unsigned char>(c))) regex += c;
-    else regex += std::string("\\") + c;
+    if (c == '*')
+      regex += ".*";
+    else if (c == '?')
+      regex += '.';
+    else if (std::isalnum(static_cast<unsigned char>(c)))
+      regex += c;
+    else
+      regex += std::string("\\") + c;
   }
   std::size_t trailing = pattern.size() - stem;
   regex += trailing == 0 ? "" : trailing == 1 ? ".*" : ".+";
@@ -56,8 +60,10 @@ TEST(ListingWildcards, AgreeWithAReferenceWhoeverFilters) {
     for (auto const& name : names)
       if (referenceMatch(pattern, name)) expected.insert(name);
     for (bool providerFilters : {true, false}) {
-      if (providerFilters) features->enable(p::ExtendedFeature::FlatWildcardListing);
-      else features->disable(p::ExtendedFeature::FlatWildcardListing);
+      if (providerFilters)
+        features->enable(p::ExtendedFeature::FlatWildcardListing);
+      else
+        features->disable(p::ExtendedFeature::FlatWildcardListing);
       std::set<std::string> got;
       for (auto const& file : folder.listFiles(fl::i18n::to_ustring(pattern))) {
         auto name = file.getName();

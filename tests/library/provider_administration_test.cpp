@@ -110,8 +110,9 @@ TEST(ProviderExtensions, UsedWhenOfferedAndSkippedOtherwise) {
   auto plain = std::make_shared<StandardStorageSystem>();
   vfs::StorageSystemReference const reference{std::weak_ptr<vfs::StorageSystem>(plain)};
   vfs::Folder const folder(vfs::AbsoluteIRI(u"mem:///f"), reference);
-  ASSERT_EQ(dynamic_cast<p::extensions::IInvalidatable*>(reference.buildProvider(folder.getLocation().toStorageIRI()).get()),
-            nullptr);
+  ASSERT_EQ(
+      dynamic_cast<p::extensions::IInvalidatable*>(reference.buildProvider(folder.getLocation().toStorageIRI()).get()),
+      nullptr);
   vfs::invalidateFolder(folder);
   vfs::extensions::flushFilesystem(folder.getLocation(), reference);
   EXPECT_THROW(vfs::extensions::flushFilesystem(vfs::AbsoluteIRI(u"nobody:///x"), reference),
@@ -120,16 +121,19 @@ TEST(ProviderExtensions, UsedWhenOfferedAndSkippedOtherwise) {
 
 TEST(ProviderExtensions, OnlyProviderFailuresAreTranslated) {
   Administered a;
-  a.provider->failure = std::make_exception_ptr(p::Exception(p::ErrorCode::ReadOnlyProvider, a.folder.getLocation().toStorageIRI()));
+  a.provider->failure =
+      std::make_exception_ptr(p::Exception(p::ErrorCode::ReadOnlyProvider, a.folder.getLocation().toStorageIRI()));
   EXPECT_VFS_ERROR(vfs::ErrorCode::ReadOnlyProvider, vfs::invalidateFolder(a.folder));
-  EXPECT_VFS_ERROR(vfs::ErrorCode::ReadOnlyProvider, vfs::extensions::flushFilesystem(a.folder.getLocation(), a.reference));
+  EXPECT_VFS_ERROR(vfs::ErrorCode::ReadOnlyProvider,
+                   vfs::extensions::flushFilesystem(a.folder.getLocation(), a.reference));
   EXPECT_VFS_ERROR(vfs::ErrorCode::ReadOnlyProvider, vfs::configureProvider(a.folder, {}));
 
   // A provider failure outside the general kind leaves the narrow guards as it came...
   a.provider->failure =
       std::make_exception_ptr(p::ChangeEventsSubscriptionException(a.folder.getLocation().toStorageIRI(), "odd"));
   EXPECT_THROW(vfs::invalidateFolder(a.folder), p::ChangeEventsSubscriptionException);
-  EXPECT_THROW(vfs::extensions::flushFilesystem(a.folder.getLocation(), a.reference), p::ChangeEventsSubscriptionException);
+  EXPECT_THROW(vfs::extensions::flushFilesystem(a.folder.getLocation(), a.reference),
+               p::ChangeEventsSubscriptionException);
   // ...while configuring translates every failure.
   EXPECT_THROW(vfs::configureProvider(a.folder, {}), vfs::ChangeEventsSubscriptionException);
 

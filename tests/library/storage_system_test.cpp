@@ -25,7 +25,8 @@ public:
     p::fail(p::ErrorCode::ReadOnlyProvider, iri, u"test.build", "refused");
   }
   boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> getEventMgr() const override { return manager; }
-  boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> manager = boost::make_shared<foundation::msg_svc::eventmgr::EventMgr>();
+  boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> manager =
+      boost::make_shared<foundation::msg_svc::eventmgr::EventMgr>();
   mutable int shutdowns = 0;
 };
 
@@ -45,10 +46,11 @@ TEST(StorageSystemReference, FailsCleanlyOnceTheSystemIsGone) {
   registry->reset();
   EXPECT_EQ(destroyedText([&] { reference.lock(); }), "StorageSystem has been destroyed");
   EXPECT_EQ(destroyedText([&] { byFunction.getEventMgr(); }), "StorageSystem has been destroyed");
-  EXPECT_EQ(destroyedText([&] { vfs::File(vfs::AbsoluteIRI(u"mem:///new.txt"), reference); }), "StorageSystem has been destroyed");
+  EXPECT_EQ(destroyedText([&] { vfs::File(vfs::AbsoluteIRI(u"mem:///new.txt"), reference); }),
+            "StorageSystem has been destroyed");
   EXPECT_NO_THROW(reference.shutdown());
   EXPECT_TRUE(reference == byFunction); // both gone
-  EXPECT_TRUE(file.fileExists());        // a handle keeps its provider
+  EXPECT_TRUE(file.fileExists());       // a handle keeps its provider
   EXPECT_EQ(destroyedText([&] { file.getStorageSystem().lock(); }), "StorageSystem has been destroyed");
 
   vfs::StorageSystemReference empty{vfs::StorageSystemReference::Source()};
@@ -71,10 +73,12 @@ TEST(StandardStorageSystem, ReusesOneProviderPerSchemeAndAuthority) {
   auto a = vfs::buildProvider(*system, p::StorageIRI(u"mem:///a"));
   EXPECT_EQ(a, vfs::buildProvider(*system, p::StorageIRI(u"MEM:///b/c")));
   EXPECT_NE(a, vfs::buildProvider(*system, p::StorageIRI(u"mem://other/a")));
-  EXPECT_EQ(vfs::buildProvider(*system, p::StorageIRI(u"file:///tmp")), vfs::buildProvider(*system, p::StorageIRI(u"file://localhost/")));
+  EXPECT_EQ(vfs::buildProvider(*system, p::StorageIRI(u"file:///tmp")),
+            vfs::buildProvider(*system, p::StorageIRI(u"file://localhost/")));
   EXPECT_VFS_ERROR(vfs::ErrorCode::InvalidLocation, vfs::buildProvider(*system, p::StorageIRI(u"file://server/share")));
   try {
-    vfs::Folder(vfs::AbsoluteIRI(u"rar:file:///a.rar!/dir"), vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
+    vfs::Folder(vfs::AbsoluteIRI(u"rar:file:///a.rar!/dir"),
+                vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(system)));
     ADD_FAILURE() << "an unknown scheme was served";
   } catch (vfs::UnsupportedIRISchemeException const& e) {
     EXPECT_EQ(e.getScheme(), u"rar");

@@ -36,7 +36,8 @@ void expectCopyOfSource(vfs::Folder const& copy) {
 }
 
 /// A folder seen through `provider` with its native recursive removal switched off.
-vfs::Folder withoutNativeRemoval(Harness const& h, std::u16string const& relative, std::shared_ptr<p::IProvider> provider = {}) {
+vfs::Folder withoutNativeRemoval(Harness const& h, std::u16string const& relative,
+                                 std::shared_ptr<p::IProvider> provider = {}) {
   auto features = std::make_shared<wrappers::FeatureSwitchingProvider>(provider ? provider : h.counts);
   features->disable(p::ExtendedFeature::NativeRecursiveRemoval);
   return vfs::Folder(p::StorageItem(features, h.at(relative).toStorageIRI()), h.reference());
@@ -48,7 +49,8 @@ public:
   RemovingAfterListing(std::shared_ptr<p::IProvider> inner, p::StorageIRI folder, p::StorageIRI file)
       : ForwardingProvider(std::move(inner)), folder_(std::move(folder)), file_(std::move(file)) {}
 
-  std::unique_ptr<p::IFolderEntryIterator> listAll(p::StorageIRI const& folder, std::u16string const& pattern) override {
+  std::unique_ptr<p::IFolderEntryIterator> listAll(p::StorageIRI const& folder,
+                                                   std::u16string const& pattern) override {
     auto listing = ForwardingProvider::listAll(folder, pattern);
     if (folder == folder_) inner().removeFile(file_);
     return listing;
@@ -68,8 +70,9 @@ public:
   p::CopyResult copyFile(p::StorageIRI const& source, p::StorageItem const& destination,
                          p::CopyFileOptions const& options) override {
     if (source == source_) {
-      auto out = destination.openTransactionalStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                                      p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
+      auto out =
+          destination.openTransactionalStream({p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                               p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
       out->write("theirs", 6);
       out->close(p::StreamClosePolicy::Commit);
     }
@@ -87,7 +90,8 @@ public:
   NamesOnlyRemovingAfterListing(std::shared_ptr<p::IProvider> inner, p::StorageIRI vanishing)
       : ForwardingProvider(std::move(inner)), vanishing_(std::move(vanishing)) {}
 
-  std::unique_ptr<p::IFolderEntryIterator> listAll(p::StorageIRI const& folder, std::u16string const& pattern) override {
+  std::unique_ptr<p::IFolderEntryIterator> listAll(p::StorageIRI const& folder,
+                                                   std::u16string const& pattern) override {
     auto listing = ForwardingProvider::listAllNamesOnly(folder, pattern);
     if (folder == vanishing_.getParent()) inner().removeFolderRecursively(vanishing_);
     return listing;
@@ -136,7 +140,8 @@ protected:
 
   /// A folder on the other provider of the storage system (not wrapped).
   vfs::Folder elsewhere(std::string const& name) const {
-    if (GetParam() == "file") return vfs::Folder(vfs::AbsoluteIRI(u"mem:///" + fl::i18n::to_ustring(name)), h.reference());
+    if (GetParam() == "file")
+      return vfs::Folder(vfs::AbsoluteIRI(u"mem:///" + fl::i18n::to_ustring(name)), h.reference());
     return vfs::Folder(vfs::toAbsoluteIRI(u"file", fl::filesystem::path(other_.path() / name)), h.reference());
   }
 
@@ -209,8 +214,9 @@ TEST_P(TreeTransfer, EveryReplacementPolicyOnAnExistingDestination) {
     Policy policy;
     char const* expected; ///< contents of a.txt and sub/b.txt afterwards
   };
-  for (auto [policy, expected] : {Case{Policy::Overwrite, "old"}, Case{Policy::ForceOverwrite, "new"},
-                                  Case{Policy::OverwriteDeferringPermissionErrors, "new"}, Case{Policy::KeepExisting, "old"}}) {
+  for (auto [policy, expected] :
+       {Case{Policy::Overwrite, "old"}, Case{Policy::ForceOverwrite, "new"},
+        Case{Policy::OverwriteDeferringPermissionErrors, "new"}, Case{Policy::KeepExisting, "old"}}) {
     SCOPED_TRACE(testing::Message() << "policy " << policy);
     std::u16string const dst = u"dst" + fl::i18n::to_ustring(std::to_string(static_cast<int>(policy)));
     h.folder(dst + u"/sub").createFolderRecursive();
@@ -246,7 +252,8 @@ TEST_P(TreeTransfer, ForceOverwriteReplacesReadOnlyFiles) {
   h.file(u"dst/sub/b.txt").setWritable(false);
   if (GetParam() == "file" && ::geteuid() == 0) // root writes read-only files anyway: refuse as a user would be
     h.faults->failOn(Operation::CopyFile, h.at(u"src/sub/b.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
-  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied, h.file(u"src/sub/b.txt").copyFile(h.file(u"dst/sub/b.txt"), Policy::Overwrite));
+  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
+                   h.file(u"src/sub/b.txt").copyFile(h.file(u"dst/sub/b.txt"), Policy::Overwrite));
   if (GetParam() == "file" && ::geteuid() == 0)
     h.faults->failOn(Operation::CopyFile, h.at(u"src/sub/b.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
   h.folder(u"src").copyFolder(h.folder(u"dst"), Policy::ForceOverwrite);
@@ -269,7 +276,8 @@ TEST_P(TreeTransfer, PermissionFailuresAreDeferredToTheEndWithPolicyThree) {
   EXPECT_FALSE(h.file(u"dst/a.txt").fileExists());
 
   // Any other policy stops at the first refusal.
-  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied, h.folder(u"src").copyFolder(h.folder(u"dst-other"), Policy::ForceOverwrite));
+  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
+                   h.folder(u"src").copyFolder(h.folder(u"dst-other"), Policy::ForceOverwrite));
 
   // A move with deferred failures keeps its source.
   EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
@@ -341,7 +349,8 @@ TEST_P(TreeTransfer, IntoACaseInsensitiveFolderNamesDifferingInCaseOnlyLandOnce)
   // overwrites.
   std::vector<std::string> order;
   for (auto const& entry : h.folder(u"src").listAllEntries())
-    if (auto name = vfs::getName(entry); name == u"A.txt" || name == u"a.txt") order.push_back(name == u"A.txt" ? "A" : "a");
+    if (auto name = vfs::getName(entry); name == u"A.txt" || name == u"a.txt")
+      order.push_back(name == u"A.txt" ? "A" : "a");
   ASSERT_EQ(order.size(), 2u);
   for (Policy policy : {Policy::FailIfExists, Policy::Overwrite, Policy::KeepExisting, Policy::ForceOverwrite}) {
     SCOPED_TRACE(testing::Message() << "policy " << policy);
@@ -355,8 +364,8 @@ TEST_P(TreeTransfer, IntoACaseInsensitiveFolderNamesDifferingInCaseOnlyLandOnce)
 TEST_P(TreeTransfer, AMoveAcrossProvidersRemovesFromTheSourceOnlyWhatItCopied) {
   // The destination holds sub/b.txt already: the keeping policies skip it, and the source
   // keeps it with the folder holding it.
-  for (Policy policy : {Policy::Overwrite, Policy::ForceOverwrite, Policy::OverwriteDeferringPermissionErrors,
-                        Policy::KeepExisting}) {
+  for (Policy policy :
+       {Policy::Overwrite, Policy::ForceOverwrite, Policy::OverwriteDeferringPermissionErrors, Policy::KeepExisting}) {
     SCOPED_TRACE(testing::Message() << "policy " << policy);
     std::u16string const src = numbered(u"src", policy);
     buildSource(h, src);
@@ -415,7 +424,8 @@ TEST_P(TreeTransfer, OnlyProviderAndLibraryFailuresGiveWayToTheFirstFailure) {
   // A provider failure of the retry still gives way to the first one.
   h.faults->failOn(Operation::MoveFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::PermissionDenied, {}, 1);
   h.faults->failOn(Operation::MoveFile, h.at(u"src/a.txt").toStorageIRI(), p::ErrorCode::IOError, {}, 1);
-  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied, h.file(u"src/a.txt").moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite));
+  EXPECT_VFS_ERROR(ErrorCode::PermissionDenied,
+                   h.file(u"src/a.txt").moveFile(h.file(u"dst.txt"), Policy::ForceOverwrite));
 }
 
 TEST_P(TreeTransfer, AFailedMoveAcrossProvidersKeepsTheSource) {
@@ -426,7 +436,8 @@ TEST_P(TreeTransfer, AFailedMoveAcrossProvidersKeepsTheSource) {
 }
 
 TEST_P(TreeTransfer, RecursiveRemovalFailsForATreeGoneAlreadyAndToleratesEntriesGoneMeanwhile) {
-  EXPECT_VFS_ERROR(ErrorCode::ResourceNotFound, withoutNativeRemoval(h, u"gone").removeFolder(vfs::FolderRemovalPolicy::Recursive));
+  EXPECT_VFS_ERROR(ErrorCode::ResourceNotFound,
+                   withoutNativeRemoval(h, u"gone").removeFolder(vfs::FolderRemovalPolicy::Recursive));
   EXPECT_VFS_ERROR(ErrorCode::ResourceNotFound, vfs::removeNonEmptyFolder(h.folder(u"gone")));
 
   auto remover = std::make_shared<RemovingAfterListing>(h.counts, h.at(u"src/sub").toStorageIRI(),

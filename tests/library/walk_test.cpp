@@ -19,9 +19,9 @@ void buildTree(Harness const& h) {
   for (auto file : {u"root/f.txt", u"root/a/x.txt", u"root/a/y.txt", u"root/b/c/z.txt"}) write(h.file(file), "data");
 }
 
-std::set<std::string> const wholeTree{"before:",  "file:f.txt",   "before:a",     "file:a/x.txt", "file:a/y.txt",
-                                      "after:a",  "before:b",     "before:b/c",   "file:b/c/z.txt", "after:b/c",
-                                      "after:b",  "before:empty", "after:empty",  "after:"};
+std::set<std::string> const wholeTree{"before:", "file:f.txt",   "before:a",    "file:a/x.txt",   "file:a/y.txt",
+                                      "after:a", "before:b",     "before:b/c",  "file:b/c/z.txt", "after:b/c",
+                                      "after:b", "before:empty", "after:empty", "after:"};
 
 std::set<std::string> asSet(std::vector<std::string> const& sequence) { return {sequence.begin(), sequence.end()}; }
 
@@ -203,8 +203,8 @@ TEST(SerialWalkDepth, WalksATreeDeeperThanAStackWouldAllow) {
 
 TEST(WalkPrinting, ResultsAndRemovalPolicies) {
   std::ostringstream text;
-  text << FolderVisitResult::Skip << "|" << static_cast<FolderVisitResult>(3) << "|" << vfs::FolderRemovalPolicy::Recursive
-       << "|" << static_cast<vfs::FolderRemovalPolicy>(2) << "|";
+  text << FolderVisitResult::Skip << "|" << static_cast<FolderVisitResult>(3) << "|"
+       << vfs::FolderRemovalPolicy::Recursive << "|" << static_cast<vfs::FolderRemovalPolicy>(2) << "|";
   EXPECT_EQ(text.str(), "FolderVisitResult::Skip|Unhandled FolderVisitResult|FolderRemovalPolicy::Recursive||");
   EXPECT_EQ(vfs::toUstring(FolderVisitResult::Stop), u"FolderVisitResult::Stop");
   EXPECT_EQ(vfs::toString(FolderVisitResult::Continue), "FolderVisitResult::Continue");

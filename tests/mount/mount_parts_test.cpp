@@ -33,11 +33,19 @@ int errnoOf(auto&& thrower) {
 
 TEST(MountErrno, EveryCodeHasTheErrnoProgramsExpect) {
   using enum vfs::ErrorCode;
-  std::pair<vfs::ErrorCode, int> const table[] = {
-      {FolderNotEmpty, ENOTEMPTY}, {InvalidLocation, EINVAL}, {PermissionDenied, EACCES},
-      {ResourceAlreadyExists, EEXIST}, {ResourceNotFound, ENOENT}, {ReadOnlyProvider, EROFS},
-      {FileTooLarge, EFBIG}, {ResourceInUse, EBUSY}, {NoSpaceLeft, ENOSPC},
-      {IOError, EIO}, {InternalError, EIO}, {UnsupportedOperation, ENOTSUP}, {Unknown, EIO}};
+  std::pair<vfs::ErrorCode, int> const table[] = {{FolderNotEmpty, ENOTEMPTY},
+                                                  {InvalidLocation, EINVAL},
+                                                  {PermissionDenied, EACCES},
+                                                  {ResourceAlreadyExists, EEXIST},
+                                                  {ResourceNotFound, ENOENT},
+                                                  {ReadOnlyProvider, EROFS},
+                                                  {FileTooLarge, EFBIG},
+                                                  {ResourceInUse, EBUSY},
+                                                  {NoSpaceLeft, ENOSPC},
+                                                  {IOError, EIO},
+                                                  {InternalError, EIO},
+                                                  {UnsupportedOperation, ENOTSUP},
+                                                  {Unknown, EIO}};
   for (auto [code, expected] : table) EXPECT_EQ(errnoFor(code), expected) << code;
   EXPECT_EQ(errnoFor(UnsupportedOperation, true), EXDEV) << "rename must let mv fall back to copying";
   EXPECT_EQ(errnoFor(static_cast<vfs::ErrorCode>(99)), EIO);
@@ -81,7 +89,7 @@ TEST_F(MountInodeTable, RenamingAFolderMovesEverythingBelowIt) {
 TEST_F(MountInodeTable, ReplacedAndRemovedNodesLoseTheirPlaceButLiveUntilForgotten) {
   NodeId const old = table.remember(InodeTable::Root, "doc", NodeKind::File);
   NodeId const temporary = table.remember(InodeTable::Root, "doc.tmp", NodeKind::File);
-  table.renamed(InodeTable::Root, "doc.tmp", InodeTable::Root, "doc");  // an editor's save
+  table.renamed(InodeTable::Root, "doc.tmp", InodeTable::Root, "doc"); // an editor's save
   EXPECT_EQ(at(temporary), u"mem:///root/doc");
   EXPECT_EQ(at(old), u"(none)");
   EXPECT_EQ(table.kind(old), NodeKind::File) << "the kernel may still ask about it";
@@ -100,7 +108,7 @@ TEST_F(MountInodeTable, AFolderStaysWhileItsChildrenAreReferenced) {
   NodeId const child = table.remember(folder, "x", NodeKind::File);
   table.forget(folder, 1);
   EXPECT_EQ(at(child), u"mem:///root/d/x");
-  table.forget(child, 5);  // more than it had: the kernel batches forgets
+  table.forget(child, 5); // more than it had: the kernel batches forgets
   EXPECT_EQ(table.size(), 1u) << "only the root is left";
   table.forget(InodeTable::Root, 1);
   EXPECT_EQ(at(InodeTable::Root), u"mem:///root");
@@ -149,7 +157,7 @@ TEST_F(MountOpenFile, WherePlainWritesAreRefusedATransactionHoldsThemUntilFlush)
   EXPECT_EQ(harness::read(h.file(u"f")), "NEW contents++");
   EXPECT_FALSE(writer.pendingSize());
 
-  writer.write("n", 1, 0);  // the next transaction starts from what was committed
+  writer.write("n", 1, 0); // the next transaction starts from what was committed
   writer.close();
   EXPECT_EQ(harness::read(h.file(u"f")), "nEW contents++");
 }
@@ -181,13 +189,13 @@ TEST_F(MountOpenFile, TruncatingATransactionLastsThroughItsCommit) {
 
   OpenFile other(h.file(u"f"), true, false);
   other.write("X", 1, 0);
-  other.truncateTransaction(2);  // as after a truncation through the first handle
+  other.truncateTransaction(2); // as after a truncation through the first handle
   other.close();
   EXPECT_EQ(harness::read(h.file(u"f")), "Xl");
   writer.flush();
   EXPECT_EQ(harness::read(h.file(u"f")), std::string("NEW c\0\0!", 8));
 
-  writer.truncate(3);  // no transaction open any more: the file itself
+  writer.truncate(3); // no transaction open any more: the file itself
   EXPECT_EQ(harness::read(h.file(u"f")), "NEW");
   writer.close();
 }

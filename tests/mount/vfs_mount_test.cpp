@@ -37,8 +37,9 @@ using testsupport::readFile;
 using testsupport::writeFile;
 
 bool isMountpoint(fs::path const& path) {
-  struct stat at {}, parent {};
-  if (::stat(path.c_str(), &at) != 0) return errno == ENOTCONN;  // a mount whose server died
+  struct stat at {
+  }, parent{};
+  if (::stat(path.c_str(), &at) != 0) return errno == ENOTCONN; // a mount whose server died
   return ::stat(path.parent_path().c_str(), &parent) == 0 && at.st_dev != parent.st_dev;
 }
 
@@ -85,7 +86,8 @@ protected:
   /// the output names the command that failed.
   Result run(std::string const& script) {
     auto const file = scratch_ / "script.sh";
-    writeFile(file, "set -euo pipefail\ntrap 'echo \"failed: $BASH_COMMAND\"' ERR\nM=" + quote(mountpoint_.string()) + "\nS=" + quote(scratch_.string()) + "\n" + script);
+    writeFile(file, "set -euo pipefail\ntrap 'echo \"failed: $BASH_COMMAND\"' ERR\nM=" + quote(mountpoint_.string()) +
+                        "\nS=" + quote(scratch_.string()) + "\n" + script);
     auto const command = "bash " + quote(file.string()) + " >" + quote((scratch_ / "out").string()) + " 2>&1";
     int const raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, readFile(scratch_ / "out")};
@@ -289,7 +291,8 @@ protected:
   }
   int waitFor(pid_t child) {
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
     return status;
   }
 };

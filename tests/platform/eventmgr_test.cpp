@@ -47,8 +47,10 @@ TEST(StorageEvents, NameKindAndLocationInTheirTypeAndCarryTheHierarchysTags) {
             u"foundation::storage::events::Event/AttributesChanged@mem:///");
   auto event = storageEvent(events::Kind::Removed, u"mem:///a", u"mem:///a/b");
   EXPECT_EQ(event->getTypeInformation().getTags(),
-            (std::vector<std::u16string>{u"foundation::storage::events::Event", u"foundation::msg_svc::eventmgr::BaseEvent"}));
-  EXPECT_EQ(event->getSimpleEventData(), events::SimpleEventData(events::Kind::Removed, u"mem:///a/b", events::EntryType::File));
+            (std::vector<std::u16string>{u"foundation::storage::events::Event",
+                                         u"foundation::msg_svc::eventmgr::BaseEvent"}));
+  EXPECT_EQ(event->getSimpleEventData(),
+            events::SimpleEventData(events::Kind::Removed, u"mem:///a/b", events::EntryType::File));
   std::unique_ptr<em::BaseEvent> copy(event->clone());
   EXPECT_EQ(dynamic_cast<events::Event&>(*copy).getSimpleEventData(), event->getSimpleEventData());
   EXPECT_TRUE(event->isBroadcast());
@@ -84,7 +86,8 @@ TEST(EventMgr, DeliversByTypeNameOrTagSynchronouslyBeforePostReturns) {
   std::vector<std::string> seen;
   auto byKind = manager.subscribe(events::createEventType(events::Kind::Created, u"mem:///a"),
                                   [&](auto const&) { seen.push_back("created@a"); });
-  auto byTag = manager.subscribe(std::string("foundation::storage::events::Event"), [&](auto const&) { seen.push_back("any"); });
+  auto byTag =
+      manager.subscribe(std::string("foundation::storage::events::Event"), [&](auto const&) { seen.push_back("any"); });
   manager.post(storageEvent(events::Kind::Created, u"mem:///a"), em::DeliverMode::Synchronous);
   manager.post(storageEvent(events::Kind::Created, u"mem:///b"), em::DeliverMode::Synchronous);
   manager.post(storageEvent(events::Kind::Removed, u"mem:///a"), em::DeliverMode::Synchronous);
@@ -116,13 +119,15 @@ TEST(EventMgr, AThrowingListenerIsLoggedAndTheOthersStillReceive) {
   foundation::log::ScopedStreamSink sink(log);
   em::EventMgr manager;
   int received = 0;
-  auto thrower = manager.subscribe(std::u16string(u"test"), [](auto const&) { throw std::runtime_error("listener bug"); });
+  auto thrower =
+      manager.subscribe(std::u16string(u"test"), [](auto const&) { throw std::runtime_error("listener bug"); });
   auto other = manager.subscribe(std::u16string(u"test"), [&](auto const&) { ++received; });
   manager.post(boost::make_shared<TestEvent>(u"t", 1), em::DeliverMode::Synchronous);
   manager.post(boost::make_shared<TestEvent>(u"t", 2), em::DeliverMode::Asynchronous);
   manager.waitUntilDelivered();
   EXPECT_EQ(received, 2);
-  EXPECT_NE(log.str().find("error foundation::msg_svc::eventmgr: listener for test failed on t: listener bug"), std::string::npos)
+  EXPECT_NE(log.str().find("error foundation::msg_svc::eventmgr: listener for test failed on t: listener bug"),
+            std::string::npos)
       << log.str();
 }
 

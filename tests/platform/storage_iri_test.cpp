@@ -38,7 +38,8 @@ TEST(StorageIRI, NormalisesTheTextForms) {
            {u"S3://Bucket/Key", u"s3://bucket/Key", "s3://bucket/Key"},
            {u"mem:///a%20b/%C3%BC", u"mem:///a b/ü", "mem:///a%20b/%C3%BC"},
            {u"mem:///100%25/%3F%23", u"mem:///100%25/%3F%23", "mem:///100%25/%3F%23"},
-           {u"zip:file:///data/a.zip!/dir/x.txt", u"zip:file:///data/a.zip!/dir/x.txt", "zip:file:///data/a.zip!/dir/x.txt"},
+           {u"zip:file:///data/a.zip!/dir/x.txt", u"zip:file:///data/a.zip!/dir/x.txt",
+            "zip:file:///data/a.zip!/dir/x.txt"},
            {u"zip:file:///a!b.zip!/c%21d", u"zip:file:///a!b.zip!/c%21d", "zip:file:///a!b.zip!/c%21d"},
            {u"s3://bucket", u"s3://bucket", "s3://bucket"},
            {u"mem:", u"mem://", "mem://"},
@@ -52,9 +53,10 @@ TEST(StorageIRI, NormalisesTheTextForms) {
 }
 
 TEST(StorageIRI, RejectsMalformedText) {
-  for (std::u16string bad : std::vector<std::u16string>{u"", u"a:/x", u"C:/windows", u"1ab:/x", u"ab:cd", u"mem:///a?b", u"mem:///a#b",
-                             u"mem:///a%2", u"mem:///a%zz", u"mem:///a%2Fb", u"mem:///a%00", u"mem:///%C3",
-                             u"/no/scheme", std::u16string(u"mem:///a\0b", 10), std::u16string(1, char16_t(0xD800))}) {
+  for (std::u16string bad : std::vector<std::u16string>{
+           u"", u"a:/x", u"C:/windows", u"1ab:/x", u"ab:cd", u"mem:///a?b", u"mem:///a#b", u"mem:///a%2",
+           u"mem:///a%zz", u"mem:///a%2Fb", u"mem:///a%00", u"mem:///%C3", u"/no/scheme",
+           std::u16string(u"mem:///a\0b", 10), std::u16string(1, char16_t(0xD800))}) {
     EXPECT_EQ(codeOf([&] { StorageIRI{bad}; }), p::ErrorCode::InvalidLocation) << utf8(bad);
   }
 }
@@ -137,7 +139,8 @@ TEST(StorageIRI, ConvertsLocalPaths) {
   EXPECT_EQ(p::toStorageIRI(u"file", fl::filesystem::path("/tmp/a b/ü#1.txt")),
             StorageIRI(u"file:///tmp/a b/ü%231.txt"));
   EXPECT_EQ(p::fromStorageIRI(StorageIRI(u"file:///tmp/a%20b/x%3F")).string(), "/tmp/a b/x?");
-  EXPECT_EQ(codeOf([] { p::toStorageIRI(u"file", fl::filesystem::path("relative/x")); }), p::ErrorCode::InvalidLocation);
+  EXPECT_EQ(codeOf([] { p::toStorageIRI(u"file", fl::filesystem::path("relative/x")); }),
+            p::ErrorCode::InvalidLocation);
   EXPECT_EQ(codeOf([] { p::toStorageIRI(u"file", fl::filesystem::path(std::string("/a\0b", 4))); }),
             p::ErrorCode::InvalidLocation);
   EXPECT_EQ(codeOf([] { p::fromStorageIRI(StorageIRI(u"zip:file:///a.zip!/x")); }), p::ErrorCode::InvalidLocation);

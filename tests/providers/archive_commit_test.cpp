@@ -15,15 +15,15 @@
 #include <vfs/provider_administration.hpp>
 
 using namespace archivetest;
-using testsupport::quoted;
-using testsupport::readLocal;
-using testsupport::readFile;
-using testsupport::run;
-using testsupport::writeFile;
 using foundation::storage::providers::archive::ZipProvider;
 using foundation::storage::providers::memory::MemoryProvider;
 using foundation::storage::providers::wrappers::FaultInjectingProvider;
 using foundation::storage::providers::wrappers::StreamOperation;
+using testsupport::quoted;
+using testsupport::readFile;
+using testsupport::readLocal;
+using testsupport::run;
+using testsupport::writeFile;
 
 class ArchiveCommits : public ArchiveTest {};
 
@@ -144,7 +144,8 @@ TEST_F(ArchiveCommits, AZipInsideAZipInsideMemoryIsWrittenAndRead) {
   writeFile(item(inner + u"a/c.txt"), "more");
   commit();
   testsupport::writeLocal(path("outer.zip"), readFile(item(u"mem:///outer.zip")));
-  run("cd " + quoted(folder_.path()) + " && unzip -tq outer.zip && unzip -p outer.zip inner.zip > inner.zip && unzip -tq inner.zip");
+  run("cd " + quoted(folder_.path()) +
+      " && unzip -tq outer.zip && unzip -p outer.zip inner.zip > inner.zip && unzip -tq inner.zip");
   EXPECT_EQ(run("unzip -p " + quoted(path("inner.zip")) + " a/c.txt"), "more");
   EXPECT_EQ(run("unzip -p " + quoted(path("inner.zip")) + " a/b.txt"), "deep");
 }

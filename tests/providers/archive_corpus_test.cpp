@@ -104,8 +104,10 @@ std::vector<std::string> differences(Listing const& reference, Listing const& ou
   std::vector<std::string> found;
   for (auto const& [name, kind] : reference) {
     auto const mine = ours.find(name);
-    if (mine == ours.end()) found.push_back("-" + name + " (" + kind + ")");
-    else if (mine->second != kind) found.push_back(name + ": " + kind + " / " + mine->second);
+    if (mine == ours.end())
+      found.push_back("-" + name + " (" + kind + ")");
+    else if (mine->second != kind)
+      found.push_back(name + ": " + kind + " / " + mine->second);
   }
   for (auto const& [name, kind] : ours)
     if (!reference.count(name)) found.push_back("+" + name + " (" + kind + ")");
@@ -120,10 +122,11 @@ struct Deliberate {
 
 std::map<std::string, Deliberate> const expectedDifferences{
     {"names-cp437.zip",
-     {{"-\\377\\376.txt (-)", "-cp437-\\201ber.txt (-)", "-dos-\\201ber.txt (-)", "-koi8-\\360\\322\\311\\327\\305\\324.txt (-)",
-       "+\u00A0■.txt (-)", "+cp437-über.txt (-)", "+dos-über.txt (-)", "+koi8-≡╥╔╫┼╘.txt (-)",
-       "\u00A0■.txt: read here, not extracted by bsdtar", "cp437-über.txt: read here, not extracted by bsdtar",
-       "dos-über.txt: read here, not extracted by bsdtar", "koi8-≡╥╔╫┼╘.txt: read here, not extracted by bsdtar"},
+     {{"-\\377\\376.txt (-)", "-cp437-\\201ber.txt (-)", "-dos-\\201ber.txt (-)",
+       "-koi8-\\360\\322\\311\\327\\305\\324.txt (-)", "+\u00A0■.txt (-)", "+cp437-über.txt (-)", "+dos-über.txt (-)",
+       "+koi8-≡╥╔╫┼╘.txt (-)", "\u00A0■.txt: read here, not extracted by bsdtar",
+       "cp437-über.txt: read here, not extracted by bsdtar", "dos-über.txt: read here, not extracted by bsdtar",
+       "koi8-≡╥╔╫┼╘.txt: read here, not extracted by bsdtar"},
       "names that are neither flagged nor valid UTF-8 are decoded as code page 437, the format's own (as unzip "
       "does for DOS entries); bsdtar shows their raw bytes"}},
     {"duplicates.zip",
@@ -196,8 +199,10 @@ TEST_F(ArchiveCorpus, ReadsAsBsdtarListsAndExtractsExceptWhereWeDifferOnPurpose)
       bool const theyRead = fs::is_regular_file(fs::symlink_status(theirs));
       try {
         std::string const data = testsupport::readFile(item(root + fl::i18n::to_ustring(entry)));
-        if (!theyRead) found.push_back(entry + ": read here, not extracted by bsdtar");
-        else if (data != readLocal(theirs)) found.push_back(entry + ": contents differ");
+        if (!theyRead)
+          found.push_back(entry + ": read here, not extracted by bsdtar");
+        else if (data != readLocal(theirs))
+          found.push_back(entry + ": contents differ");
       } catch (p::ByteStreamFailure const& failure) {
         if (theyRead) found.push_back(entry + ": unreadable here: " + failure.what());
       }
@@ -205,12 +210,14 @@ TEST_F(ArchiveCorpus, ReadsAsBsdtarListsAndExtractsExceptWhereWeDifferOnPurpose)
 
     std::sort(found.begin(), found.end());
     auto const expected = expectedDifferences.find(name);
-    std::vector<std::string> wanted = expected == expectedDifferences.end() ? std::vector<std::string>{}
-                                                                            : expected->second.differences;
+    std::vector<std::string> wanted =
+        expected == expectedDifferences.end() ? std::vector<std::string>{} : expected->second.differences;
     std::sort(wanted.begin(), wanted.end());
     EXPECT_EQ(found, wanted);
-    if (found.empty()) table << "  " << name << ": OK\n";
-    else if (found == wanted) table << "  " << name << ": differs deliberately: " << expected->second.why << "\n";
+    if (found.empty())
+      table << "  " << name << ": OK\n";
+    else if (found == wanted)
+      table << "  " << name << ": differs deliberately: " << expected->second.why << "\n";
     else {
       table << "  " << name << ": DIFFERS:";
       for (auto const& line : found) table << " [" << line << "]";

@@ -90,15 +90,22 @@ TEST_F(ArchiveInterop, ReadsSeventyThousandEntriesOfAZip64Archive) {
 
 TEST_F(ArchiveInterop, ReadsTarsOfEveryCompressionFromTarAndBsdtar) {
   makeTree(path("tree"));
-  std::vector<std::string> const makers{"tar -cf",          "tar -czf",       "tar -cjf",
-                                        "tar -cJf",         "tar --zstd -cf", "bsdtar -cf",
-                                        "bsdtar --zstd -cf", "bsdtar --format ustar -cf", "bsdtar --format pax -cjf"};
+  std::vector<std::string> const makers{"tar -cf",
+                                        "tar -czf",
+                                        "tar -cjf",
+                                        "tar -cJf",
+                                        "tar --zstd -cf",
+                                        "bsdtar -cf",
+                                        "bsdtar --zstd -cf",
+                                        "bsdtar --format ustar -cf",
+                                        "bsdtar --format pax -cjf"};
   int n = 0;
   for (auto const& maker : makers) {
     SCOPED_TRACE(maker);
     std::string const name = "t" + std::to_string(n++) + ".tar";
     bool const ustar = maker.find("ustar") != std::string::npos; // ustar cannot hold the long name
-    run("cd " + quoted(path("tree")) + " && " + maker + " ../" + name + " " + (ustar ? "Grüße big.txt small.txt empty" : "."));
+    run("cd " + quoted(path("tree")) + " && " + maker + " ../" + name + " " +
+        (ustar ? "Grüße big.txt small.txt empty" : "."));
     std::u16string const root = u"tar:" + local(name) + u"!/";
     Strings expected = treeNames;
     if (ustar) expected.erase(std::find(expected.begin(), expected.end(), longName));

@@ -25,7 +25,8 @@ protected:
   }
 
   std::shared_ptr<MemoryProvider> memory_ = std::make_shared<MemoryProvider>();
-  std::shared_ptr<ZipProvider> zip_ = std::make_shared<ZipProvider>([memory = memory_](p::StorageIRI const&) { return memory; });
+  std::shared_ptr<ZipProvider> zip_ =
+      std::make_shared<ZipProvider>([memory = memory_](p::StorageIRI const&) { return memory; });
 };
 
 std::vector<std::u16string> items(EventLog const& log) {
@@ -62,7 +63,8 @@ TEST_F(ArchiveProviderTest, ChangesMadeByACallbackReachEverySubscriberAfterTheCh
       {}, p::RecursiveWatching::Yes);
   item(u"d").publishFolderEvents(second.callback(), {}, p::RecursiveWatching::No);
   item(u"d/a").createFile();
-  std::vector<std::u16string> const expected{item(u"d/a").getLocation().toString(), item(u"d/b").getLocation().toString()};
+  std::vector<std::u16string> const expected{item(u"d/a").getLocation().toString(),
+                                             item(u"d/b").getLocation().toString()};
   EXPECT_EQ(items(first), expected);
   EXPECT_EQ(items(second), expected) << "every subscriber hears of the changes in the order they were made";
 }
@@ -89,9 +91,13 @@ TEST_F(ArchiveProviderTest, AFolderSubscriptionHearsOfAFileMovedOutAndOfTheFolde
 TEST_F(ArchiveProviderTest, FailuresNameTheSchemeAndTheOperation) {
   EXPECT_EQ(contextOf([&] { item(u"missing").listAll(u""); }), u"zip.listAll");
   EXPECT_EQ(contextOf([&] { item(u"missing/x").createFile(); }), u"zip.createFile");
-  EXPECT_EQ(contextOf([&] { item(u"missing").openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
-                                                         p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition}); }),
+  EXPECT_EQ(contextOf([&] {
+              item(u"missing")
+                  .openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
+                               p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition});
+            }),
             u"zip.openStream");
   auto tar = std::make_shared<TarProvider>([memory = memory_](p::StorageIRI const&) { return memory; });
-  EXPECT_EQ(contextOf([&] { p::StorageItem(tar, p::StorageIRI(u"tar:mem:///a.tar!/x")).createFile(); }), u"tar.createFile");
+  EXPECT_EQ(contextOf([&] { p::StorageItem(tar, p::StorageIRI(u"tar:mem:///a.tar!/x")).createFile(); }),
+            u"tar.createFile");
 }

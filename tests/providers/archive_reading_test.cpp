@@ -101,9 +101,8 @@ TEST_F(ArchiveReading, EntriesThatCannotBeReadFailWithTheirClassAndReason) {
                         Case{"m.zip", "plain.txt", p::ErrorCode::UnsupportedOperation, "ompression method"},
                         Case{"c.zip", "plain.txt", p::ErrorCode::IOError, "CRC"}}) {
     SCOPED_TRACE(c.archive);
-    auto const [code, message] = readFailureOf([&] {
-      readFile(item(u"zip:" + local(c.archive) + u"!/" + fl::i18n::to_ustring(c.entry)));
-    });
+    auto const [code, message] =
+        readFailureOf([&] { readFile(item(u"zip:" + local(c.archive) + u"!/" + fl::i18n::to_ustring(c.entry))); });
     EXPECT_EQ(code, c.code);
     EXPECT_NE(message.find(c.reason), std::string::npos) << message;
   }

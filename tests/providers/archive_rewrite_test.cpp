@@ -50,8 +50,10 @@ TEST_F(ArchiveRewrite, EntriesTheChangeSetLeavesAloneAreCopiedByteForByte) {
   testsupport::writeFile(item(root + u"new.txt"), "new\n");
   item(root + u"gone.txt").removeFile();
   item(root + u"made").createFolder();
-  item(root + u"renamed.txt").moveFile(item(root + u"made/renamed.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
-  auto const retimed = boost::posix_time::ptime(boost::gregorian::date(2001, 2, 3), boost::posix_time::time_duration(4, 5, 6));
+  item(root + u"renamed.txt")
+      .moveFile(item(root + u"made/renamed.txt").getLocation(), p::ReplacementPolicy::FailIfExists);
+  auto const retimed =
+      boost::posix_time::ptime(boost::gregorian::date(2001, 2, 3), boost::posix_time::time_duration(4, 5, 6));
   item(root + u"retimed.txt").setLastModified(retimed);
   item(root + u"plain.txt").setWritable(false);
   commit();

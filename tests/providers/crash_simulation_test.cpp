@@ -1,8 +1,8 @@
 // Crashes simulated over the memory provider: what durability batches and transactional
 // streams promise holds across a power loss, and what they do not promise is lost.
 
-#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
+#include "../support/item_io.hpp"
 
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 #include <foundation/storage/providers/wrappers/fault_injecting_provider.hpp>
@@ -21,7 +21,9 @@ class CrashSimulation : public ::testing::Test {
 protected:
   void SetUp() override { storage_->trackDurability(); }
 
-  p::StorageItem item(std::u16string const& path) const { return p::StorageItem(storage_, p::StorageIRI(u"mem:///" + path)); }
+  p::StorageItem item(std::u16string const& path) const {
+    return p::StorageItem(storage_, p::StorageIRI(u"mem:///" + path));
+  }
   /// What the storage holds, read past the wrapper: "(none)" for no file.
   std::string onStorage(std::u16string const& path) const {
     p::StorageItem real(memory_, p::StorageIRI(u"mem:///" + path));

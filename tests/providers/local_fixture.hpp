@@ -32,7 +32,9 @@ protected:
     return p::StorageItem(p::StorageItem(provider_, p::toStorageIRI(u"file", fl::filesystem::path(root_))), relative);
   }
   fs::path path(std::string const& relative) const { return root_ / relative; }
-  static void writePath(fs::path const& file, std::string const& bytes) { std::ofstream(file, std::ios::binary) << bytes; }
+  static void writePath(fs::path const& file, std::string const& bytes) {
+    std::ofstream(file, std::ios::binary) << bytes;
+  }
   static std::string readPath(fs::path const& file) {
     std::ifstream in(file, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});

@@ -76,8 +76,10 @@ TEST_F(LocalProviderTest, FollowsSymbolicLinksWithoutLoopingOrEscaping) {
   for (auto cursor = item(u"tree").listAll(u""); cursor->hasNext();) {
     cursor->next();
     auto entry = cursor->current();
-    bool const symlink = entry.isFile() ? entry.getFileAttributes()->isSymlink() : entry.getFolderAttributes()->isSymlink();
-    EXPECT_EQ(symlink, entry.getName() != u"file.txt" && entry.getName() != u"sub") << conformance::toUtf8(entry.getName());
+    bool const symlink =
+        entry.isFile() ? entry.getFileAttributes()->isSymlink() : entry.getFolderAttributes()->isSymlink();
+    EXPECT_EQ(symlink, entry.getName() != u"file.txt" && entry.getName() != u"sub")
+        << conformance::toUtf8(entry.getName());
   }
 
   item(u"tree").removeFolderRecursively();
@@ -125,8 +127,9 @@ TEST_F(LocalProviderTest, HandlesFilesBeyondFourGibibytes) {
   std::uint64_t const size = (std::uint64_t{5} << 30) + 7;
   item(u"sparse.bin").createFile();
   item(u"sparse.bin").truncateToSize(size); // sparse: no data blocks are written
-  auto stream = item(u"sparse.bin").openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
-                                                p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition});
+  auto stream = item(u"sparse.bin")
+                    .openStream({p::ByteStreamAccess::ReadWrite, p::ByteStreamCreate::MustExist,
+                                 p::ByteStreamTruncate::Keep, p::ByteStreamAppend::AtPosition});
   std::streamoff const far = static_cast<std::streamoff>(std::uint64_t{9} << 29); // 4.5 GiB
   EXPECT_EQ(stream->seek(far, std::ios_base::beg), std::streampos(far));
   stream->write("far away", 8);
@@ -177,8 +180,10 @@ TEST_F(LocalProviderTest, MovesAcrossFileSystemsAreLeftToTheCaller) {
   fs::create_directories(path("folder"));
   p::StorageItem file(crossDevice, item(u"a.txt").getLocation());
   p::StorageItem folder(crossDevice, item(u"folder").getLocation());
-  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation, file.moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::Overwrite));
-  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation, folder.moveFolder(item(u"moved").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
+                        file.moveFile(item(u"b.txt").getLocation(), p::ReplacementPolicy::Overwrite));
+  EXPECT_PROVIDER_ERROR(Code::UnsupportedOperation,
+                        folder.moveFolder(item(u"moved").getLocation(), p::ReplacementPolicy::Overwrite));
   EXPECT_EQ(readPath(path("a.txt")), "a");
   EXPECT_TRUE(fs::is_directory(path("folder")));
 }

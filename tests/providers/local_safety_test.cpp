@@ -25,7 +25,8 @@ namespace {
 
 /// The system's rename, with RENAME_NOREPLACE when asked.
 int systemRename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) {
-  int const result = noReplace ? ::renameat2(fromDir, from, toDir, to, RENAME_NOREPLACE) : ::renameat(fromDir, from, toDir, to);
+  int const result =
+      noReplace ? ::renameat2(fromDir, from, toDir, to, RENAME_NOREPLACE) : ::renameat(fromDir, from, toDir, to);
   return result == 0 ? 0 : errno;
 }
 
@@ -77,9 +78,12 @@ TEST_F(LocalProviderTest, CopiesAndCommitsReachTheDiskBeforeTheyLandAndTheFolder
     syncs.clear();
   };
   for (auto policy : {p::ReplacementPolicy::Overwrite, p::ReplacementPolicy::FailIfExists}) {
-    if (policy == p::ReplacementPolicy::FailIfExists) fs::remove(path("target.txt"));
-    else writePath(path("target.txt"), "old");
-    p::StorageItem(observed, item(u"source.txt").getLocation()).copyFile(p::StorageItem(observed, item(u"target.txt").getLocation()), {policy, {}});
+    if (policy == p::ReplacementPolicy::FailIfExists)
+      fs::remove(path("target.txt"));
+    else
+      writePath(path("target.txt"), "old");
+    p::StorageItem(observed, item(u"source.txt").getLocation())
+        .copyFile(p::StorageItem(observed, item(u"target.txt").getLocation()), {policy, {}});
     if (policy == p::ReplacementPolicy::FailIfExists) {
       ASSERT_EQ(syncs.size(), 2u);
       syncs[0].targetThen = "old"; // there was nothing to replace
@@ -87,7 +91,8 @@ TEST_F(LocalProviderTest, CopiesAndCommitsReachTheDiskBeforeTheyLandAndTheFolder
     expectSyncedThenLandedThenFolderSynced();
   }
   writePath(path("target.txt"), "old");
-  auto transaction = p::StorageItem(observed, item(u"target.txt").getLocation()).openTransactionalStream(testsupport::replaceAll);
+  auto transaction =
+      p::StorageItem(observed, item(u"target.txt").getLocation()).openTransactionalStream(testsupport::replaceAll);
   transaction->write("new", 3);
   transaction->close();
   expectSyncedThenLandedThenFolderSynced();
@@ -114,7 +119,8 @@ TEST_F(LocalProviderTest, InADurabilityBatchOnlyFilesThatReplaceSomethingAreSync
   EXPECT_EQ(copyTo(u"fresh.txt", p::ReplacementPolicy::FailIfExists), 0);
   EXPECT_EQ(copyTo(u"fresh-overwrite.txt", p::ReplacementPolicy::Overwrite), 0); // nothing was there
   syncs = 0;
-  auto transaction = p::StorageItem(batching, item(u"fresh-stream.txt").getLocation()).openTransactionalStream(testsupport::replaceAll);
+  auto transaction = p::StorageItem(batching, item(u"fresh-stream.txt").getLocation())
+                         .openTransactionalStream(testsupport::replaceAll);
   transaction->write("new", 3);
   transaction->close();
   EXPECT_EQ(syncs, 0);
@@ -122,7 +128,7 @@ TEST_F(LocalProviderTest, InADurabilityBatchOnlyFilesThatReplaceSomethingAreSync
   EXPECT_EQ(copyTo(u"old.txt", p::ReplacementPolicy::Overwrite), 2); // old contents are at stake
   int otherThread = 0;
   std::thread([&] { otherThread = copyTo(u"other-thread.txt", p::ReplacementPolicy::FailIfExists); }).join();
-  EXPECT_EQ(otherThread, 2); // the batch is this thread's
+  EXPECT_EQ(otherThread, 2);        // the batch is this thread's
   batching->beginDurabilityBatch(); // nested: only the outermost end flushes
   batching->endDurabilityBatch(folder);
   EXPECT_EQ(copyTo(u"still-batched.txt", p::ReplacementPolicy::FailIfExists), 0);
@@ -133,7 +139,8 @@ TEST_F(LocalProviderTest, InADurabilityBatchOnlyFilesThatReplaceSomethingAreSync
   EXPECT_PROVIDER_ERROR(Code::ResourceAlreadyExists, copyTo(u"fresh.txt", p::ReplacementPolicy::FailIfExists));
   batching->abandonDurabilityBatch();
   EXPECT_EQ(copyTo(u"unbatched.txt", p::ReplacementPolicy::FailIfExists), 2);
-  for (auto name : {"fresh.txt", "fresh-overwrite.txt", "fresh-stream.txt", "old.txt", "still-batched.txt", "unbatched.txt"})
+  for (auto name :
+       {"fresh.txt", "fresh-overwrite.txt", "fresh-stream.txt", "old.txt", "still-batched.txt", "unbatched.txt"})
     EXPECT_EQ(readPath(path(name)), "new") << name;
 }
 
@@ -158,15 +165,18 @@ TEST_F(LocalProviderTest, ListingsHideTemporaryFilesAndRemoveThoseNoWriterHolds)
   int held = ::open(path(".vfs-0123456789abcdef-3.tmp").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(held, 0);
   ASSERT_EQ(::flock(held, LOCK_EX), 0);
-  for (char const* name : {".vfs-0123456789abcdef-1.tmp", "sub/.vfs-0123456789abcdef-2.tmp", ".vfs-0123456789abcdef-3.tmp"}) {
+  for (char const* name :
+       {".vfs-0123456789abcdef-1.tmp", "sub/.vfs-0123456789abcdef-2.tmp", ".vfs-0123456789abcdef-3.tmp"}) {
     timespec const old[2] = {{0, UTIME_OMIT}, {::time(nullptr) - 3600, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, path(name).c_str(), old, 0), 0);
   }
 
   EXPECT_EQ(conformance::sortedNames(item(u"").listAllNamesOnly(u"")), (std::vector<std::string>{"sub/"}));
   EXPECT_EQ(conformance::sortedNames(item(u"").listAll(u"")), (std::vector<std::string>{"sub/"}));
-  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursiveNamesOnly(u"")), (std::vector<std::string>{"sub/", "sub/real.txt"}));
-  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursive(u"*")), (std::vector<std::string>{"sub/", "sub/real.txt"}));
+  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursiveNamesOnly(u"")),
+            (std::vector<std::string>{"sub/", "sub/real.txt"}));
+  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursive(u"*")),
+            (std::vector<std::string>{"sub/", "sub/real.txt"}));
   EXPECT_FALSE(fs::exists(path(".vfs-0123456789abcdef-1.tmp")));
   EXPECT_FALSE(fs::exists(path("sub/.vfs-0123456789abcdef-2.tmp")));
   EXPECT_EQ(readPath(path(".vfs-0123456789abcdef-3.tmp")), "being written");

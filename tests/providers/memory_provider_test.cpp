@@ -1,5 +1,5 @@
-#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
+#include "../support/item_io.hpp"
 
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 
@@ -18,10 +18,11 @@ using testsupport::writeFile;
 
 namespace {
 
-
 class MemoryProviderTest : public ::testing::Test {
 protected:
-  p::StorageItem item(std::u16string const& path) const { return p::StorageItem(provider_, p::StorageIRI(u"mem:///" + path)); }
+  p::StorageItem item(std::u16string const& path) const {
+    return p::StorageItem(provider_, p::StorageIRI(u"mem:///" + path));
+  }
   void configure(std::string const& key, std::string const& value) const {
     boost::property_tree::ptree settings;
     settings.put(key, value);
@@ -106,7 +107,9 @@ TEST_F(MemoryProviderTest, FailuresNameTheProviderAndTheOperation) {
     try {
       action();
     } catch (p::Exception const& failure) {
-      return failure.getAllExceptionContexts().empty() ? u"(none)" : failure.getAllExceptionContexts().front().getExceptionContextKey();
+      return failure.getAllExceptionContexts().empty()
+                 ? u"(none)"
+                 : failure.getAllExceptionContexts().front().getExceptionContextKey();
     }
     return u"(no failure)";
   };
@@ -153,9 +156,10 @@ TEST_F(MemoryProviderTest, ReportsARecursiveRemovalChildrenFirstDespiteThrowingS
   item(u"tree/sub/x").createFile();
   EventLog log;
   item(u"tree").publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes);
-  item(u"tree/sub").publishFolderEvents(
-      [](auto const&, auto const&, auto const&, auto const&, auto) { throw std::runtime_error("subscriber bug"); }, {},
-      p::RecursiveWatching::No);
+  item(u"tree/sub")
+      .publishFolderEvents(
+          [](auto const&, auto const&, auto const&, auto const&, auto) { throw std::runtime_error("subscriber bug"); },
+          {}, p::RecursiveWatching::No);
   item(u"tree").removeFolderRecursively();
   std::vector<std::u16string> removed;
   for (auto const& r : log.records()) removed.push_back(r.item);
@@ -178,7 +182,8 @@ TEST_F(MemoryProviderTest, CreatesListsAndRemovesAChainFortyThousandDeep) {
   item(path).createFolderRecursive();
   EXPECT_EQ(item(path).exists(), p::ExistsResult::Folder);
   std::size_t listed = 0;
-  for (auto cursor = item(path.substr(0, path.size() - 2 * 100)).listAllRecursiveNamesOnly(u""); cursor->hasNext(); cursor->next())
+  for (auto cursor = item(path.substr(0, path.size() - 2 * 100)).listAllRecursiveNamesOnly(u""); cursor->hasNext();
+       cursor->next())
     ++listed;
   EXPECT_EQ(listed, 100u);
   item(u"deep").removeFolderRecursively();

@@ -1,5 +1,5 @@
-#include "../support/item_io.hpp"
 #include "../conformance/provider_conformance.hpp"
+#include "../support/item_io.hpp"
 
 #include <foundation/storage/providers/memory/memory_provider.hpp>
 #include <foundation/storage/providers/wrappers/call_counting_provider.hpp>
@@ -18,14 +18,15 @@ using testsupport::writeFile;
 
 namespace {
 
-
-
 /// Fault injection over call counting over memory: what the faults let through is counted.
 class FaultInjectionTest : public ::testing::Test {
 protected:
-  p::StorageItem item(std::u16string const& path) const { return p::StorageItem(faults_, p::StorageIRI(u"mem:///" + path)); }
+  p::StorageItem item(std::u16string const& path) const {
+    return p::StorageItem(faults_, p::StorageIRI(u"mem:///" + path));
+  }
 
-  std::shared_ptr<CallCountingProvider> counts_ = std::make_shared<CallCountingProvider>(std::make_shared<MemoryProvider>());
+  std::shared_ptr<CallCountingProvider> counts_ =
+      std::make_shared<CallCountingProvider>(std::make_shared<MemoryProvider>());
   std::shared_ptr<FaultInjectingProvider> faults_ = std::make_shared<FaultInjectingProvider>(counts_);
 };
 
@@ -129,8 +130,9 @@ TEST_F(FaultInjectionTest, DeniesListingsAndChangeEvents) {
   EXPECT_THROW(item(u"locked").publishFolderEvents(log.callback(), {}, p::RecursiveWatching::No),
                p::ChangeEventsNotSupportedException);
   faults_->failChangeEvents(p::StorageIRI(), ChangeEventsFailure::Subscription);
-  EXPECT_THROW(item(u"").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::No),
-               p::ChangeEventsSubscriptionException);
+  EXPECT_THROW(
+      item(u"").startChangePollingMechanism(log.callback(), {}, std::chrono::milliseconds(5), p::RecursivePolling::No),
+      p::ChangeEventsSubscriptionException);
 }
 
 TEST_F(FaultInjectionTest, RecursiveListingsNameADeniedFolderButNoneOfItsContents) {
@@ -145,14 +147,16 @@ TEST_F(FaultInjectionTest, RecursiveListingsNameADeniedFolderButNoneOfItsContent
   EXPECT_EQ(conformance::sortedNames(tree.listAllRecursiveNamesOnly(u"")), everything);
   EXPECT_EQ(conformance::sortedNames(tree.listAllRecursive(u"")), everything);
   EXPECT_EQ(conformance::sortedNames(tree.listAllRecursive(u"*.txt")), std::vector<std::string>{"open/a.txt"});
-  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursiveNamesOnly(u"*.txt")), std::vector<std::string>{"tree/open/a.txt"});
+  EXPECT_EQ(conformance::sortedNames(item(u"").listAllRecursiveNamesOnly(u"*.txt")),
+            std::vector<std::string>{"tree/open/a.txt"});
 
   auto cursor = tree.listAllRecursive(u"");
   cursor->next();
   auto copy = cursor->clone();
   EXPECT_EQ(conformance::sortedNames(std::move(cursor)), conformance::sortedNames(std::move(copy)));
 
-  EXPECT_EQ(conformance::sortedNames(item(u"tree/locked/deeper").listAllRecursive(u"")), std::vector<std::string>{"x.txt"})
+  EXPECT_EQ(conformance::sortedNames(item(u"tree/locked/deeper").listAllRecursive(u"")),
+            std::vector<std::string>{"x.txt"})
       << "a folder below a denied one is listed when asked for by name";
   faults_->clear();
   EXPECT_EQ(conformance::sortedNames(tree.listAllRecursiveNamesOnly(u"")).size(), 6u);
@@ -180,7 +184,8 @@ TEST(FeatureSwitching, WithholdsSwitchedOffFeatures) {
   EXPECT_TRUE(p::StorageItem(root, u"sub").folderExists());
   features->disable(p::ExtendedFeature::RecursiveChangeEvents);
   conformance::EventLog log;
-  EXPECT_THROW(root.publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes), p::ChangeEventsNotSupportedException);
+  EXPECT_THROW(root.publishFolderEvents(log.callback(), {}, p::RecursiveWatching::Yes),
+               p::ChangeEventsNotSupportedException);
   root.publishFolderEvents(log.callback(), {}, p::RecursiveWatching::No);
 }
 

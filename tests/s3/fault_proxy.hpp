@@ -67,7 +67,8 @@ private:
     }
     std::size_t bodyLength = 0;
     for (auto const* name : {"\r\nContent-Length: ", "\r\ncontent-length: "})
-      if (auto at = data.find(name); at != std::string::npos && at < headEnd) bodyLength = std::stoul(data.substr(at + 18));
+      if (auto at = data.find(name); at != std::string::npos && at < headEnd)
+        bodyLength = std::stoul(data.substr(at + 18));
     while (data.size() < headEnd + 4 + bodyLength) {
       ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
       if (got <= 0) return {};
@@ -103,7 +104,8 @@ private:
   }
 
   static std::string answer(std::string const& status, std::string const& body) {
-    return "HTTP/1.1 " + status + "\r\nContent-Type: application/xml\r\nContent-Length: " + std::to_string(body.size()) +
+    return "HTTP/1.1 " + status +
+           "\r\nContent-Type: application/xml\r\nContent-Length: " + std::to_string(body.size()) +
            "\r\nConnection: close\r\n\r\n" + body;
   }
 

@@ -41,7 +41,9 @@ protected:
     if (provider_) provider_->removeFolderRecursively(root_);
   }
 
-  p::StorageItem item(std::u16string const& relative) const { return p::StorageItem(p::StorageItem(provider_, root_), relative); }
+  p::StorageItem item(std::u16string const& relative) const {
+    return p::StorageItem(p::StorageItem(provider_, root_), relative);
+  }
 
   /// Part size at its smallest, so that a few MiB make a multipart upload.
   void useSmallParts() {
@@ -118,7 +120,9 @@ TEST_F(S3ProviderTest, LargeWritesGoInPartsAndReadBackInParallelRanges) {
 
   // A server-side copy of a multipart object, with progress.
   std::uint64_t done = 0;
-  item(u"big.bin").copyFile(item(u"copy.bin"), {p::ReplacementPolicy::FailIfExists, [&](std::uint64_t d, std::uint64_t) { done = d; }});
+  item(u"big.bin")
+      .copyFile(item(u"copy.bin"),
+                {p::ReplacementPolicy::FailIfExists, [&](std::uint64_t d, std::uint64_t) { done = d; }});
   EXPECT_EQ(done, payload.size());
   EXPECT_EQ(readFile(item(u"copy.bin")), payload);
 }
@@ -158,7 +162,8 @@ TEST_F(S3ProviderTest, UnfinishedMultipartWritesLeaveTheOldObject) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     // A provider of its own: the parent's pooled connections are not the child's to use.
-    auto dying = p::StorageItem(testsupport::makeS3Provider(), item(u"t.bin").getLocation()).openTransactionalStream(replaceAll);
+    auto dying =
+        p::StorageItem(testsupport::makeS3Provider(), item(u"t.bin").getLocation()).openTransactionalStream(replaceAll);
     dying->write(payload.data(), static_cast<std::streamsize>(payload.size()));
     ::_exit(0);
   }
@@ -215,13 +220,15 @@ TEST_F(S3ProviderTest, OnlyOneOfRacingCreatorsSucceeds) {
     EXPECT_EQ(refused.load(), 5);
   }
   // Server-side copies that must not replace: one lands, the others find it there.
-  for (int source = 0; source < 6; ++source) writeFile(item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))), std::to_string(source));
+  for (int source = 0; source < 6; ++source)
+    writeFile(item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))), std::to_string(source));
   std::atomic<int> copied{0}, refused{0};
   std::vector<std::thread> racers;
   for (int source = 0; source < 6; ++source)
     racers.emplace_back([&, source] {
       try {
-        item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source))).copyFile(item(u"copied"), {p::ReplacementPolicy::FailIfExists, {}});
+        item(u"from" + std::u16string(1, static_cast<char16_t>(u'0' + source)))
+            .copyFile(item(u"copied"), {p::ReplacementPolicy::FailIfExists, {}});
         ++copied;
       } catch (p::Exception const& e) {
         if (e.getErrorCode() == p::ErrorCode::ResourceAlreadyExists) ++refused;
@@ -354,7 +361,8 @@ TEST(S3StorageSystem, ServesS3LocationsOnePerBucket) {
 namespace {
 
 /// Expects `act` to fail as IOError whose message names `request` and `location`.
-void expectUnreadableAnswer(std::function<void()> const& act, std::string const& request, p::StorageIRI const& location) {
+void expectUnreadableAnswer(std::function<void()> const& act, std::string const& request,
+                            p::StorageIRI const& location) {
   auto check = [&](p::ErrorCode code, std::string const& what) {
     EXPECT_EQ(code, p::ErrorCode::IOError) << what;
     EXPECT_NE(what.find("the answer to " + request), std::string::npos) << what;
@@ -398,19 +406,23 @@ TEST_F(S3ProviderTest, UnreadableAnswersFailNamingTheRequest) {
       {Fault::Garbage, "?uploads=", "POST /" + key(item(u"d/big.bin")) + "?uploads", item(u"d/big.bin").getLocation(),
        [](p::StorageItem const& folder) {
          std::string const bytes((5u << 20) + 1, 'b');
-         p::StorageItem(folder, u"big.bin").openTransactionalStream(replaceAll)->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+         p::StorageItem(folder, u"big.bin")
+             .openTransactionalStream(replaceAll)
+             ->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
        }},
       {Fault::ForeignDocument, "?delete=", "POST /?delete", item(u"d").getLocation(),
        [](p::StorageItem const& folder) { folder.removeFolderRecursively(); }},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.request);
-    testsupport::FaultProxy proxy(portOf(testsupport::s3::S3Settings::fromEnvironment().endpoint), c.fault, 100, c.requestLineHolds);
+    testsupport::FaultProxy proxy(portOf(testsupport::s3::S3Settings::fromEnvironment().endpoint), c.fault, 100,
+                                  c.requestLineHolds);
     auto settings = testsupport::s3::S3Settings::fromEnvironment();
     settings.endpoint = "http://127.0.0.1:" + std::to_string(proxy.port());
     settings.partSize = 5u << 20;
     auto const throughProxy = testsupport::makeS3Provider(settings);
-    expectUnreadableAnswer([&] { c.act(p::StorageItem(throughProxy, item(u"d").getLocation())); }, c.request, c.location);
+    expectUnreadableAnswer([&] { c.act(p::StorageItem(throughProxy, item(u"d").getLocation())); }, c.request,
+                           c.location);
   }
   // None of those requests reached the store: everything is as it was.
   EXPECT_EQ(readFile(item(u"d/kept.txt")), "kept");
@@ -429,8 +441,9 @@ TEST_F(S3ProviderTest, CopiesThatFailAfterClaimingLeaveNoDestination) {
       std::function<void()> meddle;
       p::ErrorCode expected;
     };
-    std::vector<Case> const cases{{u"copy-of-changed", [&] { writeFile(item(u"src.txt"), "changed"); }, p::ErrorCode::IOError},
-                                  {u"copy-of-removed", [&] { item(u"src.txt").removeFile(); }, p::ErrorCode::ResourceNotFound}};
+    std::vector<Case> const cases{
+        {u"copy-of-changed", [&] { writeFile(item(u"src.txt"), "changed"); }, p::ErrorCode::IOError},
+        {u"copy-of-removed", [&] { item(u"src.txt").removeFile(); }, p::ErrorCode::ResourceNotFound}};
     for (auto const& c : cases) {
       SCOPED_TRACE(fl::i18n::to_utf8(c.destination));
       writeFile(item(u"src.txt"), "source");

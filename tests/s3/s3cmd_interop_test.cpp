@@ -35,9 +35,11 @@ protected:
     auto const settings = testsupport::s3::S3Settings::fromEnvironment();
     std::string const host = settings.endpoint.substr(settings.endpoint.find("://") + 3);
     config_ = (scratch_.path() / "s3cmd.cfg").string();
-    std::ofstream(config_) << "[default]\naccess_key = " << settings.accessKeyId << "\nsecret_key = " << settings.secretAccessKey
-                           << "\nhost_base = " << host << "\nhost_bucket = " << host
-                           << "\nuse_https = False\nsignature_v2 = False\nbucket_location = " << settings.region << "\n";
+    std::ofstream(config_) << "[default]\naccess_key = " << settings.accessKeyId
+                           << "\nsecret_key = " << settings.secretAccessKey << "\nhost_base = " << host
+                           << "\nhost_bucket = " << host
+                           << "\nuse_https = False\nsignature_v2 = False\nbucket_location = " << settings.region
+                           << "\n";
     provider_ = testsupport::makeS3Provider();
     folder_ = testsupport::uniqueS3FolderName(u"interop");
     root_ = p::StorageIRI(u"s3://" + testsupport::s3TestBucket + u"/" + folder_);
@@ -47,7 +49,9 @@ protected:
     if (provider_) provider_->removeFolderRecursively(root_);
   }
 
-  p::StorageItem item(std::u16string const& relative) const { return p::StorageItem(p::StorageItem(provider_, root_), relative); }
+  p::StorageItem item(std::u16string const& relative) const {
+    return p::StorageItem(p::StorageItem(provider_, root_), relative);
+  }
   std::string url(std::string const& relative) const {
     return "s3://" + fl::i18n::to_utf8(testsupport::s3TestBucket) + "/" + fl::i18n::to_utf8(folder_) + "/" + relative;
   }
@@ -133,7 +137,8 @@ TEST_F(S3cmdInterop, ACopiedTreeIsItsFilesAndItsEmptyFolders) {
   p::StorageItem(tree, u"three/empty").createFolder();
   std::set<std::string> expected{url("copy/three/empty/")};
   for (int i = 0; i < 20; ++i) {
-    std::u16string const name = folders[i % folders.size()] + u"/file" + fl::i18n::to_ustring(std::to_string(i)) + u".txt";
+    std::u16string const name =
+        folders[i % folders.size()] + u"/file" + fl::i18n::to_ustring(std::to_string(i)) + u".txt";
     writeFile(p::StorageItem(tree, name), "file " + std::to_string(i));
     expected.insert(url("copy/" + fl::i18n::to_utf8(name)));
   }

@@ -45,8 +45,8 @@ protected:
   int client(std::string const& commands) const {
     auto batch = scratch_.path() / "batch";
     testsupport::writeFile(batch, commands);
-    auto command = "sftp -b " + testsupport::quote(batch.string()) + " " + testsupport::sftpClientOptions() +
-                   " >" + testsupport::quote((scratch_.path() / "client.log").string()) + " 2>&1";
+    auto command = "sftp -b " + testsupport::quote(batch.string()) + " " + testsupport::sftpClientOptions() + " >" +
+                   testsupport::quote((scratch_.path() / "client.log").string()) + " 2>&1";
     return std::system(command.c_str());
   }
 
@@ -77,8 +77,8 @@ TEST_F(SftpClientInterop, WeReadWhatTheClientWritesByteForByte) {
   auto const bytes = awkwardBytes(200 * 1024 + 17);
   auto local = scratch_.path() / "theirs.bin";
   testsupport::writeFile(local, bytes);
-  ASSERT_EQ(client("mkdir " + folder_.path + "/made\nput " + local.string() + " " + folder_.path + "/made/theirs.bin\n"),
-            0)
+  ASSERT_EQ(
+      client("mkdir " + folder_.path + "/made\nput " + local.string() + " " + folder_.path + "/made/theirs.bin\n"), 0)
       << clientLog();
 
   EXPECT_TRUE(item(u"made").folderExists());

@@ -62,7 +62,8 @@ protected:
 
   /// The SHA256 fingerprint of the test server's host key, as ssh-keygen prints it.
   static std::string serverFingerprint() {
-    auto command = "ssh-keygen -l -E sha256 -f " + testsupport::quote(testsupport::sftpVariable("VFS_SFTP_KNOWN_HOSTS"));
+    auto command =
+        "ssh-keygen -l -E sha256 -f " + testsupport::quote(testsupport::sftpVariable("VFS_SFTP_KNOWN_HOSTS"));
     std::string line;
     if (FILE* pipe = ::popen(command.c_str(), "r")) {
       char buffer[512];
@@ -95,7 +96,8 @@ protected:
 TEST_F(SftpServerTest, RefusesAChangedOrUnknownHostKeyNamingTheHostAndFingerprint) {
   auto settings = testsupport::sftpTestSettings();
   settings.knownHostsFile = knownHostsWithAnotherKey();
-  auto changed = failureOf([&] { testsupport::makeSftpProvider(settings)->exists(testsupport::uniqueSftpFolder("x").iri); });
+  auto changed =
+      failureOf([&] { testsupport::makeSftpProvider(settings)->exists(testsupport::uniqueSftpFolder("x").iri); });
   EXPECT_EQ(changed.getErrorCode(), ErrorCode::PermissionDenied);
   std::string message = changed.what();
   EXPECT_NE(message.find("changed"), std::string::npos) << message;
@@ -104,7 +106,8 @@ TEST_F(SftpServerTest, RefusesAChangedOrUnknownHostKeyNamingTheHostAndFingerprin
 
   settings.knownHostsFile = (scratch_.path() / "empty_known_hosts").string();
   testsupport::writeFile(settings.knownHostsFile, "");
-  auto unknown = failureOf([&] { testsupport::makeSftpProvider(settings)->exists(testsupport::uniqueSftpFolder("x").iri); });
+  auto unknown =
+      failureOf([&] { testsupport::makeSftpProvider(settings)->exists(testsupport::uniqueSftpFolder("x").iri); });
   EXPECT_EQ(unknown.getErrorCode(), ErrorCode::PermissionDenied);
   message = unknown.what();
   EXPECT_NE(message.find("unknown"), std::string::npos) << message;
@@ -226,8 +229,8 @@ void killConnections() {
   while (!pending.empty()) {
     int pid = pending.back();
     pending.pop_back();
-    std::istringstream children(testsupport::readFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
-                                                      "/children"));
+    std::istringstream children(
+        testsupport::readFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
     for (int child; children >> child;) {
       found.push_back(child);
       pending.push_back(child);

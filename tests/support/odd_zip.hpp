@@ -6,8 +6,8 @@
 
 #include "archive_tools.hpp"
 
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>

@@ -41,9 +41,13 @@ public:
     actions_[{kind, path}] = std::move(action);
   }
 
-  vfs::FolderVisitResult visitBefore(vfs::Folder const& folder) override { return record("before", folder.getLocation()); }
+  vfs::FolderVisitResult visitBefore(vfs::Folder const& folder) override {
+    return record("before", folder.getLocation());
+  }
   vfs::FolderVisitResult visit(vfs::File const& file) override { return record("file", file.getLocation()); }
-  vfs::FolderVisitResult visitAfter(vfs::Folder const& folder) override { return record("after", folder.getLocation()); }
+  vfs::FolderVisitResult visitAfter(vfs::Folder const& folder) override {
+    return record("after", folder.getLocation());
+  }
   vfs::FolderVisitResult visitFolderFailed(vfs::Folder const& folder, vfs::Exception const& failure) override {
     record("failed", folder.getLocation(), failure.getErrorCode());
     if (failureAnswer_) return *failureAnswer_;

@@ -25,7 +25,7 @@ inline std::shared_ptr<s3::S3Provider> makeS3Provider(s3::S3Settings settings = 
 /// Why the s3 tests cannot run (no endpoint configured or none answering); empty when
 /// they can. Creates the test bucket on first use.
 inline std::string s3Unavailable() {
-  static std::string const reason = [] () -> std::string {
+  static std::string const reason = []() -> std::string {
     if (s3::S3Settings::fromEnvironment().endpoint.empty())
       return "no S3 endpoint: run `eval \"$(scripts/ceph-s3.sh start)\"` (or set AWS_ENDPOINT_URL and the keys)";
     try {
@@ -48,7 +48,7 @@ inline std::u16string uniqueS3FolderName(std::u16string const& stem) {
 } // namespace testsupport
 
 /// Skips the test when no S3 endpoint answers.
-#define SKIP_WITHOUT_S3()                                                                                   \
-  do {                                                                                                      \
-    if (auto reason = ::testsupport::s3Unavailable(); !reason.empty()) GTEST_SKIP() << reason;             \
+#define SKIP_WITHOUT_S3()                                                                                              \
+  do {                                                                                                                 \
+    if (auto reason = ::testsupport::s3Unavailable(); !reason.empty()) GTEST_SKIP() << reason;                         \
   } while (false)

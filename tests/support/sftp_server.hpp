@@ -44,8 +44,8 @@ struct SftpFolder {
 
 inline SftpFolder uniqueSftpFolder(std::string const& stem) {
   static std::atomic<int> counter{0};
-  std::string path = sftpVariable("VFS_SFTP_DATA") + "/" + stem + "-" + std::to_string(::getpid()) + "-" +
-                     std::to_string(counter++);
+  std::string path =
+      sftpVariable("VFS_SFTP_DATA") + "/" + stem + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
   std::string iri = "sftp://" + sftpAuthority() + path;
   return {foundation::storage::provider::StorageIRI(std::u16string(iri.begin(), iri.end())), path};
 }
@@ -78,7 +78,7 @@ inline std::string sftpClientOptions() {
 } // namespace testsupport
 
 /// Skips the test when no SSH server answers.
-#define SKIP_WITHOUT_SFTP()                                                                                 \
-  do {                                                                                                      \
-    if (auto reason = ::testsupport::sftpUnavailable(); !reason.empty()) GTEST_SKIP() << reason;           \
+#define SKIP_WITHOUT_SFTP()                                                                                            \
+  do {                                                                                                                 \
+    if (auto reason = ::testsupport::sftpUnavailable(); !reason.empty()) GTEST_SKIP() << reason;                       \
   } while (false)

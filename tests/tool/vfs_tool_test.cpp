@@ -110,8 +110,9 @@ TEST_F(VfsTool, FindPrintsEveryEntryOfTheTreeSeriallyAndInParallel) {
     EXPECT_EQ(split(folders.out, '\0'), treePaths(false, true));
   }
   auto const txt = vfs("find --name '*.txt' " + quote(root_.string()));
-  EXPECT_EQ(split(txt.out, '\n'), (std::set<std::string>{(root_ / "plain.txt").string(), (root_ / "with space" / "a b.txt").string(),
-                                                          (root_ / "Grüße ü" / "100% #?.txt").string()}));
+  EXPECT_EQ(split(txt.out, '\n'),
+            (std::set<std::string>{(root_ / "plain.txt").string(), (root_ / "with space" / "a b.txt").string(),
+                                   (root_ / "Grüße ü" / "100% #?.txt").string()}));
   // Relative paths are resolved from the current folder and printed as typed.
   auto const relative = vfs("find -0 " + quote(fs::relative(root_ / "Grüße ü").string()));
   EXPECT_EQ(split(relative.out, '\0').size(), 3u);
@@ -139,7 +140,8 @@ TEST_F(VfsTool, LsShowsNamesSizesAndTheWholeTree) {
   auto const tree = vfs("ls -R " + quote(iri(root_)));
   EXPECT_EQ(split(tree.out, '\n').size(), relative.size() + 1) << "the name with a newline makes two lines";
   auto const pattern = vfs("ls -R --pattern '*.txt' " + quote(root_.string()));
-  EXPECT_EQ(split(pattern.out, '\n'), (std::set<std::string>{"plain.txt", "with space/a b.txt", "Grüße ü/100% #?.txt"}));
+  EXPECT_EQ(split(pattern.out, '\n'),
+            (std::set<std::string>{"plain.txt", "with space/a b.txt", "Grüße ü/100% #?.txt"}));
 
   auto const file = vfs("stat " + quote((root_ / "with space" / "a b.txt").string()));
   EXPECT_NE(file.out.find("kind:     file\nsize:     5\n"), std::string::npos) << file.out;
@@ -254,9 +256,9 @@ TEST_F(VfsTool, ChangesToAZipAreCommittedBeforeExitAndACommitThatFailsFailsTheCo
   testsupport::makeZipWithALostEntry(root_ / "lost.zip");
   std::string const lost = "zip:" + iri(root_ / "lost.zip") + "!/";
   std::string const lostBytes = readFile(root_ / "lost.zip");
-  for (std::string const command : {"put " + quote(lost + "new.txt"), "mkdir " + quote(lost + "made"),
-                                    "rm " + quote(lost + "kept.txt"),
-                                    "cp " + quote(lost + "kept.txt") + " " + quote(lost + "copy.txt")}) {
+  for (std::string const command :
+       {"put " + quote(lost + "new.txt"), "mkdir " + quote(lost + "made"), "rm " + quote(lost + "kept.txt"),
+        "cp " + quote(lost + "kept.txt") + " " + quote(lost + "copy.txt")}) {
     auto const failed = vfs(command, "new\n");
     EXPECT_EQ(failed.status, 8) << command;
     EXPECT_EQ(failed.err, "vfs: IOError: " + iri(root_ / "lost.zip") + "\n") << command;
@@ -269,9 +271,9 @@ TEST_F(VfsTool, ChangesToAZipAreCommittedBeforeExitAndACommitThatFailsFailsTheCo
   testsupport::run("cd " + quote(root_.string()) + " && zip -q in.zip inner.txt && tar -cf a.tar in.zip");
   std::string const inTar = "zip:tar:" + iri(root_ / "a.tar") + "!/in.zip!/";
   EXPECT_EQ(vfs("cat " + quote(inTar + "inner.txt")).out, "inner\n");
-  for (std::string const command : {"put " + quote(inTar + "new.txt"), "mkdir " + quote(inTar + "made"),
-                                    "rm " + quote(inTar + "inner.txt"),
-                                    "cp " + quote(inTar + "inner.txt") + " " + quote(inTar + "copy.txt")}) {
+  for (std::string const command :
+       {"put " + quote(inTar + "new.txt"), "mkdir " + quote(inTar + "made"), "rm " + quote(inTar + "inner.txt"),
+        "cp " + quote(inTar + "inner.txt") + " " + quote(inTar + "copy.txt")}) {
     auto const refused = vfs(command, "new\n");
     EXPECT_EQ(refused.status, 5) << command;
     EXPECT_EQ(refused.err.find('\n'), refused.err.size() - 1) << refused.err;
@@ -331,9 +333,10 @@ TEST_F(VfsTool, HelpForTheToolAndEveryCommand) {
 TEST_F(VfsTool, AClosedPipeEndsTheOutputQuietly) {
   fs::create_directories(root_);
   writeFile(root_ / "big", std::string(4 << 20, 'b'));
-  for (int i = 0; i < 3000; ++i) writeFile(root_ / ("a rather long file name to fill the pipe " + std::to_string(i)), "");
-  for (std::string const& command : {"cat " + quote((root_ / "big").string()), "find " + quote(root_.string()),
-                                    "ls -l " + quote(root_.string())}) {
+  for (int i = 0; i < 3000; ++i)
+    writeFile(root_ / ("a rather long file name to fill the pipe " + std::to_string(i)), "");
+  for (std::string const& command :
+       {"cat " + quote((root_ / "big").string()), "find " + quote(root_.string()), "ls -l " + quote(root_.string())}) {
     auto const line = "bash -c " + quote(quote(Tool) + " " + command + " 2>" + quote((scratch_ / "err").string()) +
                                          " | head -c 10 >/dev/null; exit ${PIPESTATUS[0]}");
     int const raw = std::system(line.c_str());
@@ -353,7 +356,8 @@ TEST_F(VfsTool, PutOfALargeFileIntoAZipKeepsMemoryBounded) {
     while (chunk.size() < Mebibyte) chunk += "a line of text that repeats itself over and over\n";
     chunk.resize(Mebibyte);
     std::ofstream input(root_ / "large", std::ios::binary);
-    for (std::size_t done = 0; done < Size; done += Mebibyte) input.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    for (std::size_t done = 0; done < Size; done += Mebibyte)
+      input.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
   }
   ASSERT_EQ(vfs("mkdir " + quote("zip:" + iri(root_ / "large.zip") + "!/")).status, 0); // an empty archive
   std::string const target = "zip:" + iri(root_ / "large.zip") + "!/large.bin";
@@ -385,9 +389,10 @@ bool eventually(Condition condition) {
 TEST_F(VfsTool, WatchPrintsChangesUntilItIsAskedToEnd) {
   fs::create_directories(root_ / "sub");
   for (std::string const mode : {"-r", "--poll=20"}) {
-    auto const out = (scratch_ / ("watch" + mode + ".out")).string(), err = (scratch_ / ("watch" + mode + ".err")).string();
-    std::string const script = "exec " + quote(Tool) + " watch " + mode + " " + quote(root_.string()) + " >" + quote(out) +
-                               " 2>" + quote(err);
+    auto const out = (scratch_ / ("watch" + mode + ".out")).string(),
+               err = (scratch_ / ("watch" + mode + ".err")).string();
+    std::string const script =
+        "exec " + quote(Tool) + " watch " + mode + " " + quote(root_.string()) + " >" + quote(out) + " 2>" + quote(err);
     char const* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
     pid_t pid = 0;
     ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
@@ -399,7 +404,8 @@ TEST_F(VfsTool, WatchPrintsChangesUntilItIsAskedToEnd) {
     EXPECT_TRUE(eventually([&] {
       writeFile(folder / ("new ü " + std::to_string(written++)), "hello");
       return readFile(out).find("Created\tfile\t" + (folder / "new ü ").string()) != std::string::npos;
-    })) << mode << ": " << readFile(out);
+    })) << mode
+        << ": " << readFile(out);
     ::kill(pid, SIGTERM);
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);

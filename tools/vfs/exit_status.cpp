@@ -18,7 +18,7 @@ namespace {
 
 ExitStatus statusOf(vfs::ErrorCode code) {
   switch (code) {
-#define VFS_TOOL_EXIT_STATUS(name, providerValue, libraryValue, failureClass, ...)                   \
+#define VFS_TOOL_EXIT_STATUS(name, providerValue, libraryValue, failureClass, ...)                                     \
   case vfs::ErrorCode::name: return failureClass;
     FOUNDATION_STORAGE_ERROR_CODES(VFS_TOOL_EXIT_STATUS)
 #undef VFS_TOOL_EXIT_STATUS

@@ -8,15 +8,15 @@ namespace vfs_tool {
 
 enum ExitStatus : int {
   Success = 0,
-  OtherFailure = 1,    ///< internal or unknown failures
-  UsageError = 2,      ///< bad arguments
-  NotFound = 3,        ///< ResourceNotFound
-  Exists = 4,          ///< ResourceAlreadyExists, FolderNotEmpty
-  NotPermitted = 5,    ///< PermissionDenied, ReadOnlyProvider, ResourceInUse
-  BadLocation = 6,     ///< InvalidLocation, UnsupportedOperation, invalid IRI, unknown scheme
-  NoSpace = 7,         ///< NoSpaceLeft, FileTooLarge
-  IOFailure = 8,       ///< IOError and failed reads or writes
-  OutputClosed = 141,  ///< the reader of standard output went away (as if killed by SIGPIPE)
+  OtherFailure = 1,   ///< internal or unknown failures
+  UsageError = 2,     ///< bad arguments
+  NotFound = 3,       ///< ResourceNotFound
+  Exists = 4,         ///< ResourceAlreadyExists, FolderNotEmpty
+  NotPermitted = 5,   ///< PermissionDenied, ReadOnlyProvider, ResourceInUse
+  BadLocation = 6,    ///< InvalidLocation, UnsupportedOperation, invalid IRI, unknown scheme
+  NoSpace = 7,        ///< NoSpaceLeft, FileTooLarge
+  IOFailure = 8,      ///< IOError and failed reads or writes
+  OutputClosed = 141, ///< the reader of standard output went away (as if killed by SIGPIPE)
 };
 
 /// The table of exit statuses, as --help shows it.

@@ -125,7 +125,8 @@ std::string formatTime(boost::posix_time::ptime const& time) {
 void addListingCommands(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<LsOptions>();
   auto* ls = app.add_subcommand("ls", "List a folder (or show a file)");
-  ls->add_flag("-l,--long", options->longForm, "Long form: kind (f/d), size, modification time (UTC), flags (w writable, h hidden, l symlink), name");
+  ls->add_flag("-l,--long", options->longForm,
+               "Long form: kind (f/d), size, modification time (UTC), flags (w writable, h hidden, l symlink), name");
   ls->add_flag("-R,--recursive", options->recursive, "The whole tree, as paths relative to the folder");
   ls->add_option("--pattern", options->pattern, "Only names matching the wildcard pattern (* and ?)");
   ls->add_option("location", options->location, "Folder or file (default: the current folder)");

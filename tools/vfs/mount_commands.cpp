@@ -57,7 +57,8 @@ int mountInBackground(Tool& tool, MountArguments const& arguments) {
     ::close(pipe[1]);
     unsigned char status = OtherFailure;
     ssize_t got;
-    while ((got = ::read(pipe[0], &status, 1)) < 0 && errno == EINTR) {}
+    while ((got = ::read(pipe[0], &status, 1)) < 0 && errno == EINTR) {
+    }
     ::close(pipe[0]);
     if (got == 1 && status == Success) return Success;
     int raw = 0;
@@ -68,7 +69,8 @@ int mountInBackground(Tool& tool, MountArguments const& arguments) {
   ::setsid();
   auto tell = [&](unsigned char status) {
     if (pipe[1] < 0) return;
-    while (::write(pipe[1], &status, 1) < 0 && errno == EINTR) {}
+    while (::write(pipe[1], &status, 1) < 0 && errno == EINTR) {
+    }
     ::close(pipe[1]);
     pipe[1] = -1;
   };
@@ -99,14 +101,16 @@ int umount(std::string const& mountpoint) {
 
 void addMountCommands(CLI::App& app, Tool& tool) {
   auto arguments = std::make_shared<MountArguments>();
-  auto* mount = app.add_subcommand("mount", "Mount a folder of any scheme as a directory (FUSE); returns once the mount "
-                                            "is ready and serves it in the background until unmounted");
+  auto* mount =
+      app.add_subcommand("mount", "Mount a folder of any scheme as a directory (FUSE); returns once the mount "
+                                  "is ready and serves it in the background until unmounted");
   mount->add_option("location", arguments->location, "Folder to mount")->required();
   mount->add_option("mountpoint", arguments->mountpoint, "Empty directory to mount it on")->required();
   mount->add_flag("--read-only", arguments->readOnly, "Refuse every change with EROFS");
   mount->add_flag("-f,--foreground", arguments->foreground, "Serve in this process until unmounted or interrupted");
-  mount->add_option("--cache-timeout", arguments->cacheTimeout,
-                    "Seconds the kernel may trust names and attributes; 0 for changes made beside the mount")
+  mount
+      ->add_option("--cache-timeout", arguments->cacheTimeout,
+                   "Seconds the kernel may trust names and attributes; 0 for changes made beside the mount")
       ->default_val(1.0)
       ->check(CLI::Range(0.0, 3600.0));
   mount->callback([&tool, arguments] {

@@ -81,7 +81,8 @@ void Progress::run() {
     auto const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     auto const count = count_.load(std::memory_order_relaxed);
     if (count > 0) {
-      std::fprintf(stderr, "\r\033[K%s: %llu entries, %.1f s", what_.c_str(), static_cast<unsigned long long>(count), seconds);
+      std::fprintf(stderr, "\r\033[K%s: %llu entries, %.1f s", what_.c_str(), static_cast<unsigned long long>(count),
+                   seconds);
     } else {
       std::fprintf(stderr, "\r\033[K%s: %.1f s", what_.c_str(), seconds);
     }

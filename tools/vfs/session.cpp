@@ -48,9 +48,7 @@ vfs::StorageSystemReference Session::system() {
   return vfs::StorageSystemReference(std::weak_ptr<vfs::StorageSystem>(storage()));
 }
 
-vfs::FileOrFolder Session::existing(Location const& location) {
-  return vfs::makeFileOrFolder(location.iri, system());
-}
+vfs::FileOrFolder Session::existing(Location const& location) { return vfs::makeFileOrFolder(location.iri, system()); }
 
 void Session::changes(vfs::AbsoluteIRI const& location) { changed_.push_back(location); }
 

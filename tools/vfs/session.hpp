@@ -17,8 +17,8 @@ namespace vfs = foundation::storage::vfs;
 /// (made absolute from the current folder) standing for a `file` IRI.
 struct Location {
   vfs::AbsoluteIRI iri;
-  std::string given;     ///< the text as typed, without trailing "/"
-  bool localPath;        ///< given as a path: output names paths, not IRIs
+  std::string given; ///< the text as typed, without trailing "/"
+  bool localPath;    ///< given as a path: output names paths, not IRIs
 
   /// How output names `location` below this one: the typed path joined with the relative
   /// path for local paths, the IRI otherwise.

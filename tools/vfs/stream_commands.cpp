@@ -46,7 +46,8 @@ std::streamsize readInput(char* data, std::size_t size, Location const& location
   for (;;) {
     auto const n = ::read(STDIN_FILENO, data, size);
     if (n >= 0) return n;
-    if (errno != EINTR) throw ToolFailure{"IOError", "standard input (nothing written to " + location.iriText() + ")", IOFailure};
+    if (errno != EINTR)
+      throw ToolFailure{"IOError", "standard input (nothing written to " + location.iriText() + ")", IOFailure};
   }
 }
 
@@ -57,10 +58,12 @@ int put(Tool& tool, std::string const& text) {
     // Nothing reaches the file until the commit: a failure or an interruption on the way
     // leaves it as it was.
     auto device = vfs::File(location.iri, tool.session.system())
-                      .openTransactionalStream({provider::ByteStreamAccess::WriteOnly, provider::ByteStreamCreate::CreateIfMissing,
-                                                provider::ByteStreamTruncate::Truncate, provider::ByteStreamAppend::AtPosition});
+                      .openTransactionalStream(
+                          {provider::ByteStreamAccess::WriteOnly, provider::ByteStreamCreate::CreateIfMissing,
+                           provider::ByteStreamTruncate::Truncate, provider::ByteStreamAppend::AtPosition});
     std::vector<char> buffer(ChunkSize);
-    for (std::streamsize n; (n = readInput(buffer.data(), buffer.size(), location)) > 0;) device.write(buffer.data(), n);
+    for (std::streamsize n; (n = readInput(buffer.data(), buffer.size(), location)) > 0;)
+      device.write(buffer.data(), n);
     device.close(provider::StreamClosePolicy::Commit);
   } catch (ToolFailure const&) {
     throw;
@@ -80,7 +83,7 @@ void addStreamCommands(CLI::App& app, Tool& tool) {
 
   auto location = std::make_shared<std::string>();
   auto* put = app.add_subcommand("put", "Write standard input into a file, all or nothing: the file shows the "
-                                         "whole input or keeps what it held");
+                                        "whole input or keeps what it held");
   put->add_option("location", *location, "File to create or replace")->required();
   put->callback([&tool, location] { tool.status = vfs_tool::put(tool, *location); });
 }

@@ -27,7 +27,8 @@ vfs::AbsoluteIRI targetOf(Tool& tool, vfs::FileOrFolder const& source, Location 
   return destination.iri;
 }
 
-vfs::FileOrFolder sameKind(vfs::FileOrFolder const& source, vfs::AbsoluteIRI const& target, vfs::StorageSystemReference system) {
+vfs::FileOrFolder sameKind(vfs::FileOrFolder const& source, vfs::AbsoluteIRI const& target,
+                           vfs::StorageSystemReference system) {
   if (source.which() == 0) return vfs::File(target, system);
   return vfs::Folder(target, system);
 }
@@ -96,7 +97,7 @@ void addTransferCommands(CLI::App& app, Tool& tool) {
 
   auto m = std::make_shared<TransferOptions>();
   auto* mv = app.add_subcommand("mv", "Move or rename a file or folder; into DST when DST is a folder. Across "
-                                       "schemes it copies and removes the source only after the whole copy");
+                                      "schemes it copies and removes the source only after the whole copy");
   addPolicy(*mv, *m);
   mv->add_option("source", m->source, "File or folder")->required();
   mv->add_option("destination", m->destination, "New location, or an existing folder to move into")->required();

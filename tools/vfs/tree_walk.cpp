@@ -55,7 +55,8 @@ std::uint64_t sizeOf(vfs::FileOrFolderEntry const& entry) {
   return file ? file->getAttributes().getSize() : 0;
 }
 
-int walkTree(vfs::Folder const& root, bool parallel, std::function<void(vfs::FileOrFolderEntry const&)> const& onEntry) {
+int walkTree(vfs::Folder const& root, bool parallel,
+             std::function<void(vfs::FileOrFolderEntry const&)> const& onEntry) {
   ReportingVisitor visitor(onEntry);
   if (parallel) {
     vfs::walkFolderParallel(root, visitor);

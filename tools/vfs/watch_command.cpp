@@ -43,8 +43,8 @@ int watch(Tool& tool, WatchOptions const& o) {
   auto const root = tool.session.resolve(o.location);
   auto const item = tool.session.existing(root);
   Output out;
-  auto const connection = tool.session.storage()->getEventMgr()->subscribe(
-      vfs::Event::EventType(), [&root, &out](auto const& base) {
+  auto const connection =
+      tool.session.storage()->getEventMgr()->subscribe(vfs::Event::EventType(), [&root, &out](auto const& base) {
         auto const data = static_cast<vfs::Event const&>(*base).getSimpleEventData();
         std::string where;
         try {
@@ -61,7 +61,8 @@ int watch(Tool& tool, WatchOptions const& o) {
   if (polling) {
     vfs::detail::startChangePolling(boost::get<vfs::Folder>(item), {}, std::chrono::milliseconds(o.pollMilliseconds));
   } else {
-    vfs::detail::publishEventsFor(item, {}, o.recursive ? vfs::WithRecursiveChangeEvents::Yes : vfs::WithRecursiveChangeEvents::No);
+    vfs::detail::publishEventsFor(
+        item, {}, o.recursive ? vfs::WithRecursiveChangeEvents::Yes : vfs::WithRecursiveChangeEvents::No);
   }
   std::fprintf(stderr, "watching %s (Ctrl-C ends)\n", root.iriText().c_str());
 
@@ -82,12 +83,14 @@ int watch(Tool& tool, WatchOptions const& o) {
 void addWatchCommand(CLI::App& app, Tool& tool) {
   auto o = std::make_shared<WatchOptions>();
   auto* watch = app.add_subcommand("watch", "Print changes as they happen (kind, file or folder, location) until "
-                                             "interrupted (Ctrl-C or SIGTERM ends it cleanly)");
+                                            "interrupted (Ctrl-C or SIGTERM ends it cleanly)");
   watch->add_option("location", o->location, "File or folder (default: the current folder)");
-  auto* recursive = watch->add_flag("-r,--recursive", o->recursive, "Also everything below the folder, new folders included");
-  watch->add_option("--poll", o->pollMilliseconds,
-                    "Compare listings every MS milliseconds instead of asking the provider to report "
-                    "(the folder's own children; for providers that cannot report)")
+  auto* recursive =
+      watch->add_flag("-r,--recursive", o->recursive, "Also everything below the folder, new folders included");
+  watch
+      ->add_option("--poll", o->pollMilliseconds,
+                   "Compare listings every MS milliseconds instead of asking the provider to report "
+                   "(the folder's own children; for providers that cannot report)")
       ->check(CLI::Range(1u, 3600000u))
       ->excludes(recursive);
   watch->callback([&tool, o] { tool.status = vfs_tool::watch(tool, *o); });

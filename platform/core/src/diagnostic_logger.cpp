@@ -81,8 +81,10 @@ private:
   void update() {
     bool const attach = wanted_ && suspended_ == 0;
     if (attach == attached_) return;
-    if (attach) boost::log::core::get()->add_sink(sink_);
-    else boost::log::core::get()->remove_sink(sink_);
+    if (attach)
+      boost::log::core::get()->add_sink(sink_);
+    else
+      boost::log::core::get()->remove_sink(sink_);
     attached_ = attach;
   }
 

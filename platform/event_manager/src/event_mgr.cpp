@@ -62,7 +62,8 @@ struct EventMgr::Impl {
       logger().log(foundation::log::Severity::Error, text.str());
     } catch (...) {
       std::ostringstream text;
-      text << "listener for " << fl::i18n::to_utf8(s.key) << " failed on " << *event << " with a non-standard exception";
+      text << "listener for " << fl::i18n::to_utf8(s.key) << " failed on " << *event
+           << " with a non-standard exception";
       logger().log(foundation::log::Severity::Error, text.str());
     }
   }

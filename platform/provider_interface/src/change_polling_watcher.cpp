@@ -229,8 +229,7 @@ void ChangePollingWatcher::stop(StorageIRI const& folder) {
   s->active = false;
   impl_->subscriptions.erase(it);
   // Wait for a running round of this subscription, unless we are inside its callback.
-  if (std::this_thread::get_id() != impl_->thread.get_id())
-    impl_->idle.wait(lock, [&] { return impl_->polling != s; });
+  if (std::this_thread::get_id() != impl_->thread.get_id()) impl_->idle.wait(lock, [&] { return impl_->polling != s; });
 }
 
 void ChangePollingWatcher::stopAll() {

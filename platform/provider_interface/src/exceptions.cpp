@@ -41,23 +41,20 @@ std::unique_ptr<Exception> Exception::copyException() const { return std::make_u
 boost::exception_ptr Exception::copyAsExceptionPtr() const { return boost::copy_exception(*this); }
 
 ChangeEventsNotSupportedException::ChangeEventsNotSupportedException(StorageIRI location, std::string reason)
-    : location_(std::move(location)),
-      what_("change events not supported at " + location_.toIRI() + ": " + reason) {}
+    : location_(std::move(location)), what_("change events not supported at " + location_.toIRI() + ": " + reason) {}
 ChangeEventsNotSupportedException::~ChangeEventsNotSupportedException() = default;
 boost::exception_ptr ChangeEventsNotSupportedException::copyAsExceptionPtr() const {
   return boost::copy_exception(*this);
 }
 
 ChangeEventsSubscriptionException::ChangeEventsSubscriptionException(StorageIRI location, std::string reason)
-    : location_(std::move(location)),
-      what_("cannot watch " + location_.toIRI() + ": " + reason) {}
+    : location_(std::move(location)), what_("cannot watch " + location_.toIRI() + ": " + reason) {}
 ChangeEventsSubscriptionException::~ChangeEventsSubscriptionException() = default;
 boost::exception_ptr ChangeEventsSubscriptionException::copyAsExceptionPtr() const {
   return boost::copy_exception(*this);
 }
 
-ByteStreamFailure::ByteStreamFailure(std::string message, ErrorCode code)
-    : message_(std::move(message)), code_(code) {}
+ByteStreamFailure::ByteStreamFailure(std::string message, ErrorCode code) : message_(std::move(message)), code_(code) {}
 ByteStreamFailure::~ByteStreamFailure() = default;
 ByteStreamReadFailure::~ByteStreamReadFailure() = default;
 ByteStreamWriteFailure::~ByteStreamWriteFailure() = default;

@@ -81,7 +81,8 @@ void ForwardingProvider::truncateToSize(StorageIRI const& file, std::uint64_t si
   inner_->truncateToSize(file, size);
 }
 
-std::unique_ptr<ByteStream> ForwardingProvider::openStream(StorageIRI const& file, ByteStreamOpenOptions const& options) {
+std::unique_ptr<ByteStream> ForwardingProvider::openStream(StorageIRI const& file,
+                                                           ByteStreamOpenOptions const& options) {
   beforeCall(Operation::OpenStream, file);
   return inner_->openStream(file, options);
 }
@@ -91,7 +92,8 @@ std::unique_ptr<ByteStream> ForwardingProvider::openReadOnlyStream(StorageIRI co
   return inner_->openReadOnlyStream(file);
 }
 
-std::unique_ptr<TransactionalStream> ForwardingProvider::openTransactionalStream(StorageIRI const& file, ByteStreamOpenOptions const& options) {
+std::unique_ptr<TransactionalStream> ForwardingProvider::openTransactionalStream(StorageIRI const& file,
+                                                                                 ByteStreamOpenOptions const& options) {
   beforeCall(Operation::OpenTransactionalStream, file);
   return inner_->openTransactionalStream(file, options);
 }
@@ -101,7 +103,8 @@ void ForwardingProvider::moveFile(StorageIRI const& source, StorageIRI const& de
   inner_->moveFile(source, destination, policy);
 }
 
-CopyResult ForwardingProvider::copyFile(StorageIRI const& source, StorageItem const& destination, CopyFileOptions const& options) {
+CopyResult ForwardingProvider::copyFile(StorageIRI const& source, StorageItem const& destination,
+                                        CopyFileOptions const& options) {
   beforeCall(Operation::CopyFile, source);
   return inner_->copyFile(source, unwrap(destination), options);
 }
@@ -141,42 +144,50 @@ PathComparatorFunction ForwardingProvider::getPathComparator(StorageIRI const& l
   return inner_->getPathComparator(location);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllNamesOnly(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllNamesOnly(StorageIRI const& folder,
+                                                                           std::u16string const& pattern) {
   beforeCall(Operation::ListAllNamesOnly, folder);
   return inner_->listAllNamesOnly(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFilesNamesOnly(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFilesNamesOnly(StorageIRI const& folder,
+                                                                             std::u16string const& pattern) {
   beforeCall(Operation::ListFilesNamesOnly, folder);
   return inner_->listFilesNamesOnly(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFoldersNamesOnly(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFoldersNamesOnly(StorageIRI const& folder,
+                                                                               std::u16string const& pattern) {
   beforeCall(Operation::ListFoldersNamesOnly, folder);
   return inner_->listFoldersNamesOnly(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAll(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAll(StorageIRI const& folder,
+                                                                  std::u16string const& pattern) {
   beforeCall(Operation::ListAll, folder);
   return inner_->listAll(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFiles(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFiles(StorageIRI const& folder,
+                                                                    std::u16string const& pattern) {
   beforeCall(Operation::ListFiles, folder);
   return inner_->listFiles(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFolders(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listFolders(StorageIRI const& folder,
+                                                                      std::u16string const& pattern) {
   beforeCall(Operation::ListFolders, folder);
   return inner_->listFolders(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllRecursiveNamesOnly(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllRecursiveNamesOnly(StorageIRI const& folder,
+                                                                                    std::u16string const& pattern) {
   beforeCall(Operation::ListAllRecursiveNamesOnly, folder);
   return inner_->listAllRecursiveNamesOnly(folder, pattern);
 }
 
-std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllRecursive(StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<IFolderEntryIterator> ForwardingProvider::listAllRecursive(StorageIRI const& folder,
+                                                                           std::u16string const& pattern) {
   beforeCall(Operation::ListAllRecursive, folder);
   return inner_->listAllRecursive(folder, pattern);
 }
@@ -201,7 +212,8 @@ StorageInfo ForwardingProvider::getProviderStorageInfo(StorageIRI const& locatio
   return inner_->getProviderStorageInfo(location);
 }
 
-void ForwardingProvider::publishFileEvents(StorageIRI const& file, ChangeCallback callback, std::vector<events::Kind> const& kinds) {
+void ForwardingProvider::publishFileEvents(StorageIRI const& file, ChangeCallback callback,
+                                           std::vector<events::Kind> const& kinds) {
   beforeCall(Operation::PublishFileEvents, file);
   inner_->publishFileEvents(file, std::move(callback), kinds);
 }
@@ -211,7 +223,8 @@ void ForwardingProvider::stopPublishingFileEvents(StorageIRI const& file) {
   inner_->stopPublishingFileEvents(file);
 }
 
-void ForwardingProvider::publishFolderEvents(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds, RecursiveWatching recursive) {
+void ForwardingProvider::publishFolderEvents(StorageIRI const& folder, ChangeCallback callback,
+                                             std::vector<events::Kind> const& kinds, RecursiveWatching recursive) {
   beforeCall(Operation::PublishFolderEvents, folder);
   inner_->publishFolderEvents(folder, std::move(callback), kinds, recursive);
 }
@@ -221,7 +234,9 @@ void ForwardingProvider::stopPublishingFolderEvents(StorageIRI const& folder) {
   inner_->stopPublishingFolderEvents(folder);
 }
 
-void ForwardingProvider::startChangePollingMechanism(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, RecursivePolling recursive) {
+void ForwardingProvider::startChangePollingMechanism(StorageIRI const& folder, ChangeCallback callback,
+                                                     std::vector<events::Kind> const& kinds,
+                                                     std::chrono::milliseconds interval, RecursivePolling recursive) {
   beforeCall(Operation::StartChangePollingMechanism, folder);
   inner_->startChangePollingMechanism(folder, std::move(callback), kinds, interval, recursive);
 }
@@ -232,7 +247,8 @@ void ForwardingProvider::stopChangePollingMechanism(StorageIRI const& folder) {
 }
 
 void ForwardingProvider::invalidate(StorageIRI const& location) {
-  if (auto* invalidatable = dynamic_cast<extensions::IInvalidatable*>(inner_.get())) invalidatable->invalidate(location);
+  if (auto* invalidatable = dynamic_cast<extensions::IInvalidatable*>(inner_.get()))
+    invalidatable->invalidate(location);
 }
 
 void ForwardingProvider::flushFilesystem() {
@@ -240,7 +256,8 @@ void ForwardingProvider::flushFilesystem() {
 }
 
 void ForwardingProvider::flushFilesystem(StorageIRI const& location) {
-  if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(inner_.get())) flushable->flushFilesystem(location);
+  if (auto* flushable = dynamic_cast<extensions::IFlushableFilesystem*>(inner_.get()))
+    flushable->flushFilesystem(location);
 }
 
 } // namespace foundation::storage::provider

@@ -16,8 +16,7 @@ using fl::i18n::lcctype::isalnum_ascii;
 using fl::i18n::lcctype::isalpha_ascii;
 
 [[noreturn]] void reject(std::u16string_view text, std::string const& reason) {
-  fail(ErrorCode::InvalidLocation, StorageIRI(), u"iri.parse",
-       reason + " in \"" + fl::i18n::to_utf8(text) + "\"");
+  fail(ErrorCode::InvalidLocation, StorageIRI(), u"iri.parse", reason + " in \"" + fl::i18n::to_utf8(text) + "\"");
 }
 
 bool isSchemeChar(char16_t c) { return isalnum_ascii(c) || c == u'+' || c == u'-' || c == u'.'; }
@@ -152,10 +151,22 @@ void appendEscape(std::u16string& out, unsigned char byte) {
 bool isUriSafe(unsigned char b, bool encodeBang) {
   if (isalnum_ascii(b)) return true;
   switch (b) {
-  case '-': case '.': case '_': case '~':                         // unreserved
-  case '$': case '&': case '\'': case '(': case ')': case '*':   // sub-delims
-  case '+': case ',': case ';': case '=': case ':': case '@':
-    return true;
+  case '-':
+  case '.':
+  case '_':
+  case '~': // unreserved
+  case '$':
+  case '&':
+  case '\'':
+  case '(':
+  case ')':
+  case '*': // sub-delims
+  case '+':
+  case ',':
+  case ';':
+  case '=':
+  case ':':
+  case '@': return true;
   case '!': return !encodeBang;
   default: return false;
   }

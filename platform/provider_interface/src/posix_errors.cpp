@@ -14,7 +14,8 @@ struct ErrnoRow {
 };
 
 constexpr ErrnoRow errnoRows[] = {
-#define FOUNDATION_STORAGE_ERRNO_ROW(name, providerValue, libraryValue, failureClass, ...) {ErrorCode::name, {__VA_ARGS__}},
+#define FOUNDATION_STORAGE_ERRNO_ROW(name, providerValue, libraryValue, failureClass, ...)                             \
+  {ErrorCode::name, {__VA_ARGS__}},
     FOUNDATION_STORAGE_ERROR_CODES(FOUNDATION_STORAGE_ERRNO_ROW)
 #undef FOUNDATION_STORAGE_ERRNO_ROW
 };

@@ -81,7 +81,8 @@ std::unique_ptr<TransactionalStream> ProviderBase::openTransactionalStream(Stora
 }
 
 void ProviderBase::moveFile(StorageIRI const& source, StorageIRI const& destination, ReplacementPolicy policy) {
-  if (!isValid(policy)) fail(ErrorCode::InvalidLocation, destination, Operation::MoveFile, "unknown replacement policy");
+  if (!isValid(policy))
+    fail(ErrorCode::InvalidLocation, destination, Operation::MoveFile, "unknown replacement policy");
   doMoveFile(source, destination, backEndPolicy(policy));
 }
 

@@ -9,8 +9,8 @@ namespace {
 constexpr std::size_t copyBufferSize = 128 * 1024;
 }
 
-CopyResult copyFileThroughStreams(IProvider& sourceProvider, StorageIRI const& source,
-                                  StorageItem const& destination, CopyFileOptions const& options) {
+CopyResult copyFileThroughStreams(IProvider& sourceProvider, StorageIRI const& source, StorageItem const& destination,
+                                  CopyFileOptions const& options) {
   auto const policy = options.policy;
   if (!isValid(policy))
     fail(ErrorCode::InvalidLocation, destination.getLocation(), u"copy", "unknown replacement policy");

@@ -24,15 +24,16 @@ bool replaces(ReplacementPolicy policy) noexcept {
 
 PathComparatorFunction makePathComparator(FilenameSensitivity sensitivity) {
   return [sensitivity](std::u16string const& a, std::u16string const& b, CaseModifier modifier) {
-    bool const insensitive = modifier == CaseModifier::CaseInsensitive ||
-                             (modifier == CaseModifier::ProviderDefault && sensitivity == FilenameSensitivity::CaseInsensitive);
+    bool const insensitive =
+        modifier == CaseModifier::CaseInsensitive ||
+        (modifier == CaseModifier::ProviderDefault && sensitivity == FilenameSensitivity::CaseInsensitive);
     return insensitive ? fl::i18n::fold_case(a) == fl::i18n::fold_case(b) : a == b;
   };
 }
 
 char const* toString(ErrorCode c) noexcept {
   switch (c) {
-#define FOUNDATION_STORAGE_NAME_ROW(name, ...)                                                       \
+#define FOUNDATION_STORAGE_NAME_ROW(name, ...)                                                                         \
   case ErrorCode::name: return #name;
     FOUNDATION_STORAGE_ERROR_CODES(FOUNDATION_STORAGE_NAME_ROW)
 #undef FOUNDATION_STORAGE_NAME_ROW
@@ -67,8 +68,7 @@ std::ostream& operator<<(std::ostream& os, ExtendedFeature f) { return os << toS
 std::ostream& operator<<(std::ostream& os, ReplacementPolicy p) { return os << toString(p); }
 
 std::ostream& operator<<(std::ostream& os, ByteStreamOpenOptions const& o) {
-  return os << "{access=" << static_cast<std::uint32_t>(o.access)
-            << ", create=" << static_cast<std::uint32_t>(o.create)
+  return os << "{access=" << static_cast<std::uint32_t>(o.access) << ", create=" << static_cast<std::uint32_t>(o.create)
             << ", truncate=" << static_cast<std::uint32_t>(o.truncate)
             << ", append=" << static_cast<std::uint32_t>(o.append) << "}";
 }

@@ -35,7 +35,8 @@ bool matchesWildcard(std::u16string_view pattern, std::u16string_view name) noex
   std::size_t stem = pattern.size();
   while (stem > 0 && pattern[stem - 1] == u'*') --stem;
   if (pattern.size() - stem < 2) {
-    return globMatch(pattern.size(), [&](std::size_t i) { return pattern[i]; }, name);
+    return globMatch(
+        pattern.size(), [&](std::size_t i) { return pattern[i]; }, name);
   }
   // A run of two or more trailing stars must still cover at least one code unit: the
   // pattern behaves as its stem followed by "?*".

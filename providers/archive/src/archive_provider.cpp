@@ -283,7 +283,8 @@ void ArchiveProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t si
   session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
 }
 
-std::unique_ptr<p::ByteStream> ArchiveProvider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::ByteStream> ArchiveProvider::doOpenStream(p::StorageIRI const& file,
+                                                             p::ByteStreamOpenOptions const& options) {
   core_->requireWritable(file, Operation::OpenStream);
   std::shared_ptr<Content> content;
   std::shared_ptr<Archive> archive;
@@ -333,12 +334,14 @@ std::unique_ptr<p::ByteStream> ArchiveProvider::openReadOnlyStream(p::StorageIRI
   Session session(*core_, file, Operation::OpenReadOnlyStream);
   Node const& node = session.file();
   if (node.symlink) session.fail(ErrorCode::InvalidLocation, ProviderCore::linkHasNoData(node));
-  if (node.content) return std::make_unique<ContentStream>(node.content, session.archive().lock, StreamMode{true, false, false}, nullptr);
+  if (node.content)
+    return std::make_unique<ContentStream>(node.content, session.archive().lock, StreamMode{true, false, false},
+                                           nullptr);
   return session.archive().reader->openEntry(*node.entry);
 }
 
-std::unique_ptr<p::TransactionalStream> ArchiveProvider::doOpenTransactionalStream(p::StorageIRI const& file,
-                                                                                 p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::TransactionalStream>
+ArchiveProvider::doOpenTransactionalStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   core_->requireWritable(file, Operation::OpenTransactionalStream);
   auto initial = std::make_shared<Content>(core_->spill);
   {
@@ -372,8 +375,10 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::doOpenTransactionalStre
     Node* node = session.node();
     if (node && node->folder) session.file();
     if (node && !replace) session.fail(ErrorCode::ResourceAlreadyExists, "the file exists");
-    if (!node) node = &session.add(session.path(), false);
-    else session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
+    if (!node)
+      node = &session.add(session.path(), false);
+    else
+      session.changed(events::Kind::Modified, session.path(), events::EntryType::File);
     node->content = std::move(content);
     node->entry.reset();
     node->symlink = false; // new contents make a link a file
@@ -382,7 +387,8 @@ std::unique_ptr<p::TransactionalStream> ArchiveProvider::doOpenTransactionalStre
   return std::make_unique<TransactionalContentStream>(std::move(initial), mode, commit);
 }
 
-void ArchiveProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void ArchiveProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                 p::ReplacementPolicy policy) {
   core_->requireWritable(source, Operation::MoveFile);
   Session session(*core_, source, Operation::MoveFile);
   Place const to = core_->locate(destination, contextKey(Operation::MoveFile), ErrorCode::UnsupportedOperation);
@@ -445,7 +451,8 @@ void ArchiveProvider::removeFolderRecursively(p::StorageIRI const& folder) {
   session.changed(events::Kind::Removed, session.path(), events::EntryType::Folder);
 }
 
-void ArchiveProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void ArchiveProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                   p::ReplacementPolicy policy) {
   core_->requireWritable(source, Operation::MoveFolder);
   Session session(*core_, source, Operation::MoveFolder);
   Place const to = core_->locate(destination, contextKey(Operation::MoveFolder), ErrorCode::UnsupportedOperation);
@@ -473,7 +480,8 @@ void ArchiveProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI co
 
 // --- listings ----------------------------------------------------------------------------
 
-std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+std::unique_ptr<p::IFolderEntryIterator> ArchiveProvider::list(p::StorageIRI const& folder,
+                                                               p::ListingRequest const& request) {
   Session session(*core_, folder, request.operation);
   return std::make_unique<p::SnapshotFolderEntryIterator>(common::listTree(session.folder(), request, inArchiveOrder));
 }
@@ -509,7 +517,8 @@ void ArchiveProvider::flushFilesystem(p::StorageIRI const& location) {
   core_->commit(*place.archive);
   // The archive around this one holds the change just committed.
   p::StorageItem const& file = place.archive->file;
-  if (auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get())) around->flushFilesystem(file.getLocation());
+  if (auto* around = dynamic_cast<ArchiveProvider*>(file.getProvider().get()))
+    around->flushFilesystem(file.getLocation());
 }
 
 void ArchiveProvider::invalidate(p::StorageIRI const& location) {
@@ -521,7 +530,8 @@ void ArchiveProvider::invalidate(p::StorageIRI const& location) {
 
 // --- change reporting --------------------------------------------------------------------
 
-void ArchiveProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback, std::vector<events::Kind> const& kinds) {
+void ArchiveProvider::publishFileEvents(p::StorageIRI const& file, p::ChangeCallback callback,
+                                        std::vector<events::Kind> const& kinds) {
   p::StorageIRI watched;
   try {
     Session session(*core_, file, Operation::PublishFileEvents);
@@ -551,7 +561,8 @@ void ArchiveProvider::publishFolderEvents(p::StorageIRI const& folder, p::Change
 }
 
 void ArchiveProvider::stopPublishingFolderEvents(p::StorageIRI const& folder) {
-  core_->subscriptions.unsubscribeFolder(core_->locate(folder, contextKey(Operation::StopPublishingFolderEvents)).location);
+  core_->subscriptions.unsubscribeFolder(
+      core_->locate(folder, contextKey(Operation::StopPublishingFolderEvents)).location);
 }
 
 } // namespace foundation::storage::providers::archive

@@ -23,7 +23,8 @@ void checkRead(StreamMode const& mode) {
 }
 
 void checkWrite(StreamMode const& mode) {
-  if (!mode.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
+  if (!mode.write)
+    p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
 }
 
 } // namespace
@@ -138,7 +139,8 @@ std::streamsize EntryStream::doRead(char* s, std::streamsize n) {
     return 0;
   }
   moveTo(position_);
-  auto const want = static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(n), declaredSize_ - position_));
+  auto const want =
+      static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(n), declaredSize_ - position_));
   std::size_t got = 0;
   while (got < want) {
     std::size_t const step = decoder_->read(s + got, want - got);

@@ -13,7 +13,6 @@
 
 namespace foundation::storage::providers::archive::detail {
 
-
 struct StreamMode {
   bool read = false;
   bool write = false;
@@ -92,7 +91,7 @@ private:
   std::function<std::unique_ptr<EntryDecoder>()> open_;
   std::unique_ptr<EntryDecoder> decoder_;
   std::uint64_t declaredSize_;
-  std::uint64_t decoded_ = 0; ///< the decoder's position
+  std::uint64_t decoded_ = 0;  ///< the decoder's position
   std::uint64_t position_ = 0; ///< the stream's position; may lie beyond `decoded_` until the next read
 };
 

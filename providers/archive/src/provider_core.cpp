@@ -48,7 +48,8 @@ Place ProviderCore::locate(p::StorageIRI const& location, std::u16string const& 
     auto& slot = archives_[file];
     if (!slot) {
       auto provider = resolver(file);
-      if (!provider) p::fail(p::ErrorCode::UnsupportedOperation, file, context, "no provider serves the archive's location");
+      if (!provider)
+        p::fail(p::ErrorCode::UnsupportedOperation, file, context, "no provider serves the archive's location");
       if (provider.get() == self) provider = std::shared_ptr<p::IProvider>(std::shared_ptr<p::IProvider>(), self);
       slot = std::make_shared<Archive>(p::StorageItem(std::move(provider), file));
     }
@@ -58,7 +59,8 @@ Place ProviderCore::locate(p::StorageIRI const& location, std::u16string const& 
   return {std::move(archive), std::move(path), std::move(resolved)};
 }
 
-std::optional<p::FileAttributes> ProviderCore::attributesNow(Archive const& archive, std::u16string const& context) const {
+std::optional<p::FileAttributes> ProviderCore::attributesNow(Archive const& archive,
+                                                             std::u16string const& context) const {
   try {
     return archive.file.getFileAttributes();
   } catch (p::Exception& failure) {
@@ -106,14 +108,14 @@ void ProviderCore::missing(Place const& place, std::u16string const& context, st
     p::fail(p::ErrorCode::ResourceNotFound, place.location, context,
             "the archive " + archive.file.getLocation().toIRI() + " does not exist");
   std::string message = "no such " + what;
-  if (auto reason = archive.tree->whySkipped(place.path)) message += " (the archive's entry was skipped: " + *reason + ")";
+  if (auto reason = archive.tree->whySkipped(place.path))
+    message += " (the archive's entry was skipped: " + *reason + ")";
   p::fail(p::ErrorCode::ResourceNotFound, place.location, context, message);
 }
 
 void ProviderCore::requireWritable(p::StorageIRI const& location, p::Operation op) {
   if (!format->writable())
-    p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op),
-            fl::i18n::to_utf8(scheme) + " archives are read only");
+    p::fail(p::ErrorCode::ReadOnlyProvider, location, key(op), fl::i18n::to_utf8(scheme) + " archives are read only");
   // A change to an archive inside a read-only archive could never be committed: it is
   // refused now rather than lost later.
   ProviderCore* core = this;

@@ -6,8 +6,8 @@
 #include "archive_format.hpp"
 
 #include <foundation/storage/provider/operation.hpp>
-#include <foundation/storage/providers/common/change_subscriptions.hpp>
 #include <foundation/storage/providers/archive/archive_provider.hpp>
+#include <foundation/storage/providers/common/change_subscriptions.hpp>
 
 #include <atomic>
 #include <map>
@@ -26,8 +26,8 @@ struct Archive {
   std::shared_ptr<std::mutex> const lock = std::make_shared<std::mutex>();
   bool loaded = false;
   bool exists = false;
-  bool dirty = false;                 ///< changes wait for a commit
-  std::size_t openWriters = 0;        ///< in-place write streams on the tree's contents
+  bool dirty = false;                    ///< changes wait for a commit
+  std::size_t openWriters = 0;           ///< in-place write streams on the tree's contents
   std::optional<p::FileAttributes> seen; ///< the file's attributes when it was read
   std::unique_ptr<Tree> tree;
   std::shared_ptr<ArchiveReader> reader;

@@ -137,7 +137,8 @@ std::size_t Content::read(std::uint64_t at, char* s, std::size_t n) const {
     std::uint64_t const position = at + done;
     std::uint64_t const slot = slots_[position / SpillFile::SlotSize];
     std::uint64_t const within = position % SpillFile::SlotSize;
-    std::size_t const step = static_cast<std::size_t>(std::min<std::uint64_t>(total - done, SpillFile::SlotSize - within));
+    std::size_t const step =
+        static_cast<std::size_t>(std::min<std::uint64_t>(total - done, SpillFile::SlotSize - within));
     if (slot == None)
       std::memset(s + done, 0, step);
     else
@@ -168,7 +169,8 @@ void Content::resize(std::uint64_t size) {
     std::uint64_t const within = size % SpillFile::SlotSize;
     std::size_t const kept = static_cast<std::size_t>((size + SpillFile::SlotSize - 1) / SpillFile::SlotSize);
     if (within != 0 && slots_[kept - 1] != None) {
-      std::uint64_t const dirtyEnd = std::min<std::uint64_t>(SpillFile::SlotSize, size_ - (kept - 1) * SpillFile::SlotSize);
+      std::uint64_t const dirtyEnd =
+          std::min<std::uint64_t>(SpillFile::SlotSize, size_ - (kept - 1) * SpillFile::SlotSize);
       std::vector<char> const zeros(static_cast<std::size_t>(dirtyEnd - within));
       spill_->write(slots_[kept - 1] + within, zeros.data(), zeros.size());
     }

@@ -13,8 +13,8 @@
 #include <map>
 #include <mutex>
 #include <set>
-#include <utility>
 #include <sys/stat.h>
+#include <utility>
 
 namespace foundation::storage::providers::archive::detail {
 
@@ -91,7 +91,8 @@ private:
     auto& self = *static_cast<TarInput*>(state);
     try {
       *buffer = self.buffer_.data();
-      return static_cast<la_ssize_t>(self.stream_->read(self.buffer_.data(), static_cast<std::streamsize>(self.buffer_.size())));
+      return static_cast<la_ssize_t>(
+          self.stream_->read(self.buffer_.data(), static_cast<std::streamsize>(self.buffer_.size())));
     } catch (...) {
       self.failure_ = std::current_exception();
       return ARCHIVE_FATAL;
@@ -102,7 +103,8 @@ private:
     try {
       // Never past the end, so that a truncated archive shows as one.
       auto const position = static_cast<std::uint64_t>(self.stream_->seek(0, std::ios_base::cur));
-      auto const skipped = std::min<std::uint64_t>(static_cast<std::uint64_t>(request), self.size_ - std::min(position, self.size_));
+      auto const skipped =
+          std::min<std::uint64_t>(static_cast<std::uint64_t>(request), self.size_ - std::min(position, self.size_));
       self.stream_->seek(static_cast<std::streamoff>(skipped), std::ios_base::cur);
       return static_cast<la_int64_t>(skipped);
     } catch (...) {
@@ -171,7 +173,8 @@ public:
     try {
       if (!input_) input_ = std::make_unique<TarInput>(file);
       for (; at <= index; ++at)
-        if (!input_->next()) p::raise(p::ByteStreamReadFailure("the entry is gone from the archive", p::ErrorCode::IOError));
+        if (!input_->next())
+          p::raise(p::ByteStreamReadFailure("the entry is gone from the archive", p::ErrorCode::IOError));
     } catch (p::Exception const& failure) {
       p::raise(p::ByteStreamReadFailure(failure.what(), failure.getErrorCode()));
     }
@@ -321,9 +324,9 @@ public:
 
   std::shared_ptr<ArchiveReader> open(p::StorageItem const& file, std::vector<RawEntry>& entries) override {
     TarInput input(file);
-    std::map<std::string, Linkable> linkable;        // by normalized name, for hard links
-    std::map<std::string, std::size_t> latest;       // by normalized name: its last entry so far
-    std::vector<bool> dropped;                       // folders that a later entry repeats
+    std::map<std::string, Linkable> linkable;  // by normalized name, for hard links
+    std::map<std::string, std::size_t> latest; // by normalized name: its last entry so far
+    std::vector<bool> dropped;                 // folders that a later entry repeats
     std::set<std::uint64_t> sparse;
     std::uint64_t index = 0;
     for (;; ++index) {
@@ -360,8 +363,10 @@ public:
         auto [earlier, first] = latest.try_emplace(key, entries.size());
         if (!first) {
           RawEntry& previous = entries[earlier->second];
-          if (previous.folder && entry.folder) dropped[earlier->second] = true;
-          else if (previous.problem.empty()) previous.problem = "a later entry of the same name replaces it";
+          if (previous.folder && entry.folder)
+            dropped[earlier->second] = true;
+          else if (previous.problem.empty())
+            previous.problem = "a later entry of the same name replaces it";
           earlier->second = entries.size();
         }
         if (!entry.folder) linkable[key] = {entry.ref, entry.symlink, entry.linkTarget};

@@ -199,14 +199,13 @@ zip_int64_t ZipReader::callback(void* state, void* data, zip_uint64_t length, zi
   auto& self = *static_cast<ZipReader*>(state);
   try {
     switch (command) {
-    case ZIP_SOURCE_OPEN:
-      self.position_ = 0;
-      return 0;
+    case ZIP_SOURCE_OPEN: self.position_ = 0; return 0;
     case ZIP_SOURCE_READ: {
       self.stream_->seek(static_cast<std::streamoff>(self.position_), std::ios_base::beg);
       zip_uint64_t done = 0;
       while (done < length) {
-        auto const got = self.stream_->read(static_cast<char*>(data) + done, static_cast<std::streamsize>(length - done));
+        auto const got =
+            self.stream_->read(static_cast<char*>(data) + done, static_cast<std::streamsize>(length - done));
         if (got <= 0) break;
         done += static_cast<zip_uint64_t>(got);
       }
@@ -214,7 +213,8 @@ zip_int64_t ZipReader::callback(void* state, void* data, zip_uint64_t length, zi
       return static_cast<zip_int64_t>(done);
     }
     case ZIP_SOURCE_SEEK: {
-      zip_int64_t const target = zip_source_seek_compute_offset(self.position_, self.size_, data, length, &self.failure_.error);
+      zip_int64_t const target =
+          zip_source_seek_compute_offset(self.position_, self.size_, data, length, &self.failure_.error);
       if (target < 0) return -1;
       self.position_ = static_cast<zip_uint64_t>(target);
       return 0;
@@ -235,9 +235,7 @@ zip_int64_t ZipReader::callback(void* state, void* data, zip_uint64_t length, zi
       return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT,
                                             ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL,
                                             ZIP_SOURCE_SUPPORTS, -1);
-    default:
-      zip_error_set(&self.failure_.error, ZIP_ER_OPNOTSUPP, 0);
-      return -1;
+    default: zip_error_set(&self.failure_.error, ZIP_ER_OPNOTSUPP, 0); return -1;
     }
   } catch (...) {
     return self.failure_.caught(ZIP_ER_READ);

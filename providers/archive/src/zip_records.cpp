@@ -54,8 +54,8 @@ Zip64Values zip64ValuesOf(std::string const& central) {
 } // namespace
 
 std::uint16_t get16(std::string const& bytes, std::size_t at) {
-  return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[at]) |
-                                    static_cast<unsigned char>(bytes[at + 1]) << 8);
+  return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[at]) | static_cast<unsigned char>(bytes[at + 1])
+                                                                                << 8);
 }
 std::uint32_t get32(std::string const& bytes, std::size_t at) {
   return get16(bytes, at) | static_cast<std::uint32_t>(get16(bytes, at + 2)) << 16;
@@ -108,7 +108,8 @@ StoredDirectory readStoredDirectory(ReadBytes const& read, std::uint64_t size) {
   }
   if (!end) unreadable("no end record");
   StoredDirectory directory;
-  directory.comment = tail.substr(*end + EndFixed, std::min<std::size_t>(get16(tail, *end + 20), tailSize - *end - EndFixed));
+  directory.comment =
+      tail.substr(*end + EndFixed, std::min<std::size_t>(get16(tail, *end + 20), tailSize - *end - EndFixed));
   std::uint64_t count = get16(tail, *end + 10);
   std::uint64_t cdSize = get32(tail, *end + 12);
   std::uint64_t cdOffset = get32(tail, *end + 16);
@@ -207,7 +208,8 @@ std::string withLocalOffset(std::string const& central, std::uint64_t offset) {
     extra += field;
   }
   if (extra.size() > 0xFFFF)
-    p::raise(p::ByteStreamWriteFailure("an entry's extra fields cannot grow to hold its offset", p::ErrorCode::IOError));
+    p::raise(
+        p::ByteStreamWriteFailure("an entry's extra fields cannot grow to hold its offset", p::ErrorCode::IOError));
   return withNameAndExtra(out, CentralFixed, CentralNameLength, entry.name(), extra);
 }
 

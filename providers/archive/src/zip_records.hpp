@@ -12,15 +12,14 @@ namespace foundation::storage::providers::archive::detail {
 
 namespace zipfield {
 // Offsets of fields in a central directory record and a local header.
-inline constexpr std::size_t CentralFlags = 8, CentralTime = 12, CentralCompressedSize = 20,
-                             CentralSize = 24, CentralNameLength = 28, CentralExtraLength = 30,
-                             CentralCommentLength = 32, CentralDisk = 34, CentralAttributes = 38,
-                             CentralOffset = 42, CentralFixed = 46;
+inline constexpr std::size_t CentralFlags = 8, CentralTime = 12, CentralCompressedSize = 20, CentralSize = 24,
+                             CentralNameLength = 28, CentralExtraLength = 30, CentralCommentLength = 32,
+                             CentralDisk = 34, CentralAttributes = 38, CentralOffset = 42, CentralFixed = 46;
 inline constexpr std::size_t LocalFlags = 6, LocalTime = 10, LocalNameLength = 26, LocalExtraLength = 28,
                              LocalFixed = 30;
 inline constexpr std::uint32_t CentralSignature = 0x02014b50, LocalSignature = 0x04034b50,
-                               DescriptorSignature = 0x08074b50, EndSignature = 0x06054b50,
-                               End64Signature = 0x06064b50, End64LocatorSignature = 0x07064b50;
+                               DescriptorSignature = 0x08074b50, EndSignature = 0x06054b50, End64Signature = 0x06064b50,
+                               End64LocatorSignature = 0x07064b50;
 inline constexpr std::uint16_t Zip64Extra = 0x0001, TimestampExtra = 0x5455;
 inline constexpr std::uint16_t DescriptorFlag = 0x0008, Utf8Flag = 0x0800;
 } // namespace zipfield

@@ -220,9 +220,8 @@ private:
   /// What lies before the first entry (the program of a self-extracting archive) stays.
   void copyLeadingBytes() {
     if (old_.entries.empty()) return;
-    auto const first = std::min_element(old_.entries.begin(), old_.entries.end(), [](auto const& a, auto const& b) {
-      return a.localOffset < b.localOffset;
-    });
+    auto const first = std::min_element(old_.entries.begin(), old_.entries.end(),
+                                        [](auto const& a, auto const& b) { return a.localOffset < b.localOffset; });
     copyOld(0, first->localOffset);
   }
 
@@ -473,9 +472,9 @@ void writeZip(p::StorageItem const& file, Tree const& tree, ZipReader* previous,
   try {
     StoredDirectory old;
     if (previous && previous->archive) {
-      old = readStoredDirectory([previous](std::uint64_t offset, char* data,
-                                           std::size_t n) { previous->readBytes(offset, data, n); },
-                                previous->fileSize());
+      old = readStoredDirectory(
+          [previous](std::uint64_t offset, char* data, std::size_t n) { previous->readBytes(offset, data, n); },
+          previous->fileSize());
       if (static_cast<zip_int64_t>(old.entries.size()) != zip_get_num_entries(previous->archive, ZIP_FL_UNCHANGED))
         cannotWrite("the archive's directory lists other entries than were read");
     }

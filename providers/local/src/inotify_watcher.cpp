@@ -175,7 +175,9 @@ struct InotifyWatcher::Impl {
   void open(p::StorageIRI const& location) {
     if (fd >= 0) return;
     fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0) p::raise(p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno)));
+    if (fd < 0)
+      p::raise(
+          p::ChangeEventsNotSupportedException(location, "inotify_init1: " + std::generic_category().message(errno)));
     if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0)
       p::raise(p::ChangeEventsNotSupportedException(location, "pipe2: " + std::generic_category().message(errno)));
   }
@@ -248,8 +250,10 @@ struct InotifyWatcher::Impl {
         continue; // a name that is not UTF-8 has no location
       }
       boost::property_tree::ptree extra;
-      if (!renamedFrom.empty()) extra.put("renamedFrom", p::toStorageIRI(u"file", fl::filesystem::path(renamedFrom)).toIRI());
-      out.push_back({s, kind, std::move(item), folder ? events::EntryType::Folder : events::EntryType::File, std::move(extra)});
+      if (!renamedFrom.empty())
+        extra.put("renamedFrom", p::toStorageIRI(u"file", fl::filesystem::path(renamedFrom)).toIRI());
+      out.push_back(
+          {s, kind, std::move(item), folder ? events::EntryType::Folder : events::EntryType::File, std::move(extra)});
     }
   }
 
@@ -337,8 +341,11 @@ struct InotifyWatcher::Impl {
       auto deliver = [&](events::Kind kind, std::string const& path, bool folder) {
         if (!s->wants(kind) || isTemporaryName(path)) return;
         try {
-          out.push_back({s, kind, p::toStorageIRI(u"file", fl::filesystem::path(path)),
-                         folder ? events::EntryType::Folder : events::EntryType::File, {}});
+          out.push_back({s,
+                         kind,
+                         p::toStorageIRI(u"file", fl::filesystem::path(path)),
+                         folder ? events::EntryType::Folder : events::EntryType::File,
+                         {}});
         } catch (p::Exception const&) {
         }
       };
@@ -477,7 +484,8 @@ void InotifyWatcher::watch(p::StorageIRI const& location, std::string const& pat
     }
     if (error != 0) {
       impl_->pruneWatches();
-      p::raise(p::ChangeEventsSubscriptionException(location, "inotify_add_watch: " + std::generic_category().message(error)));
+      p::raise(p::ChangeEventsSubscriptionException(location,
+                                                    "inotify_add_watch: " + std::generic_category().message(error)));
     }
   }
   // Snapshot after the watches are in place: a change in between is seen by both.
@@ -510,7 +518,8 @@ InotifyWatcher::~InotifyWatcher() = default;
 
 void InotifyWatcher::watch(provider::StorageIRI const& location, std::string const&, bool, bool,
                            provider::ChangeCallback, std::vector<events::Kind>) {
-  provider::raise(provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead"));
+  provider::raise(
+      provider::ChangeEventsNotSupportedException(location, "native change events need inotify; poll instead"));
 }
 
 void InotifyWatcher::unwatch(provider::StorageIRI const&) {}

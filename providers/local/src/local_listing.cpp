@@ -9,8 +9,8 @@
 
 #include <cerrno>
 #include <exception>
-#include <memory>
 #include <fcntl.h>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -37,7 +37,9 @@ bool isSkippable(int error) noexcept {
 /// The folder's entries.
 int readEntries(int dirfd, std::vector<RawEntry>& entries) noexcept {
   try {
-    return readDirectory(dirfd, [&](std::string_view name, EntryKind kind) { entries.push_back({std::string(name), kind}); });
+    return readDirectory(dirfd, [&](std::string_view name, EntryKind kind) {
+      entries.push_back({std::string(name), kind});
+    });
   } catch (std::bad_alloc const&) {
     return ENOMEM;
   }
@@ -242,7 +244,7 @@ private:
     bool symlink = false;
     EntryKind kind = record.kind;
     pendingWalkInto_ = false;
-    if (kind == EntryKind::Unknown) { // file systems without d_type
+    if (kind == EntryKind::Unknown) {                               // file systems without d_type
       if (statAt(dirfd, record.name, st, false) != 0) return false; // vanished meanwhile
       kind = kindFromMode(st.st_mode);
       haveStat = kind != EntryKind::Symlink;
@@ -278,10 +280,10 @@ private:
   mutable FolderDescent descent_;
   mutable std::vector<char, UninitialisedAllocator<char>> bytes_;
   mutable std::vector<Level> levels_;
-  mutable std::u16string path_; ///< of the entry being looked at
-  p::FolderEntry current_{u"", true}; ///< lent by current()
+  mutable std::u16string path_;               ///< of the entry being looked at
+  p::FolderEntry current_{u"", true};         ///< lent by current()
   mutable p::FolderEntry pending_{u"", true}; ///< read ahead by hasNext; swapped with current_ by next
-  mutable bool pendingWalkInto_ = false;     ///< pending_ is a folder, not a link to one
+  mutable bool pendingWalkInto_ = false;      ///< pending_ is a folder, not a link to one
   mutable std::exception_ptr failure_;
   mutable bool lookedAhead_ = false;
   mutable bool havePending_ = false;
@@ -290,8 +292,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, p::ListingRequest const& request, UserIdentity const& user,
-                                                   p::StorageIRI const& location) {
+std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, p::ListingRequest const& request,
+                                                    UserIdentity const& user, p::StorageIRI const& location) {
   return std::make_unique<StreamingCursor>(std::move(folder), request, user, location);
 }
 

@@ -20,8 +20,8 @@ namespace foundation::storage::providers::local::detail {
 /// vanish meanwhile are left out; any other failure (running out of descriptors included)
 /// is the provider Exception for `location` in the name of the request's operation (thrown
 /// by the cursor's `next`), never a shortened listing.
-std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, p::ListingRequest const& request, UserIdentity const& user,
-                                                   p::StorageIRI const& location);
+std::unique_ptr<p::IFolderEntryIterator> listFolder(UniqueFd folder, p::ListingRequest const& request,
+                                                    UserIdentity const& user, p::StorageIRI const& location);
 
 /// Removes the folder `name` of `parent` and everything in it without following symbolic
 /// links: every level is opened relative to its parent (O_NOFOLLOW), so a folder swapped

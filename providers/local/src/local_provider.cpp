@@ -7,7 +7,6 @@
 #include "local_support.hpp"
 #include "posix_calls.hpp"
 
-
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/statvfs.h>
@@ -89,11 +88,14 @@ p::FilenameSensitivity sensitivityOf([[maybe_unused]] std::string const& path) {
 void checkRemovable(int parent, struct stat const& st, UserIdentity const& user, p::StorageIRI const& folder) {
   struct stat holder {};
   if (::fstat(parent, &holder) != 0) failErrno(errno, folder, Operation::RemoveFolderRecursively);
-  if (holder.st_dev != st.st_dev) refuse(ErrorCode::ResourceInUse, folder, Operation::RemoveFolderRecursively, "a mount point");
-  if (::faccessat(parent, ".", W_OK | X_OK, AT_EACCESS) != 0) failErrno(errno, folder, Operation::RemoveFolderRecursively);
+  if (holder.st_dev != st.st_dev)
+    refuse(ErrorCode::ResourceInUse, folder, Operation::RemoveFolderRecursively, "a mount point");
+  if (::faccessat(parent, ".", W_OK | X_OK, AT_EACCESS) != 0)
+    failErrno(errno, folder, Operation::RemoveFolderRecursively);
   bool const sticky = (holder.st_mode & S_ISVTX) != 0;
   if (sticky && user.uid != 0 && st.st_uid != user.uid && holder.st_uid != user.uid)
-    refuse(ErrorCode::PermissionDenied, folder, Operation::RemoveFolderRecursively, "the folder belongs to someone else");
+    refuse(ErrorCode::PermissionDenied, folder, Operation::RemoveFolderRecursively,
+           "the folder belongs to someone else");
 }
 
 } // namespace
@@ -131,9 +133,11 @@ p::StorageIRI LocalProvider::getCanonicalLocation(p::StorageIRI const& location)
 p::ExistsResult LocalProvider::exists(p::StorageIRI const& location) {
   std::string const path = pathOf(location, Operation::Exists);
   struct stat st {};
-  if (statIfPresent(path, st, location, Operation::Exists)) return S_ISDIR(st.st_mode) ? p::ExistsResult::Folder : p::ExistsResult::File;
+  if (statIfPresent(path, st, location, Operation::Exists))
+    return S_ISDIR(st.st_mode) ? p::ExistsResult::Folder : p::ExistsResult::File;
   // A broken link is an entry, though not one to open.
-  return statIfPresent(path, st, location, Operation::Exists, false) ? p::ExistsResult::File : p::ExistsResult::NotFound;
+  return statIfPresent(path, st, location, Operation::Exists, false) ? p::ExistsResult::File
+                                                                     : p::ExistsResult::NotFound;
 }
 
 p::ExtendedExistsResult LocalProvider::existsExtended(p::StorageIRI const& location) {
@@ -151,11 +155,13 @@ p::ExtendedExistsResult LocalProvider::existsExtended(p::StorageIRI const& locat
 p::FileAttributes LocalProvider::getFileAttributes(p::StorageIRI const& file) {
   std::string const path = pathOf(file, Operation::GetFileAttributes);
   struct stat st {};
-  if (!statIfPresent(path, st, file, Operation::GetFileAttributes, false)) refuse(ErrorCode::ResourceNotFound, file, Operation::GetFileAttributes, "no such file");
+  if (!statIfPresent(path, st, file, Operation::GetFileAttributes, false))
+    refuse(ErrorCode::ResourceNotFound, file, Operation::GetFileAttributes, "no such file");
   bool const symlink = S_ISLNK(st.st_mode);
   if (symlink && !statIfPresent(path, st, file, Operation::GetFileAttributes))
     refuse(ErrorCode::ResourceNotFound, file, Operation::GetFileAttributes, "a broken symbolic link");
-  if (S_ISDIR(st.st_mode)) refuse(ErrorCode::ResourceNotFound, file, Operation::GetFileAttributes, "a folder, not a file");
+  if (S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, file, Operation::GetFileAttributes, "a folder, not a file");
   return fileAttributes(st, baseName(path), symlink, *user_);
 }
 
@@ -181,7 +187,8 @@ p::ExtendedAttributes LocalProvider::getExtendedAttributes(p::StorageIRI const& 
 }
 
 void LocalProvider::setLastModified(p::StorageIRI const& location, boost::posix_time::ptime const& time) {
-  if (time.is_special()) refuse(ErrorCode::InvalidLocation, location, Operation::SetLastModified, "not a point in time");
+  if (time.is_special())
+    refuse(ErrorCode::InvalidLocation, location, Operation::SetLastModified, "not a point in time");
   std::string const path = pathOf(location, Operation::SetLastModified);
   // Setting both times (the access time to what it is) makes this an attribute change for
   // watchers; setting the modification time alone reads as a change of contents.
@@ -194,7 +201,8 @@ void LocalProvider::setLastModified(p::StorageIRI const& location, boost::posix_
 void LocalProvider::setWritable(p::StorageIRI const& location, bool writable) {
   std::string const path = pathOf(location, Operation::SetWritable);
   struct stat st {};
-  if (!statIfPresent(path, st, location, Operation::SetWritable)) refuse(ErrorCode::ResourceNotFound, location, Operation::SetWritable, "no such file or folder");
+  if (!statIfPresent(path, st, location, Operation::SetWritable))
+    refuse(ErrorCode::ResourceNotFound, location, Operation::SetWritable, "no such file or folder");
   // Making writable gives the owner write access; making read-only takes it from everyone.
   mode_t const mode = writable ? (st.st_mode | S_IWUSR) : (st.st_mode & ~mode_t{0222});
   if (::chmod(path.c_str(), mode & 07777) != 0) failErrno(errno, location, Operation::SetWritable);
@@ -225,7 +233,8 @@ void LocalProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t size
   if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0) failErrno(errno, file, Operation::TruncateToSize);
 }
 
-std::unique_ptr<p::ByteStream> LocalProvider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::ByteStream> LocalProvider::doOpenStream(p::StorageIRI const& file,
+                                                           p::ByteStreamOpenOptions const& options) {
   std::string const path = pathOf(file, Operation::OpenStream);
   bool const readable = options.access == p::ByteStreamAccess::ReadWrite;
   int flags = O_CLOEXEC | (readable ? O_RDWR : O_WRONLY);
@@ -243,46 +252,53 @@ std::unique_ptr<p::ByteStream> LocalProvider::openReadOnlyStream(p::StorageIRI c
   UniqueFd opened(fd);
   struct stat st {};
   if (::fstat(fd, &st) != 0) failErrno(errno, file, Operation::OpenReadOnlyStream);
-  if (S_ISDIR(st.st_mode)) refuse(ErrorCode::ResourceNotFound, file, Operation::OpenReadOnlyStream, "a folder, not a file");
+  if (S_ISDIR(st.st_mode))
+    refuse(ErrorCode::ResourceNotFound, file, Operation::OpenReadOnlyStream, "a folder, not a file");
   return std::make_unique<LocalByteStream>(std::move(opened), true, false);
 }
 
-std::unique_ptr<p::TransactionalStream> LocalProvider::doOpenTransactionalStream(p::StorageIRI const& file,
-                                                                               p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::TransactionalStream>
+LocalProvider::doOpenTransactionalStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   Placement at = place(pathOf(file, Operation::OpenTransactionalStream), file, Operation::OpenTransactionalStream);
   struct stat target {};
   int const missing = statAt(at.folder.get(), at.name.c_str(), target, true);
   if (missing == 0) {
-    if (S_ISDIR(target.st_mode)) refuse(ErrorCode::ResourceNotFound, file, Operation::OpenTransactionalStream, "a folder, not a file");
-    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0) failErrno(errno, file, Operation::OpenTransactionalStream);
+    if (S_ISDIR(target.st_mode))
+      refuse(ErrorCode::ResourceNotFound, file, Operation::OpenTransactionalStream, "a folder, not a file");
+    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0)
+      failErrno(errno, file, Operation::OpenTransactionalStream);
   } else if (missing != ENOENT || options.create == p::ByteStreamCreate::MustExist) {
     failErrno(missing, file, Operation::OpenTransactionalStream);
   }
   UniqueFd temporary;
   std::string temporaryName;
-  if (int error = openTemporaryFile(at.folder.get(), 0666, temporary, temporaryName)) failErrno(error, file, Operation::OpenTransactionalStream);
+  if (int error = openTemporaryFile(at.folder.get(), 0666, temporary, temporaryName))
+    failErrno(error, file, Operation::OpenTransactionalStream);
   TemporaryFileGuard guard{at.folder.get(), temporaryName};
   if (missing == 0 && options.truncate == p::ByteStreamTruncate::Keep) {
     int fd = openAt(at.folder.get(), at.name.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) failErrno(-fd, file, Operation::OpenTransactionalStream);
     UniqueFd old(fd);
-    if (int error = copyContents(old.get(), temporary.get(), static_cast<std::uint64_t>(target.st_size), [](std::uint64_t) {}))
+    if (int error =
+            copyContents(old.get(), temporary.get(), static_cast<std::uint64_t>(target.st_size), [](std::uint64_t) {}))
       failErrno(error, file, Operation::OpenTransactionalStream);
   }
   if (options.append == p::ByteStreamAppend::Append && ::fcntl(temporary.get(), F_SETFL, O_APPEND) != 0)
     failErrno(errno, file, Operation::OpenTransactionalStream);
   guard.dismiss();
-  return std::make_unique<LocalTransactionalStream>(std::move(at.folder), std::move(at.name), std::move(temporary),
-                                                    std::move(temporaryName), file, options_.sync,
-                                                    options.access == p::ByteStreamAccess::ReadWrite,
-                                                    options.create == p::ByteStreamCreate::MustExist);
+  return std::make_unique<LocalTransactionalStream>(
+      std::move(at.folder), std::move(at.name), std::move(temporary), std::move(temporaryName), file, options_.sync,
+      options.access == p::ByteStreamAccess::ReadWrite, options.create == p::ByteStreamCreate::MustExist);
 }
 
-void LocalProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void LocalProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                               p::ReplacementPolicy policy) {
   if (!isLocalLocation(destination))
-    refuse(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile, "the destination is not on the local file system");
+    refuse(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile,
+           "the destination is not on the local file system");
   std::string const from = pathOf(source, Operation::MoveFile), to = pathOf(destination, Operation::MoveFile);
-  struct stat st {}, existing {};
+  struct stat st {
+  }, existing{};
   if (!statIfPresent(from, st, source, Operation::MoveFile, false) || S_ISDIR(st.st_mode))
     refuse(ErrorCode::ResourceNotFound, source, Operation::MoveFile, "no such file");
   if (statIfPresent(to, existing, destination, Operation::MoveFile, false)) {
@@ -292,14 +308,14 @@ void LocalProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const&
       refuse(ErrorCode::ResourceAlreadyExists, destination, Operation::MoveFile, "the destination exists");
   }
   Placement fromAt = place(from, source, Operation::MoveFile), toAt = place(to, destination, Operation::MoveFile);
-  int const error = rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(),
-                           !p::replaces(policy));
+  int const error =
+      rename(fromAt.folder.get(), fromAt.name.c_str(), toAt.folder.get(), toAt.name.c_str(), !p::replaces(policy));
   if (error == EEXIST && policy == p::ReplacementPolicy::KeepExisting) return; // it appeared meanwhile: kept
   if (error != 0) failErrno(error, destination, Operation::MoveFile);
 }
 
 p::CopyResult LocalProvider::doCopyFile(p::StorageIRI const& source, p::StorageItem const& destination,
-                                      p::CopyFileOptions const& options) {
+                                        p::CopyFileOptions const& options) {
   if (destination.getProvider().get() != this) return ProviderBase::doCopyFile(source, destination, options);
   p::StorageIRI const& target = destination.getLocation();
   std::string const from = pathOf(source, Operation::CopyFile), to = pathOf(target, Operation::CopyFile);
@@ -319,14 +335,16 @@ p::CopyResult LocalProvider::doCopyFile(p::StorageIRI const& source, p::StorageI
       refuse(ErrorCode::ResourceAlreadyExists, target, Operation::CopyFile, "the destination exists");
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino)
       refuse(ErrorCode::InvalidLocation, target, Operation::CopyFile, "source and destination are the same file");
-    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0) failErrno(errno, target, Operation::CopyFile);
+    if (::faccessat(at.folder.get(), at.name.c_str(), W_OK, AT_EACCESS) != 0)
+      failErrno(errno, target, Operation::CopyFile);
   }
   // The copy lands all at once and durable: written to a temporary file beside the
   // destination, synced, then renamed over it (or linked, never replacing). A failure
   // leaves the destination as it was.
   UniqueFd out;
   std::string temporaryName;
-  if (int error = openTemporaryFile(at.folder.get(), 0600, out, temporaryName)) failErrno(error, target, Operation::CopyFile);
+  if (int error = openTemporaryFile(at.folder.get(), 0600, out, temporaryName))
+    failErrno(error, target, Operation::CopyFile);
   TemporaryFileGuard guard{at.folder.get(), temporaryName};
   auto const size = static_cast<std::uint64_t>(st.st_size);
   int error = copyContents(in.get(), out.get(), size, [&](std::uint64_t done) {
@@ -347,7 +365,8 @@ p::CopyResult LocalProvider::doCopyFile(p::StorageIRI const& source, p::StorageI
 }
 
 void LocalProvider::createFolder(p::StorageIRI const& folder) {
-  if (::mkdir(pathOf(folder, Operation::CreateFolder).c_str(), 0777) != 0) failErrno(errno, folder, Operation::CreateFolder);
+  if (::mkdir(pathOf(folder, Operation::CreateFolder).c_str(), 0777) != 0)
+    failErrno(errno, folder, Operation::CreateFolder);
 }
 
 void LocalProvider::removeFolder(p::StorageIRI const& folder) {
@@ -365,14 +384,18 @@ void LocalProvider::removeFolderRecursively(p::StorageIRI const& folder) {
     refuse(ErrorCode::ResourceNotFound, folder, Operation::RemoveFolderRecursively, "no such folder");
   Placement at = place(path, folder, Operation::RemoveFolderRecursively); // refuses the root
   checkRemovable(at.folder.get(), st, *user_, folder);
-  if (int error = removeTree(at.folder.get(), at.name.c_str())) failErrno(error, folder, Operation::RemoveFolderRecursively);
+  if (int error = removeTree(at.folder.get(), at.name.c_str()))
+    failErrno(error, folder, Operation::RemoveFolderRecursively);
 }
 
-void LocalProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void LocalProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                 p::ReplacementPolicy policy) {
   if (!isLocalLocation(destination))
-    refuse(ErrorCode::UnsupportedOperation, destination, Operation::MoveFolder, "the destination is not on the local file system");
+    refuse(ErrorCode::UnsupportedOperation, destination, Operation::MoveFolder,
+           "the destination is not on the local file system");
   std::string const from = pathOf(source, Operation::MoveFolder), to = pathOf(destination, Operation::MoveFolder);
-  struct stat st {}, existing {};
+  struct stat st {
+  }, existing{};
   if (!statIfPresent(from, st, source, Operation::MoveFolder) || !S_ISDIR(st.st_mode))
     refuse(ErrorCode::ResourceNotFound, source, Operation::MoveFolder, "no such folder");
   bool const replace = p::replaces(policy);
@@ -391,7 +414,8 @@ p::FilenameSensitivity LocalProvider::getFilenameSensitivity(p::StorageIRI const
   return sensitivityOf(pathOf(location, Operation::GetFilenameSensitivity));
 }
 
-std::unique_ptr<p::IFolderEntryIterator> LocalProvider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+std::unique_ptr<p::IFolderEntryIterator> LocalProvider::list(p::StorageIRI const& folder,
+                                                             p::ListingRequest const& request) {
   int fd = openAt(AT_FDCWD, pathOf(folder, request.operation).c_str(), folderFlags);
   if (fd < 0) failErrno(-fd, folder, request.operation);
   return listFolder(UniqueFd(fd), request, *user_, folder);
@@ -405,7 +429,8 @@ void LocalProvider::shutdownProvider(p::StorageIRI const& location) {
 
 p::StorageInfo LocalProvider::getProviderStorageInfo(p::StorageIRI const& location) {
   struct statvfs vfs {};
-  if (::statvfs(pathOf(location, Operation::GetProviderStorageInfo).c_str(), &vfs) != 0) failErrno(errno, location, Operation::GetProviderStorageInfo);
+  if (::statvfs(pathOf(location, Operation::GetProviderStorageInfo).c_str(), &vfs) != 0)
+    failErrno(errno, location, Operation::GetProviderStorageInfo);
   p::StorageInfo info;
   info.totalBytes = static_cast<std::uint64_t>(vfs.f_blocks) * vfs.f_frsize;
   info.freeBytes = static_cast<std::uint64_t>(vfs.f_bfree) * vfs.f_frsize;

@@ -24,7 +24,8 @@ LocalByteStream::LocalByteStream(UniqueFd fd, bool canRead, bool canWrite)
     : fd_(std::move(fd)), canRead_(canRead), canWrite_(canWrite) {}
 
 std::streamsize LocalByteStream::doRead(char* s, std::streamsize n) {
-  if (!canRead_) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
+  if (!canRead_)
+    p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   for (;;) {
     ssize_t got = ::read(fd_.get(), s, static_cast<std::size_t>(n));
     if (got >= 0) return got;
@@ -33,7 +34,8 @@ std::streamsize LocalByteStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize LocalByteStream::doWrite(char const* s, std::streamsize n) {
-  if (!canWrite_) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
+  if (!canWrite_)
+    p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
   if (int error = writeAll(fd_.get(), s, static_cast<std::size_t>(n))) streamFailure<p::ByteStreamWriteFailure>(error);
   return n;
 }
@@ -91,7 +93,8 @@ void LocalTransactionalStream::commit(bool replace) {
   if (missing == 0) {
     // The new contents keep the old file's permissions (and owner, where we may set it).
     if (::fchmod(fd, target.st_mode & 07777) != 0) failErrno(errno, location_, op);
-    if (::fchown(fd, target.st_uid, target.st_gid) != 0) { /* only the superuser may; not an error */ }
+    if (::fchown(fd, target.st_uid, target.st_gid) != 0) { /* only the superuser may; not an error */
+    }
   }
   if (int error = commitTemporaryFile(fd, folder_.get(), temporaryName_, targetName_.c_str(), replace, sync_)) {
     discard();

@@ -100,7 +100,8 @@ p::FileAttributes fileAttributes(struct stat const& st, std::string_view name, b
                            isHiddenName(name), symlink);
 }
 
-p::FolderAttributes folderAttributes(struct stat const& st, std::string_view name, bool symlink, UserIdentity const& user) {
+p::FolderAttributes folderAttributes(struct stat const& st, std::string_view name, bool symlink,
+                                     UserIdentity const& user) {
   return p::FolderAttributes(toPtime(modificationTime(st)), user.canWrite(st), isHiddenName(name), symlink);
 }
 

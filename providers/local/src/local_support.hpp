@@ -55,7 +55,8 @@ timespec toTimespec(boost::posix_time::ptime const& time);
 bool isHiddenName(std::string_view name) noexcept;
 
 p::FileAttributes fileAttributes(struct stat const& st, std::string_view name, bool symlink, UserIdentity const& user);
-p::FolderAttributes folderAttributes(struct stat const& st, std::string_view name, bool symlink, UserIdentity const& user);
+p::FolderAttributes folderAttributes(struct stat const& st, std::string_view name, bool symlink,
+                                     UserIdentity const& user);
 p::ExtendedAttributes extendedAttributes(struct stat const& st, bool symlink);
 
 /// Appends a file name as UTF-16 to `out`; false, with `out` unchanged, when the name is not

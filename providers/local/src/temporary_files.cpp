@@ -89,9 +89,7 @@ bool leftAloneLongEnough(struct stat const& st) {
 
 } // namespace
 
-bool isTemporaryFileName(std::string_view name) noexcept {
-  return name.starts_with(".vfs-") && name.ends_with(".tmp");
-}
+bool isTemporaryFileName(std::string_view name) noexcept { return name.starts_with(".vfs-") && name.ends_with(".tmp"); }
 
 int openTemporaryFile(int dirfd, mode_t mode, UniqueFd& fd, std::string& name) noexcept {
 #if defined(O_TMPFILE)
@@ -140,7 +138,8 @@ bool removeIfStale(int dirfd, char const* name) noexcept {
   int fd = openAt(dirfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return false;
   UniqueFd file(fd);
-  struct stat opened {}, named {};
+  struct stat opened {
+  }, named{};
   if (::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode) || !leftAloneLongEnough(opened)) return false;
   if (lockExclusively(fd, false) != 0) return false; // a live writer holds it
   // Still the file that was judged, not one that took its name meanwhile.

@@ -3,7 +3,6 @@
 #include "memory_streams.hpp"
 #include "memory_tree.hpp"
 
-
 #include <fl/i18n/i18n.hpp>
 
 namespace foundation::storage::providers::memory {
@@ -173,7 +172,8 @@ void MemoryProvider::truncateToSize(p::StorageIRI const& file, std::uint64_t siz
   }
 }
 
-std::unique_ptr<p::ByteStream> MemoryProvider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::ByteStream> MemoryProvider::doOpenStream(p::StorageIRI const& file,
+                                                            p::ByteStreamOpenOptions const& options) {
   Names names = tree_->namesOf(file, Operation::OpenStream);
   NodePtr node;
   bool truncated = false;
@@ -201,7 +201,8 @@ std::unique_ptr<p::ByteStream> MemoryProvider::doOpenStream(p::StorageIRI const&
       truncated = true;
     }
   }
-  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
+  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true,
+                  options.append == p::ByteStreamAppend::Append};
   return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, mode, truncated);
 }
 
@@ -215,31 +216,36 @@ std::unique_ptr<p::ByteStream> MemoryProvider::openReadOnlyStream(p::StorageIRI 
   return std::make_unique<MemoryByteStream>(tree_, std::move(node), file, StreamMode{true, false, false});
 }
 
-std::unique_ptr<p::TransactionalStream> MemoryProvider::doOpenTransactionalStream(p::StorageIRI const& file,
-                                                                                p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::TransactionalStream>
+MemoryProvider::doOpenTransactionalStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   Names names = tree_->namesOf(file, Operation::OpenTransactionalStream);
   std::vector<char> initial;
   {
     ReadLock lock(tree_->mutex);
     NodePtr node = tree_->find(names);
-    if (node && node->folder) fail(ErrorCode::ResourceNotFound, file, Operation::OpenTransactionalStream, "a folder, not a file");
+    if (node && node->folder)
+      fail(ErrorCode::ResourceNotFound, file, Operation::OpenTransactionalStream, "a folder, not a file");
     if (!node) {
       if (options.create == p::ByteStreamCreate::MustExist)
         fail(ErrorCode::ResourceNotFound, file, Operation::OpenTransactionalStream, "no such file");
       writableParent(*tree_, names, file, Operation::OpenTransactionalStream);
     } else {
-      if (!node->writable) fail(ErrorCode::PermissionDenied, file, Operation::OpenTransactionalStream, "the file is read-only");
+      if (!node->writable)
+        fail(ErrorCode::PermissionDenied, file, Operation::OpenTransactionalStream, "the file is read-only");
       if (options.truncate == p::ByteStreamTruncate::Keep) initial = *node->content;
     }
   }
-  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true, options.append == p::ByteStreamAppend::Append};
+  StreamMode mode{options.access == p::ByteStreamAccess::ReadWrite, true,
+                  options.append == p::ByteStreamAppend::Append};
   return std::make_unique<MemoryTransactionalStream>(tree_, file, std::move(initial), mode,
                                                      options.create == p::ByteStreamCreate::MustExist);
 }
 
-void MemoryProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void MemoryProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                p::ReplacementPolicy policy) {
   if (!tree_->serves(destination))
-    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile, "the destination is not in this memory provider");
+    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile,
+         "the destination is not in this memory provider");
   Names from = tree_->namesOf(source, Operation::MoveFile);
   Names to = tree_->namesOf(destination, Operation::MoveFile);
   {
@@ -264,7 +270,7 @@ void MemoryProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const
 }
 
 p::CopyResult MemoryProvider::doCopyFile(p::StorageIRI const& source, p::StorageItem const& destination,
-                                       p::CopyFileOptions const& options) {
+                                         p::CopyFileOptions const& options) {
   p::StorageIRI const& target = destination.getLocation();
   if (destination.getProvider().get() != this) return ProviderBase::doCopyFile(source, destination, options);
   Names from = tree_->namesOf(source, Operation::CopyFile);
@@ -282,7 +288,8 @@ p::CopyResult MemoryProvider::doCopyFile(p::StorageIRI const& source, p::Storage
         fail(ErrorCode::ResourceAlreadyExists, target, Operation::CopyFile, "the destination exists");
       if (existingTarget == node)
         fail(ErrorCode::InvalidLocation, target, Operation::CopyFile, "source and destination are the same file");
-      if (!existingTarget->writable) fail(ErrorCode::PermissionDenied, target, Operation::CopyFile, "the destination is read-only");
+      if (!existingTarget->writable)
+        fail(ErrorCode::PermissionDenied, target, Operation::CopyFile, "the destination is read-only");
       tree_->account(*existingTarget, existingTarget->content->size(), size, target);
       existingTarget->content = std::make_shared<std::vector<char>>(*node->content);
       existingTarget->modified = Tree::now();
@@ -306,7 +313,8 @@ void MemoryProvider::createFolder(p::StorageIRI const& folder) {
   {
     WriteScope scope(*tree_);
     auto& changes = scope.changes;
-    if (tree_->find(names)) fail(ErrorCode::ResourceAlreadyExists, folder, Operation::CreateFolder, "it exists already");
+    if (tree_->find(names))
+      fail(ErrorCode::ResourceAlreadyExists, folder, Operation::CreateFolder, "it exists already");
     NodePtr parent = writableParent(*tree_, names, folder, Operation::CreateFolder);
     parent->children.emplace(tree_->key(names.back()), std::make_shared<Node>(true, names.back()));
     parent->modified = Tree::now();
@@ -322,14 +330,18 @@ void MemoryProvider::createFolderRecursive(p::StorageIRI const& folder) {
   for (; level < names.size(); ++level) {
     auto it = node->children.find(tree_->key(names[level]));
     if (it == node->children.end()) break;
-    if (!it->second->folder) fail(ErrorCode::ResourceAlreadyExists, folder, Operation::CreateFolderRecursive, "a file is in the way");
+    if (!it->second->folder)
+      fail(ErrorCode::ResourceAlreadyExists, folder, Operation::CreateFolderRecursive, "a file is in the way");
     node = it->second;
   }
   if (level == names.size()) return;
-  if (!node->writable) fail(ErrorCode::PermissionDenied, folder, Operation::CreateFolderRecursive, "a folder is read-only");
+  if (!node->writable)
+    fail(ErrorCode::PermissionDenied, folder, Operation::CreateFolderRecursive, "a folder is read-only");
   // Each level's location grows from its parent's: asking the tree for every level afresh
   // would walk the chain once per level.
-  p::StorageIRI location = scope.watched ? tree_->canonical(Names(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(level))) : p::StorageIRI();
+  p::StorageIRI location =
+      scope.watched ? tree_->canonical(Names(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(level)))
+                    : p::StorageIRI();
   node->modified = Tree::now();
   for (; level < names.size(); ++level) {
     auto created = std::make_shared<Node>(true, names[level]);
@@ -347,7 +359,8 @@ void MemoryProvider::removeFolder(p::StorageIRI const& folder) {
   {
     WriteScope scope(*tree_);
     NodePtr node = existingFolder(*tree_, names, folder, Operation::RemoveFolder);
-    if (!node->children.empty()) fail(ErrorCode::FolderNotEmpty, folder, Operation::RemoveFolder, "the folder is not empty");
+    if (!node->children.empty())
+      fail(ErrorCode::FolderNotEmpty, folder, Operation::RemoveFolder, "the folder is not empty");
     NodePtr parent = writableParent(*tree_, names, folder, Operation::RemoveFolder);
     p::StorageIRI location = tree_->canonical(names);
     parent->children.erase(tree_->key(names.back()));
@@ -372,21 +385,25 @@ void MemoryProvider::removeFolderRecursively(p::StorageIRI const& folder) {
   }
 }
 
-void MemoryProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void MemoryProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                  p::ReplacementPolicy policy) {
   if (!tree_->serves(destination))
-    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFolder, "the destination is not in this memory provider");
+    fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFolder,
+         "the destination is not in this memory provider");
   Names from = tree_->namesOf(source, Operation::MoveFolder);
   Names to = tree_->namesOf(destination, Operation::MoveFolder);
   {
     WriteScope scope(*tree_);
     auto& changes = scope.changes;
     NodePtr node = existingFolder(*tree_, from, source, Operation::MoveFolder);
-    if (from.empty()) fail(ErrorCode::InvalidLocation, source, Operation::MoveFolder, "the root folder cannot be moved");
+    if (from.empty())
+      fail(ErrorCode::InvalidLocation, source, Operation::MoveFolder, "the root folder cannot be moved");
     NodePtr target = tree_->find(to);
     if (target == node && node->name == to.back()) return;
     bool inside = to.size() > from.size();
     for (std::size_t i = 0; inside && i < from.size(); ++i) inside = tree_->key(from[i]) == tree_->key(to[i]);
-    if (inside) fail(ErrorCode::InvalidLocation, destination, Operation::MoveFolder, "a folder cannot move into itself");
+    if (inside)
+      fail(ErrorCode::InvalidLocation, destination, Operation::MoveFolder, "a folder cannot move into itself");
     NodePtr fromParent = writableParent(*tree_, from, source, Operation::MoveFolder);
     NodePtr toParent = writableParent(*tree_, to, destination, Operation::MoveFolder);
     if (target == node) target = nullptr; // a case-only rename of the same folder
@@ -403,7 +420,8 @@ void MemoryProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI con
   }
 }
 
-std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+std::unique_ptr<p::IFolderEntryIterator> MemoryProvider::list(p::StorageIRI const& folder,
+                                                              p::ListingRequest const& request) {
   Names names = tree_->namesOf(folder, request.operation);
   std::vector<p::FolderEntry> entries;
   {

@@ -24,7 +24,8 @@ MemoryByteStream::MemoryByteStream(std::shared_ptr<Tree> tree, NodePtr file, p::
 }
 
 std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
+  if (!mode_.read)
+    p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::shared_lock lock(tree_->mutex);
   std::streamsize count = copyOut(*data_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
@@ -32,7 +33,8 @@ std::streamsize MemoryByteStream::doRead(char* s, std::streamsize n) {
 }
 
 std::streamsize MemoryByteStream::doWrite(char const* s, std::streamsize n) {
-  if (!mode_.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
+  if (!mode_.write)
+    p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", p::ErrorCode::PermissionDenied));
   std::unique_lock lock(tree_->mutex);
   std::uint64_t const at = mode_.append ? data_->size() : position_;
   std::uint64_t const end = at + static_cast<std::uint64_t>(n);
@@ -77,7 +79,8 @@ MemoryTransactionalStream::MemoryTransactionalStream(std::shared_ptr<Tree> tree,
 MemoryTransactionalStream::~MemoryTransactionalStream() = default;
 
 std::streamsize MemoryTransactionalStream::doRead(char* s, std::streamsize n) {
-  if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
+  if (!mode_.read)
+    p::raise(p::ByteStreamReadFailure("the stream is not open for reading", p::ErrorCode::PermissionDenied));
   std::streamsize count = copyOut(buffer_, position_, s, n);
   position_ += static_cast<std::uint64_t>(count);
   return count;
@@ -91,7 +94,8 @@ std::streamsize MemoryTransactionalStream::doWrite(char const* s, std::streamsiz
     std::shared_lock lock(tree_->mutex); // the limit may be reconfigured meanwhile
     maxFileSize = tree_->maxFileSize;
   }
-  if (end > maxFileSize) p::raise(p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge));
+  if (end > maxFileSize)
+    p::raise(p::ByteStreamWriteFailure("beyond the largest file size", p::ErrorCode::FileTooLarge));
   if (end > buffer_.size()) buffer_.resize(end);
   std::memcpy(buffer_.data() + at, s, static_cast<std::size_t>(n));
   position_ = end;
@@ -121,7 +125,8 @@ void MemoryTransactionalStream::commit(bool replace) {
     auto& changes = scope.changes;
     Names names = common::namesOf(location_.getResolvedPath());
     NodePtr file = tree_->find(names);
-    if (file && file->folder) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
+    if (file && file->folder)
+      refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "a folder is in the way");
     if (file && !replace) refuse(p::ErrorCode::ResourceAlreadyExists, location_, u"commit", "the file exists");
     if (!file) {
       if (mustExist_) refuse(p::ErrorCode::ResourceNotFound, location_, u"commit", "the file was removed meanwhile");

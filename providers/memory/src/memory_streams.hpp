@@ -67,5 +67,4 @@ private:
   std::uint64_t position_ = 0;
 };
 
-
 } // namespace foundation::storage::providers::memory::detail

@@ -67,7 +67,8 @@ p::StorageIRI Tree::canonical(Names const& path) const {
 
 void Tree::account(Node const& file, std::uint64_t oldSize, std::uint64_t newSize, p::StorageIRI const& location) {
   if (newSize > maxFileSize)
-    refuse(p::ErrorCode::FileTooLarge, location, u"write", "beyond the largest file size of " + std::to_string(maxFileSize));
+    refuse(p::ErrorCode::FileTooLarge, location, u"write",
+           "beyond the largest file size of " + std::to_string(maxFileSize));
   if (!file.attached) return;
   if (newSize > oldSize && newSize - oldSize > capacity - std::min(capacity, used))
     refuse(p::ErrorCode::NoSpaceLeft, location, u"write", "the memory provider's capacity is used up");

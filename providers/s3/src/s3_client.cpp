@@ -35,7 +35,8 @@ void initialiseCurlOnce() {
 }
 
 std::string lowercase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
 }
 
@@ -66,17 +67,18 @@ std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void*
   } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
     auto value = line.substr(colon + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.remove_suffix(1);
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' '))
+      value.remove_suffix(1);
     response.headers[lowercase(std::string(line.substr(0, colon)))] = std::string(value);
   }
   return size * count;
 }
 
-bool retryableStatus(long status) { return status == 429 || status == 500 || status == 502 || status == 503 || status == 504; }
-
-bool isQuotaError(std::string const& code) {
-  return code == "QuotaExceeded" || code == "InsufficientCapacity";
+bool retryableStatus(long status) {
+  return status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
 }
+
+bool isQuotaError(std::string const& code) { return code == "QuotaExceeded" || code == "InsufficientCapacity"; }
 
 } // namespace
 
@@ -88,11 +90,14 @@ std::string HttpResponse::header(std::string const& lowercaseName) const {
 S3Client::S3Client(S3Settings settings, std::string bucket, std::shared_ptr<std::atomic<std::uint64_t>> requests)
     : settings_(std::move(settings)), bucket_(std::move(bucket)), requests_(std::move(requests)) {
   initialiseCurlOnce();
-  std::string endpoint = settings_.endpoint.empty() ? "https://s3." + settings_.region + ".amazonaws.com" : settings_.endpoint;
+  std::string endpoint =
+      settings_.endpoint.empty() ? "https://s3." + settings_.region + ".amazonaws.com" : settings_.endpoint;
   auto schemeEnd = endpoint.find("://");
-  if (schemeEnd == std::string::npos) throw std::invalid_argument("the endpoint needs http:// or https://: " + endpoint);
+  if (schemeEnd == std::string::npos)
+    throw std::invalid_argument("the endpoint needs http:// or https://: " + endpoint);
   scheme_ = lowercase(endpoint.substr(0, schemeEnd));
-  if (scheme_ != "http" && scheme_ != "https") throw std::invalid_argument("the endpoint needs http:// or https://: " + endpoint);
+  if (scheme_ != "http" && scheme_ != "https")
+    throw std::invalid_argument("the endpoint needs http:// or https://: " + endpoint);
   host_ = endpoint.substr(schemeEnd + 3);
   host_ = lowercase(host_.substr(0, host_.find('/')));
   if (settings_.pathStyle) {
@@ -150,7 +155,9 @@ HttpResponse S3Client::attempt(Handle& handle, HttpRequest const& request, std::
 
   curl_slist* headers = nullptr;
   for (auto const& [name, value] : signing.headers) headers = curl_slist_append(headers, (name + ": " + value).c_str());
-  headers = curl_slist_append(headers, ("Authorization: " + authorization(signing, {settings_.accessKeyId, settings_.secretAccessKey})).c_str());
+  headers = curl_slist_append(
+      headers,
+      ("Authorization: " + authorization(signing, {settings_.accessKeyId, settings_.secretAccessKey})).c_str());
   headers = curl_slist_append(headers, "Expect:");
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> ownedHeaders(headers, &curl_slist_free_all);
 
@@ -163,7 +170,8 @@ HttpResponse S3Client::attempt(Handle& handle, HttpRequest const& request, std::
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings_.connectTimeout.count()));
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, std::max(1L, static_cast<long>(settings_.requestTimeout.count() / 1000)));
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
+                   std::max(1L, static_cast<long>(settings_.requestTimeout.count() / 1000)));
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &appendBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
   curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &collectHeader);
@@ -218,12 +226,18 @@ void failWith(HttpResponse const& response, Site const& site) {
   auto const error = parseError(response.body).value_or(StoreError{});
   auto const requestId = error.requestId.empty() ? response.header("x-amz-request-id") : error.requestId;
   p::ErrorCode code = p::ErrorCode::IOError;
-  if (isQuotaError(error.code)) code = p::ErrorCode::NoSpaceLeft;
-  else if (error.code == "EntityTooLarge") code = p::ErrorCode::FileTooLarge;
-  else if (response.status == 404) code = p::ErrorCode::ResourceNotFound;
-  else if (response.status == 403) code = p::ErrorCode::PermissionDenied;
-  else if (response.status == 412) code = p::ErrorCode::ResourceAlreadyExists;
-  else if (response.status == 400 && error.code == "InvalidArgument") code = p::ErrorCode::InvalidLocation;
+  if (isQuotaError(error.code))
+    code = p::ErrorCode::NoSpaceLeft;
+  else if (error.code == "EntityTooLarge")
+    code = p::ErrorCode::FileTooLarge;
+  else if (response.status == 404)
+    code = p::ErrorCode::ResourceNotFound;
+  else if (response.status == 403)
+    code = p::ErrorCode::PermissionDenied;
+  else if (response.status == 412)
+    code = p::ErrorCode::ResourceAlreadyExists;
+  else if (response.status == 400 && error.code == "InvalidArgument")
+    code = p::ErrorCode::InvalidLocation;
   std::string message = "HTTP " + std::to_string(response.status);
   if (!response.reason.empty()) message += " " + response.reason;
   if (!error.code.empty()) message += " " + error.code;
@@ -235,7 +249,8 @@ void failWith(HttpResponse const& response, Site const& site) {
 void failUnreadable(HttpRequest const& request, std::string const& why, Site const& site) {
   std::string line = request.method + " /" + request.key;
   for (std::size_t i = 0; i < request.query.size(); ++i)
-    line += (i == 0 ? "?" : "&") + request.query[i].first + (request.query[i].second.empty() ? "" : "=" + request.query[i].second);
+    line += (i == 0 ? "?" : "&") + request.query[i].first +
+            (request.query[i].second.empty() ? "" : "=" + request.query[i].second);
   p::fail(p::ErrorCode::IOError, site.location, site.call, "the answer to " + line + " cannot be read: " + why);
 }
 

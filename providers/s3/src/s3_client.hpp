@@ -32,7 +32,7 @@ struct HttpRequest {
 
 struct HttpResponse {
   long status = 0;
-  std::string reason; ///< the status line's text ("Forbidden")
+  std::string reason;                         ///< the status line's text ("Forbidden")
   std::map<std::string, std::string> headers; ///< names lowercase
   std::string body;
 

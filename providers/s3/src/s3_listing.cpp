@@ -39,7 +39,8 @@ p::FolderEntry fileEntry(std::string const& name, ListedObject const& object, p:
                                                            isHidden(lastSegment(name)), false));
 }
 
-p::FolderEntry folderEntry(std::string const& name, boost::posix_time::ptime modified, p::ListingRequest const& request) {
+p::FolderEntry folderEntry(std::string const& name, boost::posix_time::ptime modified,
+                           p::ListingRequest const& request) {
   auto text = fl::i18n::to_ustring(name);
   if (!request.withAttributes) return p::FolderEntry(std::move(text), false);
   return p::FolderEntry(std::move(text), p::FolderAttributes(modified, true, isHidden(lastSegment(name)), false));
@@ -54,8 +55,8 @@ void requireFolder(S3Client& client, std::string const& folderKey, Site const& s
 
 std::string childPrefix(std::string const& folderKey) { return folderKey.empty() ? std::string() : folderKey + "/"; }
 
-std::vector<p::FolderEntry> listChildren(S3Client& client, std::string const& folderKey, p::ListingRequest const& request,
-                                         Site const& site) {
+std::vector<p::FolderEntry> listChildren(S3Client& client, std::string const& folderKey,
+                                         p::ListingRequest const& request, Site const& site) {
   std::string const base = childPrefix(folderKey);
   std::vector<p::FolderEntry> entries;
   bool sawAnything = false;
@@ -90,9 +91,10 @@ std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folder
   // Keys come in byte order, so every key below a folder follows the folder's first key:
   // a folder is reported when the first key inside it shows up, before its contents.
   auto reachFolder = [&](std::string const& path, boost::posix_time::ptime modified) {
-    for (std::size_t slash = path.find('/'); ; slash = path.find('/', slash + 1)) {
+    for (std::size_t slash = path.find('/');; slash = path.find('/', slash + 1)) {
       std::string const folder = path.substr(0, slash);
-      if (folders.insert(folder).second && request.kinds != p::EntryKinds::Files && wanted(request, lastSegment(folder)))
+      if (folders.insert(folder).second && request.kinds != p::EntryKinds::Files &&
+          wanted(request, lastSegment(folder)))
         entries.push_back(folderEntry(folder, slash == std::string::npos ? modified : unknownTime(), request));
       if (slash == std::string::npos) break;
     }
@@ -108,8 +110,10 @@ std::vector<p::FolderEntry> listTree(S3Client& client, std::string const& folder
             reachFolder(path.substr(0, path.size() - 1), parseIsoTime(object.lastModified));
             continue;
           }
-          if (auto slash = path.rfind('/'); slash != std::string::npos) reachFolder(path.substr(0, slash), unknownTime());
-          if (request.kinds != p::EntryKinds::Folders && wanted(request, lastSegment(path))) entries.push_back(fileEntry(path, object, request));
+          if (auto slash = path.rfind('/'); slash != std::string::npos)
+            reachFolder(path.substr(0, slash), unknownTime());
+          if (request.kinds != p::EntryKinds::Folders && wanted(request, lastSegment(path)))
+            entries.push_back(fileEntry(path, object, request));
         }
       },
       site);

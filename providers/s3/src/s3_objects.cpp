@@ -34,7 +34,9 @@ std::string copySource(S3Client const& client, std::string const& key) {
 /// reads that condition only under its older name, and ignores the standard one.
 std::vector<std::pair<std::string, std::string>> copySourceHeaders(S3Client const& client, std::string const& key,
                                                                    std::string const& etag) {
-  return {{"x-amz-copy-source", copySource(client, key)}, {"x-amz-copy-source-if-match", etag}, {"x-amz-copy-if-match", etag}};
+  return {{"x-amz-copy-source", copySource(client, key)},
+          {"x-amz-copy-source-if-match", etag},
+          {"x-amz-copy-if-match", etag}};
 }
 
 /// A 200 answer may still carry an error document (copies, completions).
@@ -46,7 +48,8 @@ void failOnErrorDocument(std::string_view body, Site const& site) {
 /// failing, it means the source changed, not that the destination is in the way.
 HttpResponse performCopy(S3Client& client, HttpRequest const& request, Site const& site) {
   auto response = client.send(request, site);
-  if (response.status == 412) p::fail(p::ErrorCode::IOError, site.location, site.call, "the source changed while it was copied");
+  if (response.status == 412)
+    p::fail(p::ErrorCode::IOError, site.location, site.call, "the source changed while it was copied");
   if (!response.ok()) failWith(response, site);
   return response;
 }
@@ -131,9 +134,12 @@ std::optional<ObjectInfo> headObject(S3Client& client, std::string const& key, S
 ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, std::string const& token,
                   std::size_t maxKeys, Site const& site) {
   // Keys come URL-encoded: raw, a control character would make the answer invalid XML.
-  HttpRequest request{"GET", "",
-                      {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(maxKeys)}, {"encoding-type", "url"}},
-                      {}, {}};
+  HttpRequest request{
+      "GET",
+      "",
+      {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(maxKeys)}, {"encoding-type", "url"}},
+      {},
+      {}};
   if (delimited) request.query.emplace_back("delimiter", "/");
   if (!token.empty()) request.query.emplace_back("continuation-token", token);
   auto page = client.performAndRead(request, site, parseListPage);
@@ -142,8 +148,8 @@ ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, s
   return page;
 }
 
-void forEachPage(S3Client& client, std::string const& prefix, bool delimited, std::function<void(ListPage const&)> const& visit,
-                 Site const& site) {
+void forEachPage(S3Client& client, std::string const& prefix, bool delimited,
+                 std::function<void(ListPage const&)> const& visit, Site const& site) {
   std::string token;
   do {
     auto page = listPage(client, prefix, delimited, token, keysPerRequest, site);
@@ -173,9 +179,13 @@ void dropRedundantMarker(S3Client& client, std::string const& markerKey, Site co
 std::string getRange(S3Client& client, std::string const& key, std::string const& etag, std::uint64_t offset,
                      std::uint64_t length, Site const& site) {
   if (length == 0) return {};
-  auto response = client.send({"GET", key, {}, {{"range", "bytes=" + std::to_string(offset) + "-" + std::to_string(offset + length - 1)},
-                                                {"if-match", etag}}, {}},
-                              site);
+  auto response = client.send(
+      {"GET",
+       key,
+       {},
+       {{"range", "bytes=" + std::to_string(offset) + "-" + std::to_string(offset + length - 1)}, {"if-match", etag}},
+       {}},
+      site);
   if (response.status == 412)
     p::fail(p::ErrorCode::IOError, site.location, site.call, "the object was replaced while it was read");
   if (!response.ok()) failWith(response, site);
@@ -191,8 +201,8 @@ void putObject(S3Client& client, std::string const& key, std::string_view body,
 }
 
 void copyObject(S3Client& client, std::string const& from, ObjectInfo const& source, std::string const& to,
-                std::optional<std::vector<std::pair<std::string, std::string>>> const& replaceMetadata, Site const& site,
-                std::function<void(std::uint64_t)> const& progress) {
+                std::optional<std::vector<std::pair<std::string, std::string>>> const& replaceMetadata,
+                Site const& site, std::function<void(std::uint64_t)> const& progress) {
   std::vector<std::pair<std::string, std::string>> metadata;
   if (replaceMetadata) {
     metadata = *replaceMetadata;
@@ -217,15 +227,19 @@ void copyObject(S3Client& client, std::string const& from, ObjectInfo const& sou
       std::uint64_t const last = std::min(source.size, offset + copyPartSize) - 1;
       auto headers = copySourceHeaders(client, from, source.etag);
       headers.emplace_back("x-amz-copy-source-range", "bytes=" + std::to_string(offset) + "-" + std::to_string(last));
-      HttpRequest const part{"PUT", to, {{"partNumber", std::to_string(etags.size() + 1)}, {"uploadId", uploadId}},
-                             std::move(headers), {}};
+      HttpRequest const part{"PUT",
+                             to,
+                             {{"partNumber", std::to_string(etags.size() + 1)}, {"uploadId", uploadId}},
+                             std::move(headers),
+                             {}};
       etags.push_back(readAnswer(part, performCopy(client, part, site).body, site, [&](std::string_view body) {
         failOnErrorDocument(body, site);
         return parseETag(body);
       }));
       if (progress) progress(last + 1);
     }
-    failOnErrorDocument(client.perform({"POST", to, {{"uploadId", uploadId}}, {}, completeUploadBody(etags)}, site).body, site);
+    failOnErrorDocument(
+        client.perform({"POST", to, {{"uploadId", uploadId}}, {}, completeUploadBody(etags)}, site).body, site);
   } catch (...) {
     client.send({"DELETE", to, {{"uploadId", uploadId}}, {}, {}}, site);
     throw;
@@ -270,11 +284,12 @@ void deleteObjects(S3Client& client, std::vector<std::string> const& keys, Site 
   }
   for (std::size_t start = 0; start < batchable.size(); start += keysPerRequest) {
     std::vector<std::string> batch(batchable.begin() + static_cast<std::ptrdiff_t>(start),
-                                   batchable.begin() + static_cast<std::ptrdiff_t>(std::min(batchable.size(), start + keysPerRequest)));
+                                   batchable.begin() +
+                                       static_cast<std::ptrdiff_t>(std::min(batchable.size(), start + keysPerRequest)));
     auto const body = deleteRequestBody(batch);
     auto const failures = client.performAndRead(
-        {"POST", "", {{"delete", ""}}, {{"content-md5", md5Base64(body)}, {"content-type", "application/xml"}}, body}, site,
-        parseDeleteFailures);
+        {"POST", "", {{"delete", ""}}, {{"content-md5", md5Base64(body)}, {"content-type", "application/xml"}}, body},
+        site, parseDeleteFailures);
     if (!failures.empty())
       p::fail(p::ErrorCode::IOError, site.location, site.call,
               "could not delete \"" + failures.front().first + "\": " + failures.front().second);

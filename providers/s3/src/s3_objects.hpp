@@ -58,8 +58,8 @@ void dropRedundantMarker(S3Client& client, std::string const& markerKey, Site co
 ListPage listPage(S3Client& client, std::string const& prefix, bool delimited, std::string const& token,
                   std::size_t maxKeys, Site const& site);
 /// Every page, handed to `visit` in key order.
-void forEachPage(S3Client& client, std::string const& prefix, bool delimited, std::function<void(ListPage const&)> const& visit,
-                 Site const& site);
+void forEachPage(S3Client& client, std::string const& prefix, bool delimited,
+                 std::function<void(ListPage const&)> const& visit, Site const& site);
 /// `length` bytes from `offset` of the object whose ETag is `etag`; when the object was
 /// replaced meanwhile, IOError saying so.
 std::string getRange(S3Client& client, std::string const& key, std::string const& etag, std::uint64_t offset,
@@ -69,8 +69,8 @@ void putObject(S3Client& client, std::string const& key, std::string_view body,
 /// A server-side copy of `source` (as `headObject` told); `replaceMetadata` sets the
 /// destination's metadata to those headers instead of copying the source's.
 void copyObject(S3Client& client, std::string const& from, ObjectInfo const& source, std::string const& to,
-                std::optional<std::vector<std::pair<std::string, std::string>>> const& replaceMetadata, Site const& site,
-                std::function<void(std::uint64_t)> const& progress = {});
+                std::optional<std::vector<std::pair<std::string, std::string>>> const& replaceMetadata,
+                Site const& site, std::function<void(std::uint64_t)> const& progress = {});
 /// Takes `key` only if nothing is there, with an empty object carrying `token`; fails
 /// with ResourceAlreadyExists otherwise. The gateway honours If-None-Match on PUT but not
 /// on copies or on completing a multipart upload, so those land over a claim: nothing that

@@ -36,7 +36,8 @@ std::string parentKey(std::string const& key) {
 
 bool isHidden(std::string const& key) {
   auto const slash = key.rfind('/');
-  return key.size() > (slash == std::string::npos ? 0 : slash + 1) && key[slash == std::string::npos ? 0 : slash + 1] == '.';
+  return key.size() > (slash == std::string::npos ? 0 : slash + 1) &&
+         key[slash == std::string::npos ? 0 : slash + 1] == '.';
 }
 
 /// Whether the options need the old contents or random access beyond one part: those
@@ -106,7 +107,9 @@ public:
     if (!response.ok()) failWith(response, site_);
   }
 
-  [[noreturn]] void refuse(ErrorCode code, std::string message) const { p::fail(code, location_, site_.call, std::move(message)); }
+  [[noreturn]] void refuse(ErrorCode code, std::string message) const {
+    p::fail(code, location_, site_.call, std::move(message));
+  }
 
 private:
   S3Client& client_;
@@ -194,7 +197,8 @@ p::ExtendedAttributes S3Provider::getExtendedAttributes(p::StorageIRI const& loc
     attributes.put("s3.key", key);
     attributes.put("s3.etag", info.etag);
     attributes.put("s3.contentType", info.contentType);
-    for (auto const& [name, value] : info.metadata) attributes.put(boost::property_tree::path("s3.metadata|" + name, '|'), value);
+    for (auto const& [name, value] : info.metadata)
+      attributes.put(boost::property_tree::path("s3.metadata|" + name, '|'), value);
   };
   if (auto info = object.file()) {
     describe(object.key(), *info);
@@ -268,9 +272,10 @@ void S3Provider::truncateToSize(p::StorageIRI const& file, std::uint64_t size) {
 namespace {
 
 /// The checks every writable open makes, then the stream that fits the options.
-std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> const& client, std::u16string const& bucket,
-                                                     p::StorageIRI const& file, p::ByteStreamOpenOptions const& options,
-                                                     bool commitWhenDestroyed, std::u16string call) {
+std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> const& client,
+                                                     std::u16string const& bucket, p::StorageIRI const& file,
+                                                     p::ByteStreamOpenOptions const& options, bool commitWhenDestroyed,
+                                                     std::u16string call) {
   Object object(*client, bucket, file, std::move(call));
   object.requireParentFolder();
   auto existing = object.file();
@@ -290,7 +295,8 @@ std::unique_ptr<p::TransactionalStream> openWritable(std::shared_ptr<S3Client> c
 
 } // namespace
 
-std::unique_ptr<p::ByteStream> S3Provider::doOpenStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::ByteStream> S3Provider::doOpenStream(p::StorageIRI const& file,
+                                                        p::ByteStreamOpenOptions const& options) {
   return openWritable(client(), bucket_, file, options, true, contextKey(Operation::OpenStream));
 }
 
@@ -301,7 +307,7 @@ std::unique_ptr<p::ByteStream> S3Provider::openReadOnlyStream(p::StorageIRI cons
 }
 
 std::unique_ptr<p::TransactionalStream> S3Provider::doOpenTransactionalStream(p::StorageIRI const& file,
-                                                                            p::ByteStreamOpenOptions const& options) {
+                                                                              p::ByteStreamOpenOptions const& options) {
   return openWritable(client(), bucket_, file, options, false, contextKey(Operation::OpenTransactionalStream));
 }
 
@@ -317,7 +323,8 @@ bool mayReplace(Object& destination, p::ReplacementPolicy policy) {
     destination.refuse(ErrorCode::ResourceAlreadyExists, "a folder is in the way");
   case p::ExistsResult::File:
     if (policy == p::ReplacementPolicy::KeepExisting) return false;
-    if (policy == p::ReplacementPolicy::FailIfExists) destination.refuse(ErrorCode::ResourceAlreadyExists, "the destination exists");
+    if (policy == p::ReplacementPolicy::FailIfExists)
+      destination.refuse(ErrorCode::ResourceAlreadyExists, "the destination exists");
     return true;
   case p::ExistsResult::NotFound: break;
   }
@@ -328,15 +335,16 @@ bool mayReplace(Object& destination, p::ReplacementPolicy policy) {
 /// Copies the file `from` (as `info` tells) to `to`. Unless `policy` replaces (Overwrite,
 /// ForceOverwrite), the copy lands over a claim, so that a destination appearing meanwhile
 /// is kept: then false for KeepExisting, ResourceAlreadyExists otherwise.
-bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Object const& to, p::ReplacementPolicy policy,
-              std::function<void(std::uint64_t)> const& progress) {
+bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Object const& to,
+              p::ReplacementPolicy policy, std::function<void(std::uint64_t)> const& progress) {
   std::string token;
   if (!p::replaces(policy)) {
     token = newClaimToken();
     try {
       claimKey(client, to.key(), token, to.site());
     } catch (p::Exception const& e) {
-      if (e.getErrorCode() == ErrorCode::ResourceAlreadyExists && policy == p::ReplacementPolicy::KeepExisting) return false;
+      if (e.getErrorCode() == ErrorCode::ResourceAlreadyExists && policy == p::ReplacementPolicy::KeepExisting)
+        return false;
       throw;
     }
   }
@@ -352,7 +360,7 @@ bool copyOver(S3Client& client, Object const& from, ObjectInfo const& info, Obje
 } // namespace
 
 p::CopyResult S3Provider::doCopyFile(p::StorageIRI const& source, p::StorageItem const& destination,
-                                   p::CopyFileOptions const& options) {
+                                     p::CopyFileOptions const& options) {
   if (destination.getProvider().get() != this) return ProviderBase::doCopyFile(source, destination, options);
   auto client = this->client();
   Object from(*client, bucket_, source, contextKey(Operation::CopyFile));
@@ -369,7 +377,8 @@ p::CopyResult S3Provider::doCopyFile(p::StorageIRI const& source, p::StorageItem
   return p::CopyResult::Copied;
 }
 
-void S3Provider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void S3Provider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                            p::ReplacementPolicy policy) {
   auto client = this->client();
   Object from(*client, bucket_, source, contextKey(Operation::MoveFile));
   auto info = from.requireFile();
@@ -382,7 +391,8 @@ void S3Provider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& de
   from.keepParentFolder();
 }
 
-void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& destination,
+                              p::ReplacementPolicy policy) {
   auto client = this->client();
   Object from(*client, bucket_, source, contextKey(Operation::MoveFolder));
   Object to(*client, bucket_, destination, contextKey(Operation::MoveFolder));
@@ -397,7 +407,8 @@ void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& 
   case p::ExistsResult::Folder:
     if (policy == p::ReplacementPolicy::FailIfExists || policy == p::ReplacementPolicy::KeepExisting)
       to.refuse(ErrorCode::ResourceAlreadyExists, "the destination folder exists");
-    if (listChildren(*client, to.key(), {}, to.site()).size() > 0) to.refuse(ErrorCode::FolderNotEmpty, "the destination folder is not empty");
+    if (listChildren(*client, to.key(), {}, to.site()).size() > 0)
+      to.refuse(ErrorCode::FolderNotEmpty, "the destination folder is not empty");
     destinationExisted = true;
     break;
   case p::ExistsResult::NotFound: to.requireParentFolder(); break;
@@ -405,9 +416,12 @@ void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& 
 
   std::string const fromPrefix = from.key() + "/", toPrefix = to.key() + "/";
   std::vector<std::string> sources;
-  forEachPage(*client, fromPrefix, false, [&](ListPage const& page) {
-    for (auto const& object : page.objects) sources.push_back(object.key);
-  }, from.site());
+  forEachPage(
+      *client, fromPrefix, false,
+      [&](ListPage const& page) {
+        for (auto const& object : page.objects) sources.push_back(object.key);
+      },
+      from.site());
   std::vector<std::string> copies;
   try {
     if (sources.empty() && !destinationExisted) { // emptied meanwhile: it arrives as an empty folder
@@ -434,8 +448,10 @@ void S3Provider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const& 
     throw;
   }
   // The destination, or the folder it went into, now holds items: its marker is redundant.
-  if (!destinationExisted) to.dropParentMarker();
-  else if (!copies.empty()) dropRedundantMarker(*client, toPrefix, to.site());
+  if (!destinationExisted)
+    to.dropParentMarker();
+  else if (!copies.empty())
+    dropRedundantMarker(*client, toPrefix, to.site());
   deleteObjects(*client, sources, from.site());
   from.keepParentFolder();
 }
@@ -446,7 +462,8 @@ void S3Provider::createFolder(p::StorageIRI const& folder) {
   auto client = this->client();
   Object object(*client, bucket_, folder, contextKey(Operation::CreateFolder));
   object.requireParentFolder();
-  if (object.kind() != p::ExistsResult::NotFound) object.refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
+  if (object.kind() != p::ExistsResult::NotFound)
+    object.refuse(ErrorCode::ResourceAlreadyExists, "the item exists already");
   object.putNew(object.key() + "/");
   object.dropParentMarker();
 }
@@ -460,7 +477,8 @@ void S3Provider::createFolderRecursive(p::StorageIRI const& folder) {
   std::optional<std::string> ancestorMarker;
   std::string key = object.key();
   for (; !key.empty(); key = parentKey(key)) {
-    if (headObject(*client, key, object.site())) object.refuse(ErrorCode::ResourceAlreadyExists, "a file is in the way: " + key);
+    if (headObject(*client, key, object.site()))
+      object.refuse(ErrorCode::ResourceAlreadyExists, "a file is in the way: " + key);
     auto const presence = folderPresence(*client, key, object.site());
     if (presence == FolderPresence::Missing) continue;
     if (presence == FolderPresence::Marked) ancestorMarker = key + "/";
@@ -490,9 +508,12 @@ void S3Provider::removeFolderRecursively(p::StorageIRI const& folder) {
   Object object(*client, bucket_, folder, contextKey(Operation::RemoveFolderRecursively));
   if (object.file()) object.refuse(ErrorCode::ResourceNotFound, "a file, not a folder");
   std::vector<std::string> keys;
-  forEachPage(*client, childPrefix(object.key()), false, [&](ListPage const& page) {
-    for (auto const& listed : page.objects) keys.push_back(listed.key);
-  }, object.site());
+  forEachPage(
+      *client, childPrefix(object.key()), false,
+      [&](ListPage const& page) {
+        for (auto const& listed : page.objects) keys.push_back(listed.key);
+      },
+      object.site());
   if (keys.empty() && !object.isRoot()) object.refuse(ErrorCode::ResourceNotFound, "no such folder");
   deleteObjects(*client, keys, object.site());
   if (!object.isRoot()) object.keepParentFolder();
@@ -500,7 +521,8 @@ void S3Provider::removeFolderRecursively(p::StorageIRI const& folder) {
 
 // --- listings ---------------------------------------------------------------------------
 
-std::unique_ptr<p::IFolderEntryIterator> S3Provider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+std::unique_ptr<p::IFolderEntryIterator> S3Provider::list(p::StorageIRI const& folder,
+                                                          p::ListingRequest const& request) {
   auto client = this->client();
   Object object(*client, bucket_, folder, contextKey(request.operation));
   auto entries = request.recursive ? listTree(*client, object.key(), request, object.site())

@@ -63,9 +63,10 @@ ReadStream::~ReadStream() = default;
 
 std::future<std::string> ReadStream::fetch(std::uint64_t offset) const {
   std::uint64_t const length = std::min(client_->settings().partSize, info_.size - offset);
-  return std::async(std::launch::async, [client = client_, location = location_, key = key_, etag = info_.etag, offset, length] {
-    return getRange(*client, key, etag, offset, length, {location, u"s3.read"});
-  });
+  return std::async(std::launch::async,
+                    [client = client_, location = location_, key = key_, etag = info_.etag, offset, length] {
+                      return getRange(*client, key, etag, offset, length, {location, u"s3.read"});
+                    });
 }
 
 void ReadStream::load(std::uint64_t offset) {
@@ -82,7 +83,8 @@ void ReadStream::load(std::uint64_t offset) {
   bufferStart_ = offset;
   if (!sequential) return;
   // A sequential reader gets the following ranges fetched while it consumes this one.
-  std::uint64_t upcoming = ahead_.empty() ? offset + buffer_.size() : ahead_.back().first + client_->settings().partSize;
+  std::uint64_t upcoming =
+      ahead_.empty() ? offset + buffer_.size() : ahead_.back().first + client_->settings().partSize;
   while (ahead_.size() + 1 < std::max(1u, client_->settings().parallelism) && upcoming < info_.size) {
     ahead_.emplace_back(upcoming, fetch(upcoming));
     upcoming += client_->settings().partSize;
@@ -195,8 +197,9 @@ void UploadStream::sendPart(std::string bytes) {
     inFlight_.pop_front();
   }
   sent_ += bytes.size();
-  inFlight_.push_back(std::async(std::launch::async, [client = client_, location = location_, key = key_, id = uploadId_,
-                                                      number = etags_.size() + inFlight_.size() + 1, body = std::move(bytes)] {
+  inFlight_.push_back(std::async(std::launch::async, [client = client_, location = location_, key = key_,
+                                                      id = uploadId_, number = etags_.size() + inFlight_.size() + 1,
+                                                      body = std::move(bytes)] {
     auto response = client->perform({"PUT", key, {{"partNumber", std::to_string(number)}, {"uploadId", id}}, {}, body},
                                     {location, u"s3.uploadPart"});
     return response.header("etag");
@@ -217,11 +220,12 @@ void UploadStream::commit(bool replace) {
     }
     if (!replace) claimKey(*client_, key_, uploadId_, site);
     try {
-      auto response = client_->perform({"POST", key_, {{"uploadId", uploadId_}}, {{"content-type", "application/xml"}},
-                                        completeUploadBody(etags_)},
-                                       site);
+      auto response = client_->perform(
+          {"POST", key_, {{"uploadId", uploadId_}}, {{"content-type", "application/xml"}}, completeUploadBody(etags_)},
+          site);
       if (auto error = parseError(response.body))
-        p::fail(p::ErrorCode::IOError, location_, site.call, "completing the upload failed: " + error->code + " " + error->message);
+        p::fail(p::ErrorCode::IOError, location_, site.call,
+                "completing the upload failed: " + error->code + " " + error->message);
     } catch (...) {
       if (!replace) releaseClaim(*client_, key_, uploadId_, site);
       throw;

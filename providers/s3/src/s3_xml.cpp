@@ -41,7 +41,8 @@ std::string childText(xmlNode const* parent, char const* name) {
 xmlNode* rootOf(Document const& doc, std::string_view body, char const* name) {
   xmlNode* root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
   if (!root || !named(root, name))
-    throw MalformedDocument(std::string("expected <") + name + ">, received \"" + std::string(body.substr(0, 200)) + "\"");
+    throw MalformedDocument(std::string("expected <") + name + ">, received \"" + std::string(body.substr(0, 200)) +
+                            "\"");
   return root;
 }
 
@@ -70,7 +71,8 @@ ListPage parseListPage(std::string_view body) {
     if (named(child, "Contents")) {
       auto key = childText(child, "Key");
       if (key.empty()) throw MalformedDocument("a listed object has no key");
-      page.objects.push_back({std::move(key), number(childText(child, "Size"), "a listed size"), childText(child, "LastModified")});
+      page.objects.push_back(
+          {std::move(key), number(childText(child, "Size"), "a listed size"), childText(child, "LastModified")});
     } else if (named(child, "CommonPrefixes")) {
       page.prefixes.push_back(childText(child, "Prefix"));
     } else if (named(child, "IsTruncated")) {

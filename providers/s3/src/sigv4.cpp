@@ -79,7 +79,8 @@ std::string authorization(SigningInput const& input, Credentials const& credenti
                                        canonicalHeaders + '\n' + signedHeaders + '\n' + input.payloadHash;
   std::string const day = input.amzDate.substr(0, 8);
   std::string const scope = day + '/' + input.region + '/' + input.service + "/aws4_request";
-  std::string const stringToSign = "AWS4-HMAC-SHA256\n" + input.amzDate + '\n' + scope + '\n' + sha256Hex(canonicalRequest);
+  std::string const stringToSign =
+      "AWS4-HMAC-SHA256\n" + input.amzDate + '\n' + scope + '\n' + sha256Hex(canonicalRequest);
   std::string key = hmac("AWS4" + credentials.secretAccessKey, day);
   key = hmac(key, input.region);
   key = hmac(key, input.service);

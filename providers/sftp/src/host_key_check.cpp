@@ -37,9 +37,9 @@ void checkHostKey(ssh_session session, std::string const& label) {
                           "); refused: someone may be intercepting the connection. If the key was changed on "
                           "purpose, replace the old one in known_hosts");
   case SSH_KNOWN_HOSTS_OTHER:
-    throw SftpFailure(ErrorCode::PermissionDenied,
-                      "known_hosts holds a key of another type for " + label + " than the server offers (" +
-                          fingerprintOf(session) + "); refused: someone may be intercepting the connection");
+    throw SftpFailure(ErrorCode::PermissionDenied, "known_hosts holds a key of another type for " + label +
+                                                       " than the server offers (" + fingerprintOf(session) +
+                                                       "); refused: someone may be intercepting the connection");
   case SSH_KNOWN_HOSTS_UNKNOWN:
   case SSH_KNOWN_HOSTS_NOT_FOUND:
     throw SftpFailure(ErrorCode::PermissionDenied,

@@ -171,7 +171,8 @@ void SftpProvider::setWritable(p::StorageIRI const& location, bool writable) {
     if (!found) throw SftpFailure(ErrorCode::ResourceNotFound, "no such file or folder");
     auto const mode = (*found)->permissions & 07777;
     auto const wanted = writable ? mode | S_IWUSR : mode & ~static_cast<std::uint32_t>(S_IWUSR);
-    if (wanted != mode) session->check(sftp_chmod(session->sftp(), path.c_str(), wanted), "cannot change the permissions");
+    if (wanted != mode)
+      session->check(sftp_chmod(session->sftp(), path.c_str(), wanted), "cannot change the permissions");
   });
 }
 
@@ -181,7 +182,8 @@ void SftpProvider::createFile(p::StorageIRI const& file) {
     sftp_file made = sftp_open(session->sftp(), path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
     if (!made) {
       auto failed = session->failure("cannot create the file");
-      if (!failed.connectionLost && session->lstat(path)) throw SftpFailure(ErrorCode::ResourceAlreadyExists, "it exists already");
+      if (!failed.connectionLost && session->lstat(path))
+        throw SftpFailure(ErrorCode::ResourceAlreadyExists, "it exists already");
       throw explained(*session, failed, path);
     }
     session->check(sftp_close(made), "cannot close the new file");
@@ -227,8 +229,8 @@ std::unique_ptr<p::ByteStream> SftpProvider::doOpenStream(p::StorageIRI const& f
   });
 }
 
-std::unique_ptr<p::TransactionalStream> SftpProvider::doOpenTransactionalStream(p::StorageIRI const& file,
-                                                                                p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::TransactionalStream>
+SftpProvider::doOpenTransactionalStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   auto const path = pathOf(file);
   std::weak_ptr<detail::SshConnection> const shared = connection();
   return run(file, Operation::OpenTransactionalStream, false,
@@ -240,14 +242,16 @@ void SftpProvider::createFolder(p::StorageIRI const& folder) {
   run(folder, Operation::CreateFolder, false, [&](Session const& session) {
     if (sftp_mkdir(session->sftp(), path.c_str(), 0777) >= 0) return;
     auto failed = session->failure("cannot create the folder");
-    if (!failed.connectionLost && session->lstat(path)) throw SftpFailure(ErrorCode::ResourceAlreadyExists, "it exists already");
+    if (!failed.connectionLost && session->lstat(path))
+      throw SftpFailure(ErrorCode::ResourceAlreadyExists, "it exists already");
     throw explained(*session, failed, path);
   });
 }
 
 void SftpProvider::removeFolder(p::StorageIRI const& folder) {
   auto const path = pathOf(folder);
-  if (isRoot(path)) fail(ErrorCode::InvalidLocation, folder, Operation::RemoveFolder, "the root folder cannot be removed");
+  if (isRoot(path))
+    fail(ErrorCode::InvalidLocation, folder, Operation::RemoveFolder, "the root folder cannot be removed");
   run(folder, Operation::RemoveFolder, false, [&](Session const& session) {
     if (sftp_rmdir(session->sftp(), path.c_str()) >= 0) return;
     auto failed = session->failure("cannot remove the folder");
@@ -258,14 +262,16 @@ void SftpProvider::removeFolder(p::StorageIRI const& folder) {
   });
 }
 
-std::unique_ptr<p::IFolderEntryIterator> SftpProvider::list(p::StorageIRI const& folder, p::ListingRequest const& request) {
+std::unique_ptr<p::IFolderEntryIterator> SftpProvider::list(p::StorageIRI const& folder,
+                                                            p::ListingRequest const& request) {
   auto const path = pathOf(folder);
   auto entries = run(folder, request.operation, true,
                      [&](Session const& session) { return detail::readFolder(*session, path, request); });
   return std::make_unique<p::SnapshotFolderEntryIterator>(std::move(entries));
 }
 
-void SftpProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void SftpProvider::doMoveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                              p::ReplacementPolicy policy) {
   if (!source.hasSameRoot(destination))
     fail(ErrorCode::UnsupportedOperation, destination, Operation::MoveFile, "the destination is on another server");
   auto const from = pathOf(source);
@@ -304,7 +310,8 @@ void SftpProvider::doMoveFolder(p::StorageIRI const& source, p::StorageIRI const
     if (policy == p::ReplacementPolicy::KeepExisting) return;
     if (policy == p::ReplacementPolicy::FailIfExists || !target->folder())
       throw SftpFailure(ErrorCode::ResourceAlreadyExists, "the destination exists");
-    if (detail::hasChildren(*session, to)) throw SftpFailure(ErrorCode::FolderNotEmpty, "the destination folder is not empty");
+    if (detail::hasChildren(*session, to))
+      throw SftpFailure(ErrorCode::FolderNotEmpty, "the destination folder is not empty");
     try {
       renameReplacing(*session, from, to); // rename(2) replaces an empty folder, never a full one
     } catch (SftpFailure const& failed) {
@@ -345,7 +352,7 @@ p::StorageInfo SftpProvider::getProviderStorageInfo(p::StorageIRI const& locatio
     info.details.put("sftp.server", session->label());
     if (!session->supports("statvfs@openssh.com", "2")) return info;
     std::unique_ptr<sftp_statvfs_struct, void (*)(sftp_statvfs_t)> found(sftp_statvfs(session->sftp(), path.c_str()),
-                                                                          sftp_statvfs_free);
+                                                                         sftp_statvfs_free);
     if (!found) throw session->failure("cannot read the storage information");
     info.totalBytes = found->f_frsize * found->f_blocks;
     info.freeBytes = found->f_frsize * found->f_bfree;

@@ -7,7 +7,8 @@ using provider::ErrorCode;
 void renameKeeping(SftpSession& session, std::string const& from, std::string const& to) {
   if (sftp_rename(session.sftp(), from.c_str(), to.c_str()) >= 0) return;
   auto failed = session.failure("cannot rename");
-  if (!failed.connectionLost && session.lstat(to)) throw SftpFailure(ErrorCode::ResourceAlreadyExists, "the destination exists");
+  if (!failed.connectionLost && session.lstat(to))
+    throw SftpFailure(ErrorCode::ResourceAlreadyExists, "the destination exists");
   throw explained(session, failed, to);
 }
 

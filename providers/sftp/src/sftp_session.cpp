@@ -13,7 +13,8 @@ constexpr long connectTimeoutSeconds = 30;
 
 void setOption(ssh_session session, ssh_options_e option, void const* value, char const* what) {
   if (ssh_options_set(session, option, value) != SSH_OK)
-    throw SftpFailure(ErrorCode::InvalidLocation, std::string("cannot use the ") + what + ": " + ssh_get_error(session));
+    throw SftpFailure(ErrorCode::InvalidLocation,
+                      std::string("cannot use the ") + what + ": " + ssh_get_error(session));
 }
 
 void configure(ssh_session session, Target const& target, SftpSettings const& settings) {
@@ -23,7 +24,8 @@ void configure(ssh_session session, Target const& target, SftpSettings const& se
   if (!target.user.empty()) setOption(session, SSH_OPTIONS_USER, target.user.c_str(), "user name");
   if (target.port != 0) setOption(session, SSH_OPTIONS_PORT, &target.port, "port");
   if (ssh_options_parse_config(session, settings.configFile.empty() ? nullptr : settings.configFile.c_str()) != 0)
-    throw SftpFailure(ErrorCode::InvalidLocation, "cannot read the ssh configuration: " + std::string(ssh_get_error(session)));
+    throw SftpFailure(ErrorCode::InvalidLocation,
+                      "cannot read the ssh configuration: " + std::string(ssh_get_error(session)));
   if (!settings.knownHostsFile.empty())
     setOption(session, SSH_OPTIONS_KNOWNHOSTS, settings.knownHostsFile.c_str(), "known hosts file");
   if (!settings.identityFile.empty())
@@ -39,9 +41,8 @@ void authenticate(ssh_session session, std::string const& label) {
   if (rc == SSH_AUTH_ERROR)
     throw SftpFailure(ErrorCode::IOError, "authentication with " + label + " failed: " + ssh_get_error(session), -1,
                       ssh_is_connected(session) == 0);
-  throw SftpFailure(ErrorCode::PermissionDenied,
-                    "no key of the SSH agent or of the identity files is accepted by " + label +
-                        " (passwords are not used)");
+  throw SftpFailure(ErrorCode::PermissionDenied, "no key of the SSH agent or of the identity files is accepted by " +
+                                                     label + " (passwords are not used)");
 }
 
 } // namespace
@@ -119,7 +120,8 @@ bool SftpSession::supports(char const* extension, char const* version) const {
 
 SftpFailure SftpSession::failure(std::string const& what) const {
   if (!connected() || ssh_get_error_code(ssh_) == SSH_FATAL)
-    return SftpFailure(ErrorCode::IOError, what + ": the connection to " + label_ + " was lost (" + ssh_get_error(ssh_) + ")",
+    return SftpFailure(ErrorCode::IOError,
+                       what + ": the connection to " + label_ + " was lost (" + ssh_get_error(ssh_) + ")",
                        SSH_FX_CONNECTION_LOST, true);
   int const status = sftp_get_error(sftp_);
   std::string reason;

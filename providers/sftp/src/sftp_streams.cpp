@@ -97,7 +97,8 @@ public:
 
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override {
-    if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
+    if (!mode_.read)
+      p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
     std::lock_guard lock(session_->mutex());
     try {
       auto got = readAt(*session_, file_, position_, s, n);
@@ -109,7 +110,8 @@ protected:
   }
 
   std::streamsize doWrite(char const* s, std::streamsize n) override {
-    if (!mode_.write) p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
+    if (!mode_.write)
+      p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
     std::lock_guard lock(session_->mutex());
     try {
       // The server opened the file with O_APPEND: every write lands at its end.
@@ -161,8 +163,8 @@ struct Landing {
 
 class SftpTransactionalStream final : public p::TransactionalStream {
 public:
-  SftpTransactionalStream(std::shared_ptr<SftpSession> session, std::weak_ptr<SshConnection> connection,
-                          sftp_file file, StreamMode mode, std::uint64_t size, Landing landing)
+  SftpTransactionalStream(std::shared_ptr<SftpSession> session, std::weak_ptr<SshConnection> connection, sftp_file file,
+                          StreamMode mode, std::uint64_t size, Landing landing)
       : session_(std::move(session)), connection_(std::move(connection)), file_(file), mode_(mode), size_(size),
         landing_(std::move(landing)) {}
 
@@ -175,7 +177,8 @@ public:
 
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override {
-    if (!mode_.read) p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
+    if (!mode_.read)
+      p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
     std::lock_guard lock(session_->mutex());
     try {
       auto got = readAt(*session_, file_, position_, s, n);
@@ -332,7 +335,8 @@ std::unique_ptr<p::ByteStream> openWriteStream(std::shared_ptr<SftpSession> cons
 }
 
 std::unique_ptr<p::TransactionalStream> openTransaction(std::shared_ptr<SftpSession> const& session,
-                                                        std::weak_ptr<SshConnection> connection, std::string const& path,
+                                                        std::weak_ptr<SshConnection> connection,
+                                                        std::string const& path,
                                                         p::ByteStreamOpenOptions const& options) {
   Landing landing{path, temporaryBeside(path), options.create == p::ByteStreamCreate::MustExist, std::nullopt};
   auto const existing = session->stat(path);
@@ -343,7 +347,8 @@ std::unique_ptr<p::TransactionalStream> openTransaction(std::shared_ptr<SftpSess
     if (!parent || !isFolder(**parent)) throw SftpFailure(ErrorCode::ResourceNotFound, "the parent folder is missing");
   } else {
     // The rename would replace a read-only file, which only the folder's permission guards.
-    if (((*existing)->permissions & S_IWUSR) == 0) throw SftpFailure(ErrorCode::PermissionDenied, "the file is read-only");
+    if (((*existing)->permissions & S_IWUSR) == 0)
+      throw SftpFailure(ErrorCode::PermissionDenied, "the file is read-only");
     landing.permissions = (*existing)->permissions;
   }
   // Created readable by no more than the old file, so the new contents never leak.

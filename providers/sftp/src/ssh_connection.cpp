@@ -1,6 +1,5 @@
 #include "ssh_connection.hpp"
 
-
 namespace foundation::storage::providers::sftp::detail {
 
 std::shared_ptr<SshConnection> SshConnection::of(Target const& target, SftpSettings const& settings) {

@@ -20,7 +20,8 @@ boost::optional<std::string> contentsOf(p::IProvider& storage, p::StorageIRI con
   auto stream = storage.openReadOnlyStream(file);
   std::string bytes;
   char buffer[65536];
-  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
+  for (std::streamsize n; (n = stream->read(buffer, sizeof buffer)) > 0;)
+    bytes.append(buffer, static_cast<std::size_t>(n));
   stream->close();
   return bytes;
 }
@@ -30,8 +31,9 @@ void restore(p::IProvider& storage, p::StorageIRI const& file, boost::optional<s
     if (storage.fileExists(file)) storage.removeFile(file);
     return;
   }
-  auto stream = storage.openTransactionalStream(file, {p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
-                                                       p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
+  auto stream =
+      storage.openTransactionalStream(file, {p::ByteStreamAccess::WriteOnly, p::ByteStreamCreate::CreateIfMissing,
+                                             p::ByteStreamTruncate::Truncate, p::ByteStreamAppend::AtPosition});
   stream->write(contents->data(), static_cast<std::streamsize>(contents->size()));
   stream->close(p::StreamClosePolicy::Commit);
 }

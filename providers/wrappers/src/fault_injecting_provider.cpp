@@ -66,7 +66,9 @@ public:
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override { return gate_.read(*inner_, s, n); }
   std::streamsize doWrite(char const* s, std::streamsize n) override { return gate_.write(*inner_, s, n); }
-  std::streampos doSeek(std::streamoff off, std::ios_base::seekdir way) override { return gate_.seek(*inner_, off, way); }
+  std::streampos doSeek(std::streamoff off, std::ios_base::seekdir way) override {
+    return gate_.seek(*inner_, off, way);
+  }
   void doClose() override {
     gate_.beforeClose();
     inner_->close();
@@ -85,7 +87,9 @@ public:
 protected:
   std::streamsize doRead(char* s, std::streamsize n) override { return gate_.read(*inner_, s, n); }
   std::streamsize doWrite(char const* s, std::streamsize n) override { return gate_.write(*inner_, s, n); }
-  std::streampos doSeek(std::streamoff off, std::ios_base::seekdir way) override { return gate_.seek(*inner_, off, way); }
+  std::streampos doSeek(std::streamoff off, std::ios_base::seekdir way) override {
+    return gate_.seek(*inner_, off, way);
+  }
   void doClose(p::StreamClosePolicy const& policy) override {
     gate_.beforeClose();
     inner_->close(policy);
@@ -229,12 +233,14 @@ void FaultInjectingProvider::listed(p::StorageIRI const& folder) {
   }
 }
 
-std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::withoutDeniedContents(
-    p::StorageIRI const& folder, std::unique_ptr<p::IFolderEntryIterator> listing) {
+std::unique_ptr<p::IFolderEntryIterator>
+FaultInjectingProvider::withoutDeniedContents(p::StorageIRI const& folder,
+                                              std::unique_ptr<p::IFolderEntryIterator> listing) {
   std::vector<p::StorageIRI> below;
   {
     std::lock_guard lock(mutex_);
-    std::ranges::copy_if(denied_, std::back_inserter(below), [&](p::StorageIRI const& d) { return folder.isAncestorOf(d); });
+    std::ranges::copy_if(denied_, std::back_inserter(below),
+                         [&](p::StorageIRI const& d) { return folder.isAncestorOf(d); });
   }
   if (below.empty()) return listing;
   return std::make_unique<detail::ListingWithoutContents>(std::move(listing), folder, std::move(below));
@@ -247,7 +253,8 @@ boost::optional<FaultInjectingProvider::StreamFault> FaultInjectingProvider::str
   return boost::none;
 }
 
-std::unique_ptr<p::ByteStream> FaultInjectingProvider::faulty(p::StorageIRI const& file, std::unique_ptr<p::ByteStream> stream) {
+std::unique_ptr<p::ByteStream> FaultInjectingProvider::faulty(p::StorageIRI const& file,
+                                                              std::unique_ptr<p::ByteStream> stream) {
   auto fault = streamFaultFor(file);
   if (!fault) return stream;
   return std::make_unique<FaultyStream>(std::move(stream), *fault);
@@ -285,7 +292,8 @@ bool FaultInjectingProvider::folderExists(p::StorageIRI const& location) {
   return !isVanished(location) && inner().folderExists(location);
 }
 
-std::unique_ptr<p::ByteStream> FaultInjectingProvider::openStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::ByteStream> FaultInjectingProvider::openStream(p::StorageIRI const& file,
+                                                                  p::ByteStreamOpenOptions const& options) {
   auto stream = ForwardingProvider::openStream(file, options);
   if (ledger_->tracking()) stream = std::make_unique<detail::CrashAwareStream>(std::move(stream), ledger_);
   return faulty(file, std::move(stream));
@@ -293,8 +301,8 @@ std::unique_ptr<p::ByteStream> FaultInjectingProvider::openStream(p::StorageIRI 
 std::unique_ptr<p::ByteStream> FaultInjectingProvider::openReadOnlyStream(p::StorageIRI const& file) {
   return faulty(file, ForwardingProvider::openReadOnlyStream(file));
 }
-std::unique_ptr<p::TransactionalStream> FaultInjectingProvider::openTransactionalStream(p::StorageIRI const& file,
-                                                                                       p::ByteStreamOpenOptions const& options) {
+std::unique_ptr<p::TransactionalStream>
+FaultInjectingProvider::openTransactionalStream(p::StorageIRI const& file, p::ByteStreamOpenOptions const& options) {
   auto stream = ForwardingProvider::openTransactionalStream(file, options);
   if (ledger_->tracking())
     stream = std::make_unique<detail::CrashAwareTransactionalStream>(std::move(stream), ledger_, getInner(), file);
@@ -316,7 +324,8 @@ void FaultInjectingProvider::removeFolderRecursively(p::StorageIRI const& folder
 }
 
 // Operations on two locations: the hook sees the first, the second is checked here.
-void FaultInjectingProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void FaultInjectingProvider::moveFile(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                      p::ReplacementPolicy policy) {
   checkPresent(destination, "moveFile");
   ForwardingProvider::moveFile(source, destination, policy);
   ledger_->forget(source);
@@ -332,7 +341,8 @@ p::CopyResult FaultInjectingProvider::copyFile(p::StorageIRI const& source, p::S
   if (landsHere && result == p::CopyResult::Copied) ledger_->landed(destination.getLocation(), replacesAFile);
   return result;
 }
-void FaultInjectingProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination, p::ReplacementPolicy policy) {
+void FaultInjectingProvider::moveFolder(p::StorageIRI const& source, p::StorageIRI const& destination,
+                                        p::ReplacementPolicy policy) {
   checkPresent(destination, "moveFolder");
   ForwardingProvider::moveFolder(source, destination, policy);
   ledger_->forget(source);
@@ -340,12 +350,12 @@ void FaultInjectingProvider::moveFolder(p::StorageIRI const& source, p::StorageI
 }
 
 // Listings arm the folders that vanish once their parent was listed.
-#define FAULT_INJECTING_LISTING(name)                                                                         \
-  std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::name(p::StorageIRI const& folder,          \
-                                                                        std::u16string const& pattern) {      \
-    auto cursor = ForwardingProvider::name(folder, pattern);                                                  \
-    listed(folder);                                                                                           \
-    return cursor;                                                                                            \
+#define FAULT_INJECTING_LISTING(name)                                                                                  \
+  std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::name(p::StorageIRI const& folder,                   \
+                                                                        std::u16string const& pattern) {               \
+    auto cursor = ForwardingProvider::name(folder, pattern);                                                           \
+    listed(folder);                                                                                                    \
+    return cursor;                                                                                                     \
   }
 FAULT_INJECTING_LISTING(listAllNamesOnly)
 FAULT_INJECTING_LISTING(listFilesNamesOnly)
@@ -356,8 +366,8 @@ FAULT_INJECTING_LISTING(listFolders)
 #undef FAULT_INJECTING_LISTING
 
 // The wrapped provider's recursive listing enters every folder, the denied ones too.
-std::unique_ptr<p::IFolderEntryIterator> FaultInjectingProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
-                                                                                           std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator>
+FaultInjectingProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
   auto cursor = ForwardingProvider::listAllRecursiveNamesOnly(folder, pattern);
   listed(folder);
   return withoutDeniedContents(folder, std::move(cursor));
@@ -375,13 +385,15 @@ void FaultInjectingProvider::publishFileEvents(p::StorageIRI const& file, p::Cha
   ForwardingProvider::publishFileEvents(file, std::move(callback), kinds);
 }
 void FaultInjectingProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
-                                                 std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
+                                                 std::vector<events::Kind> const& kinds,
+                                                 p::RecursiveWatching recursive) {
   checkChangeEvents(folder);
   ForwardingProvider::publishFolderEvents(folder, std::move(callback), kinds, recursive);
 }
 void FaultInjectingProvider::startChangePollingMechanism(p::StorageIRI const& folder, p::ChangeCallback callback,
                                                          std::vector<events::Kind> const& kinds,
-                                                         std::chrono::milliseconds interval, p::RecursivePolling recursive) {
+                                                         std::chrono::milliseconds interval,
+                                                         p::RecursivePolling recursive) {
   checkChangeEvents(folder);
   ForwardingProvider::startChangePollingMechanism(folder, std::move(callback), kinds, interval, recursive);
 }

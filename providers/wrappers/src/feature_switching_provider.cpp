@@ -32,30 +32,37 @@ void FeatureSwitchingProvider::requireRecursiveListing(p::StorageIRI const& fold
     p::fail(p::ErrorCode::UnsupportedOperation, folder, u"features.listRecursive", "recursive listing is switched off");
 }
 
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAllNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAllNamesOnly(p::StorageIRI const& folder,
+                                                                                    std::u16string const& pattern) {
   return ForwardingProvider::listAllNamesOnly(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFilesNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFilesNamesOnly(p::StorageIRI const& folder,
+                                                                                      std::u16string const& pattern) {
   return ForwardingProvider::listFilesNamesOnly(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFoldersNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFoldersNamesOnly(p::StorageIRI const& folder,
+                                                                                        std::u16string const& pattern) {
   return ForwardingProvider::listFoldersNamesOnly(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAll(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAll(p::StorageIRI const& folder,
+                                                                           std::u16string const& pattern) {
   return ForwardingProvider::listAll(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFiles(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFiles(p::StorageIRI const& folder,
+                                                                             std::u16string const& pattern) {
   return ForwardingProvider::listFiles(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFolders(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listFolders(p::StorageIRI const& folder,
+                                                                               std::u16string const& pattern) {
   return ForwardingProvider::listFolders(folder, flatPattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder,
-                                                                                             std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator>
+FeatureSwitchingProvider::listAllRecursiveNamesOnly(p::StorageIRI const& folder, std::u16string const& pattern) {
   requireRecursiveListing(folder);
   return ForwardingProvider::listAllRecursiveNamesOnly(folder, recursivePattern(pattern));
 }
-std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAllRecursive(p::StorageIRI const& folder, std::u16string const& pattern) {
+std::unique_ptr<p::IFolderEntryIterator> FeatureSwitchingProvider::listAllRecursive(p::StorageIRI const& folder,
+                                                                                    std::u16string const& pattern) {
   requireRecursiveListing(folder);
   return ForwardingProvider::listAllRecursive(folder, recursivePattern(pattern));
 }
@@ -68,7 +75,8 @@ void FeatureSwitchingProvider::removeFolderRecursively(p::StorageIRI const& fold
 }
 
 void FeatureSwitchingProvider::publishFolderEvents(p::StorageIRI const& folder, p::ChangeCallback callback,
-                                                   std::vector<events::Kind> const& kinds, p::RecursiveWatching recursive) {
+                                                   std::vector<events::Kind> const& kinds,
+                                                   p::RecursiveWatching recursive) {
   if (recursive == p::RecursiveWatching::Yes && isDisabled(p::ExtendedFeature::RecursiveChangeEvents))
     p::raise(p::ChangeEventsNotSupportedException(folder, "recursive change events are switched off"));
   ForwardingProvider::publishFolderEvents(folder, std::move(callback), kinds, recursive);

@@ -42,17 +42,24 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
   });
   // Archives reach their files through this system, whatever provider holds them.
   auto outer = [this](provider::StorageIRI const& file) { return buildProvider(file); };
-  registerProvider(u"zip", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::ZipProvider>(outer); });
-  registerProvider(u"tar", [outer](provider::StorageIRI const&) { return std::make_shared<providers::archive::TarProvider>(outer); });
+  registerProvider(u"zip", [outer](provider::StorageIRI const&) {
+    return std::make_shared<providers::archive::ZipProvider>(outer);
+  });
+  registerProvider(u"tar", [outer](provider::StorageIRI const&) {
+    return std::make_shared<providers::archive::TarProvider>(outer);
+  });
   registerProvider(u"s3", [](provider::StorageIRI const& root) -> std::shared_ptr<provider::IProvider> {
     if (root.getAuthority().empty())
-      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "s3 locations name their bucket");
-    return std::make_shared<providers::s3::S3Provider>(root.getAuthority(), providers::s3::S3Settings::fromEnvironment());
+      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider",
+                     "s3 locations name their bucket");
+    return std::make_shared<providers::s3::S3Provider>(root.getAuthority(),
+                                                       providers::s3::S3Settings::fromEnvironment());
   });
   // One provider per "[user@]host[:port]"; providers of the same server share its session.
   registerProvider(u"sftp", [](provider::StorageIRI const& root) -> std::shared_ptr<provider::IProvider> {
     if (root.getAuthority().empty())
-      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider", "sftp locations name their host");
+      provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider",
+                     "sftp locations name their host");
     return std::make_shared<providers::sftp::SftpProvider>(root.getAuthority());
   });
 }

@@ -14,7 +14,7 @@ namespace provider = foundation::storage::provider;
 int errnoFor(vfs::ErrorCode code, bool renaming) noexcept {
   if (renaming && code == vfs::ErrorCode::UnsupportedOperation) return EXDEV;
   switch (code) {
-#define VFS_MOUNT_ERRNO(name, providerValue, libraryValue, failureClass, ...)                        \
+#define VFS_MOUNT_ERRNO(name, providerValue, libraryValue, failureClass, ...)                                          \
   case vfs::ErrorCode::name: return provider::error_code_table::shownErrno({__VA_ARGS__});
     FOUNDATION_STORAGE_ERROR_CODES(VFS_MOUNT_ERRNO)
 #undef VFS_MOUNT_ERRNO

@@ -60,7 +60,7 @@ NodeId InodeTable::remember(NodeId parent, std::string const& name, NodeKind kin
   auto const known = byName_.find({parent, name});
   if (known != byName_.end()) {
     Node& node = nodes_.at(known->second);
-    node.kind = kind;  // something else may stand there now
+    node.kind = kind; // something else may stand there now
     ++node.lookups;
     return known->second;
   }

@@ -50,7 +50,7 @@ public:
 
 private:
   struct Node {
-    NodeId parent;  ///< 0 once detached
+    NodeId parent; ///< 0 once detached
     std::string name;
     NodeKind kind;
     std::uint64_t lookups;

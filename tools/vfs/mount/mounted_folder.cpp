@@ -26,7 +26,7 @@ namespace {
 
 namespace pt = boost::posix_time;
 
-constexpr unsigned TransferSize = 1 << 20;  // bytes a read or write request may carry
+constexpr unsigned TransferSize = 1 << 20; // bytes a read or write request may carry
 constexpr blksize_t BlockSize = 4096;
 
 pt::ptime const Epoch(boost::gregorian::date(1970, 1, 1));
@@ -149,7 +149,7 @@ struct stat MountedFolder::attributesOf(vfs::AbsoluteIRI const& location, NodeKi
 }
 
 fuse_entry_param MountedFolder::entryFor(NodeId parent, std::string const& name, NodeKind kind,
-                                        struct stat const& attributes) {
+                                         struct stat const& attributes) {
   fuse_entry_param entry{};
   entry.ino = nodes_.remember(parent, name, kind);
   entry.attr = attributes;
@@ -161,7 +161,7 @@ fuse_entry_param MountedFolder::entryFor(NodeId parent, std::string const& name,
 void MountedFolder::replyEntry(fuse_req_t request, NodeId parent, std::string const& name, NodeKind kind,
                                struct stat const& attributes) {
   auto const entry = entryFor(parent, name, kind, attributes);
-  if (fuse_reply_entry(request, &entry) != 0) nodes_.forget(entry.ino, 1);  // the kernel never got it
+  if (fuse_reply_entry(request, &entry) != 0) nodes_.forget(entry.ino, 1); // the kernel never got it
 }
 
 void MountedFolder::init(fuse_conn_info* connection) {
@@ -196,9 +196,11 @@ void MountedFolder::getattr(fuse_req_t request, NodeId node, fuse_file_info*) {
 
 void MountedFolder::setattr(fuse_req_t request, NodeId node, struct stat* wanted, int toSet, fuse_file_info* info) {
   answer(request, [&] {
-    if ((toSet & FUSE_SET_ATTR_UID && wanted->st_uid != owner_) || (toSet & FUSE_SET_ATTR_GID && wanted->st_gid != group_))
+    if ((toSet & FUSE_SET_ATTR_UID && wanted->st_uid != owner_) ||
+        (toSet & FUSE_SET_ATTR_GID && wanted->st_gid != group_))
       throw vfs::Exception(vfs::ErrorCode::PermissionDenied, root_.getLocation());
-    bool const changes = toSet & (FUSE_SET_ATTR_SIZE | FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW);
+    bool const changes =
+        toSet & (FUSE_SET_ATTR_SIZE | FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW);
     if (changes) refuseWhenReadOnly();
     auto const location = where(node);
     NodeKind kind = nodes_.kind(node).value_or(NodeKind::File);
@@ -227,7 +229,8 @@ void MountedFolder::showPendingSize(NodeId node, struct stat& attributes) const 
   }
 }
 
-void MountedFolder::truncate(NodeId node, vfs::AbsoluteIRI const& location, fuse_file_info const* info, std::uint64_t size) {
+void MountedFolder::truncate(NodeId node, vfs::AbsoluteIRI const& location, fuse_file_info const* info,
+                             std::uint64_t size) {
   OpenFile* const own = info ? &handleOf(info).file : nullptr;
   if (own) {
     own->truncate(size);
@@ -265,7 +268,8 @@ void MountedFolder::unlink(fuse_req_t request, NodeId parent, char const* name) 
 void MountedFolder::rmdir(fuse_req_t request, NodeId parent, char const* name) {
   answer(request, [&] {
     refuseWhenReadOnly();
-    vfs::Folder(whereChild(parent, name), root_.getStorageSystem()).removeFolder(vfs::FolderRemovalPolicy::NonRecursive);
+    vfs::Folder(whereChild(parent, name), root_.getStorageSystem())
+        .removeFolder(vfs::FolderRemovalPolicy::NonRecursive);
     nodes_.removed(parent, name);
     fuse_reply_err(request, 0);
   });
@@ -289,8 +293,8 @@ void MountedFolder::rename(fuse_req_t request, NodeId parent, char const* name, 
 MountedFolder::Handle* MountedFolder::openHandle(NodeId node, vfs::AbsoluteIRI const& location, int flags) {
   bool const writing = (flags & O_ACCMODE) != O_RDONLY;
   if (writing) refuseWhenReadOnly();
-  std::unique_ptr<Handle> owned(
-      new Handle{node, writing, OpenFile(vfs::File(location, root_.getStorageSystem()), writing, (flags & O_TRUNC) != 0)});
+  std::unique_ptr<Handle> owned(new Handle{
+      node, writing, OpenFile(vfs::File(location, root_.getStorageSystem()), writing, (flags & O_TRUNC) != 0)});
   auto* handle = owned.get();
   {
     std::lock_guard lock(handlesMutex_);
@@ -331,7 +335,7 @@ void MountedFolder::open(fuse_req_t request, NodeId node, fuse_file_info* info) 
   answer(request, [&] {
     auto* handle = openHandle(node, where(node), info->flags);
     info->fh = reinterpret_cast<std::uint64_t>(handle);
-    if (fuse_reply_open(request, info) != 0) closeHandle(handle);  // the program went away meanwhile
+    if (fuse_reply_open(request, info) != 0) closeHandle(handle); // the program went away meanwhile
   });
 }
 
@@ -423,7 +427,8 @@ void MountedFolder::readdir(fuse_req_t request, NodeId node, std::size_t size, o
       auto entries = vfs::Folder(where(node), root_.getStorageSystem()).listAllEntries();
       for (auto const& entry : entries) {
         if (auto const* file = boost::get<vfs::FileEntry>(&entry)) {
-          listing.entries.push_back({fl::i18n::to_utf8(file->getName()), NodeKind::File, fileAttributes(file->getAttributes())});
+          listing.entries.push_back(
+              {fl::i18n::to_utf8(file->getName()), NodeKind::File, fileAttributes(file->getAttributes())});
         } else {
           auto const& folder = boost::get<vfs::FolderEntry>(entry);
           listing.entries.push_back(
@@ -442,11 +447,11 @@ void MountedFolder::readdir(fuse_req_t request, NodeId node, std::size_t size, o
       if (plus) {
         auto const param = entryFor(node, entry.name, entry.kind, entry.attributes);
         added = fuse_add_direntry_plus(request, at, room, entry.name.c_str(), &param, next);
-        if (added > room) nodes_.forget(param.ino, 1);  // not sent: the kernel holds no reference
+        if (added > room) nodes_.forget(param.ino, 1); // not sent: the kernel holds no reference
       } else {
         struct stat attributes {};
         attributes.st_mode = entry.attributes.st_mode;
-        attributes.st_ino = std::hash<std::string>{}(entry.name) | 1;  // only for d_ino; a lookup gives the node
+        attributes.st_ino = std::hash<std::string>{}(entry.name) | 1; // only for d_ino; a lookup gives the node
         added = fuse_add_direntry(request, at, room, entry.name.c_str(), &attributes, next);
       }
       if (added > room) break;

@@ -127,7 +127,8 @@ bool OpenFile::resizeTransaction(std::uint64_t size) {
     seekTo(*transaction_, 0);
     std::uint64_t copied = 0;
     while (copied < size) {
-      auto const n = transaction_->stream().read(chunk.data(), static_cast<std::streamsize>(std::min(size - copied, ChunkSize)));
+      auto const n =
+          transaction_->stream().read(chunk.data(), static_cast<std::streamsize>(std::min(size - copied, ChunkSize)));
       if (n <= 0) break;
       position_ += static_cast<std::uint64_t>(n);
       shorter.write(chunk.data(), n);

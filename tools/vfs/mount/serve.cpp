@@ -36,7 +36,7 @@ bool serve(MountedFolder& folder, std::string const& mountpoint, std::string con
   auto const& ops = MountedFolder::operations();
   std::unique_ptr<fuse_session, void (*)(fuse_session*)> session(fuse_session_new(&args, &ops, sizeof ops, &folder),
                                                                  fuse_session_destroy);
-  fuse_opt_free_args(&args);  // what parsing allocated; the session keeps its own copies
+  fuse_opt_free_args(&args); // what parsing allocated; the session keeps its own copies
   if (!session) return false;
   if (fuse_set_signal_handlers(session.get()) != 0) return false;
   if (fuse_session_mount(session.get(), mountpoint.c_str()) != 0) {
@@ -63,7 +63,8 @@ int unmount(std::string const& mountpoint, bool& detached) {
     if (int failed = ::posix_spawnp(&child, "fusermount3", nullptr, nullptr, const_cast<char**>(arguments), environ))
       return failed;
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : EPERM;
   }
   if (error == EBUSY && ::umount2(mountpoint.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {

@@ -20,11 +20,9 @@ FOUNDATION_API std::string to_utf8(std::u16string_view utf16);
 
 /// UTF-16 to the named narrow encoding ("UTF-8", "ISO-8859-1", ...). Throws
 /// std::runtime_error for an unknown encoding.
-FOUNDATION_API std::string codecvt_ustring_to_string(std::u16string_view text,
-                                                     std::string const& encoding = "UTF-8");
+FOUNDATION_API std::string codecvt_ustring_to_string(std::u16string_view text, std::string const& encoding = "UTF-8");
 /// The named narrow encoding to UTF-16. Throws std::runtime_error for an unknown encoding.
-FOUNDATION_API std::u16string codecvt_string_to_ustring(std::string_view text,
-                                                        std::string const& encoding = "UTF-8");
+FOUNDATION_API std::u16string codecvt_string_to_ustring(std::string_view text, std::string const& encoding = "UTF-8");
 
 /// Strict conversions: throw std::invalid_argument on any invalid sequence instead of
 /// skipping it. For parsers, where silently dropping input would change its meaning.
@@ -38,14 +36,10 @@ FOUNDATION_API std::u16string fold_case(std::u16string_view text);
 
 /// Character classes of the ASCII range only, independent of the global C locale.
 namespace lcctype {
-constexpr bool isalpha_ascii(char32_t c) noexcept {
-  return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z');
-}
+constexpr bool isalpha_ascii(char32_t c) noexcept { return (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z'); }
 constexpr bool isdigit_ascii(char32_t c) noexcept { return c >= U'0' && c <= U'9'; }
 constexpr bool isalnum_ascii(char32_t c) noexcept { return isalpha_ascii(c) || isdigit_ascii(c); }
-constexpr char32_t tolower_ascii(char32_t c) noexcept {
-  return (c >= U'A' && c <= U'Z') ? c + (U'a' - U'A') : c;
-}
+constexpr char32_t tolower_ascii(char32_t c) noexcept { return (c >= U'A' && c <= U'Z') ? c + (U'a' - U'A') : c; }
 } // namespace lcctype
 
 } // namespace fl::i18n

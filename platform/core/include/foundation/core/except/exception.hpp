@@ -77,12 +77,15 @@ struct NoBoostException {};
 /// Boost error information (a nested cause, say) can be attached to every anonymous
 /// internal exception; `T` may already provide the container.
 template <class T>
-using BoostExceptionBase = std::conditional_t<std::is_base_of_v<boost::exception, T>, NoBoostException, boost::exception>;
+using BoostExceptionBase =
+    std::conditional_t<std::is_base_of_v<boost::exception, T>, NoBoostException, boost::exception>;
 
 /// Wraps any exception type `T` as an internal exception without a throw location, so that
 /// handlers for `T` (for example `std::runtime_error`) still catch it.
 template <class T>
-class FOUNDATION_API AnonymousInternalException final : public T, public IInternalException, public BoostExceptionBase<T> {
+class FOUNDATION_API AnonymousInternalException final : public T,
+                                                        public IInternalException,
+                                                        public BoostExceptionBase<T> {
 public:
   template <class... Args>
   explicit AnonymousInternalException(Args&&... args) : T(std::forward<Args>(args)...) {}

@@ -2,8 +2,8 @@
 
 #include <foundation/msg_svc/eventmgr/type_information.hpp>
 
-#include <boost/shared_ptr.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 
 #include <algorithm>
 #include <cstddef>

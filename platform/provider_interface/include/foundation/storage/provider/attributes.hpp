@@ -32,8 +32,7 @@ private:
 class FileAttributes {
 public:
   FileAttributes() = default;
-  FileAttributes(std::uint64_t size, boost::posix_time::ptime lastModified, bool writable, bool hidden,
-                 bool symlink)
+  FileAttributes(std::uint64_t size, boost::posix_time::ptime lastModified, bool writable, bool hidden, bool symlink)
       : size_(size), lastModified_(lastModified), writable_(writable), hidden_(hidden), symlink_(symlink) {}
 
   std::uint64_t getSize() const noexcept { return size_; }

@@ -88,9 +88,7 @@ public:
   }
   void close() { stream_->close(); }
   /// Ends a transaction with the given policy.
-  void close(StreamClosePolicy const& policy)
-    requires std::derived_from<S, TransactionalStream>
-  {
+  void close(StreamClosePolicy const& policy) requires std::derived_from<S, TransactionalStream> {
     stream_->close(policy);
   }
 

@@ -71,7 +71,7 @@ inline constexpr std::uint32_t libraryValues[] = {
 static_assert(rows == static_cast<std::uint32_t>(ErrorCode::Unknown) + 1, "every provider code needs a row");
 static_assert(numbersEveryCodeOnce(providerValues), "the provider numbers must name every code once");
 static_assert(numbersEveryCodeOnce(libraryValues), "the library numbers must name every code once");
-#define FOUNDATION_STORAGE_CHECK_PROVIDER_VALUE(name, providerValue, ...)                            \
+#define FOUNDATION_STORAGE_CHECK_PROVIDER_VALUE(name, providerValue, ...)                                              \
   static_assert(static_cast<std::uint32_t>(ErrorCode::name) == (providerValue), "provider::ErrorCode::" #name);
 FOUNDATION_STORAGE_ERROR_CODES(FOUNDATION_STORAGE_CHECK_PROVIDER_VALUE)
 #undef FOUNDATION_STORAGE_CHECK_PROVIDER_VALUE

@@ -9,9 +9,9 @@
 namespace foundation::storage::provider {
 
 /// Passes every operation to a wrapped provider, so that a wrapper overrides only what it
-/// changes. Every call first passes `beforeCall`, the one place to count, check or fail calls. The optional extensions are forwarded when the wrapped provider has them and
-/// do nothing otherwise. A copy whose destination is served by this wrapper reaches the
-/// wrapped provider with the destination unwrapped, so native copies stay native.
+/// changes. Every call first passes `beforeCall`, the one place to count, check or fail calls. The optional extensions
+/// are forwarded when the wrapped provider has them and do nothing otherwise. A copy whose destination is served by
+/// this wrapper reaches the wrapped provider with the destination unwrapped, so native copies stay native.
 class FOUNDATION_API ForwardingProvider : public IProvider,
                                           public extensions::IInvalidatable,
                                           public extensions::IFlushableFilesystem {
@@ -36,9 +36,11 @@ public:
   void truncateToSize(StorageIRI const& file, std::uint64_t size) override;
   std::unique_ptr<ByteStream> openStream(StorageIRI const& file, ByteStreamOpenOptions const& options) override;
   std::unique_ptr<ByteStream> openReadOnlyStream(StorageIRI const& file) override;
-  std::unique_ptr<TransactionalStream> openTransactionalStream(StorageIRI const& file, ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<TransactionalStream> openTransactionalStream(StorageIRI const& file,
+                                                               ByteStreamOpenOptions const& options) override;
   void moveFile(StorageIRI const& source, StorageIRI const& destination, ReplacementPolicy policy) override;
-  CopyResult copyFile(StorageIRI const& source, StorageItem const& destination, CopyFileOptions const& options) override;
+  CopyResult copyFile(StorageIRI const& source, StorageItem const& destination,
+                      CopyFileOptions const& options) override;
   void createFolder(StorageIRI const& folder) override;
   void createFolderRecursive(StorageIRI const& folder) override;
   void removeFolder(StorageIRI const& folder) override;
@@ -46,23 +48,32 @@ public:
   void moveFolder(StorageIRI const& source, StorageIRI const& destination, ReplacementPolicy policy) override;
   FilenameSensitivity getFilenameSensitivity(StorageIRI const& location) override;
   PathComparatorFunction getPathComparator(StorageIRI const& location) override;
-  std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder,
+                                                         std::u16string const& pattern) override;
+  std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder,
+                                                           std::u16string const& pattern) override;
+  std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder,
+                                                             std::u16string const& pattern) override;
   std::unique_ptr<IFolderEntryIterator> listAll(StorageIRI const& folder, std::u16string const& pattern) override;
   std::unique_ptr<IFolderEntryIterator> listFiles(StorageIRI const& folder, std::u16string const& pattern) override;
   std::unique_ptr<IFolderEntryIterator> listFolders(StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<IFolderEntryIterator> listAllRecursiveNamesOnly(StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<IFolderEntryIterator> listAllRecursive(StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<IFolderEntryIterator> listAllRecursiveNamesOnly(StorageIRI const& folder,
+                                                                  std::u16string const& pattern) override;
+  std::unique_ptr<IFolderEntryIterator> listAllRecursive(StorageIRI const& folder,
+                                                         std::u16string const& pattern) override;
   bool hasFeature(ExtendedFeature feature) override;
   void configure(StorageIRI const& location, boost::property_tree::ptree settings) override;
   void shutdownProvider(StorageIRI const& location) override;
   StorageInfo getProviderStorageInfo(StorageIRI const& location) override;
-  void publishFileEvents(StorageIRI const& file, ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void publishFileEvents(StorageIRI const& file, ChangeCallback callback,
+                         std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(StorageIRI const& file) override;
-  void publishFolderEvents(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds, RecursiveWatching recursive) override;
+  void publishFolderEvents(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds,
+                           RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(StorageIRI const& folder) override;
-  void startChangePollingMechanism(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval, RecursivePolling recursive) override;
+  void startChangePollingMechanism(StorageIRI const& folder, ChangeCallback callback,
+                                   std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
+                                   RecursivePolling recursive) override;
   void stopChangePollingMechanism(StorageIRI const& folder) override;
 
   void invalidate(StorageIRI const& location) override;

@@ -24,9 +24,8 @@ class StorageItem;
 /// Receives one change: what happened, the location that was subscribed, the item that
 /// changed, its kind, and extra data ("renamedFrom" for renames). Called on the provider's
 /// notifying thread; it must not throw (a provider swallows what it throws).
-using ChangeCallback = std::function<void(events::Kind const&, StorageIRI const& subscription,
-                                          StorageIRI const& item, events::EntryType const&,
-                                          boost::property_tree::ptree)>;
+using ChangeCallback = std::function<void(events::Kind const&, StorageIRI const& subscription, StorageIRI const& item,
+                                          events::EntryType const&, boost::property_tree::ptree)>;
 
 /// The operations of one storage back end, each on a location of its scheme.
 ///
@@ -105,17 +104,23 @@ public:
 
   /// Listings of a folder's children, optionally filtered by a `*`/`?` pattern on names
   /// (FlatWildcardListing). Names-only listings carry no attributes.
-  virtual std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder, std::u16string const& pattern) = 0;
-  virtual std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder, std::u16string const& pattern) = 0;
-  virtual std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder, std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder,
+                                                                 std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder,
+                                                                   std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder,
+                                                                     std::u16string const& pattern) = 0;
   virtual std::unique_ptr<IFolderEntryIterator> listAll(StorageIRI const& folder, std::u16string const& pattern) = 0;
   virtual std::unique_ptr<IFolderEntryIterator> listFiles(StorageIRI const& folder, std::u16string const& pattern) = 0;
-  virtual std::unique_ptr<IFolderEntryIterator> listFolders(StorageIRI const& folder, std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listFolders(StorageIRI const& folder,
+                                                            std::u16string const& pattern) = 0;
   /// Every item below the folder, depth first, a folder right before its contents; names
   /// are relative paths ("sub/a.txt"). The pattern tests the last segment only and every
   /// folder is entered (RecursiveListing, RecursiveWildcardListing).
-  virtual std::unique_ptr<IFolderEntryIterator> listAllRecursiveNamesOnly(StorageIRI const& folder, std::u16string const& pattern) = 0;
-  virtual std::unique_ptr<IFolderEntryIterator> listAllRecursive(StorageIRI const& folder, std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listAllRecursiveNamesOnly(StorageIRI const& folder,
+                                                                          std::u16string const& pattern) = 0;
+  virtual std::unique_ptr<IFolderEntryIterator> listAllRecursive(StorageIRI const& folder,
+                                                                 std::u16string const& pattern) = 0;
 
   virtual bool hasFeature(ExtendedFeature feature) = 0;
   /// Applies provider-specific settings; unknown keys are InvalidLocation.
@@ -134,8 +139,8 @@ public:
   virtual void stopPublishingFolderEvents(StorageIRI const& folder) = 0;
   /// Reports changes found by comparing listings at the interval.
   virtual void startChangePollingMechanism(StorageIRI const& folder, ChangeCallback callback,
-                                           std::vector<events::Kind> const& kinds,
-                                           std::chrono::milliseconds interval, RecursivePolling recursive) = 0;
+                                           std::vector<events::Kind> const& kinds, std::chrono::milliseconds interval,
+                                           RecursivePolling recursive) = 0;
   virtual void stopChangePollingMechanism(StorageIRI const& folder) = 0;
 };
 

@@ -103,8 +103,10 @@ public:
   PathComparatorFunction getPathComparator(StorageIRI const& location) override;
 
   std::unique_ptr<IFolderEntryIterator> listAllNamesOnly(StorageIRI const& folder, std::u16string const& pattern) final;
-  std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder, std::u16string const& pattern) final;
-  std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder, std::u16string const& pattern) final;
+  std::unique_ptr<IFolderEntryIterator> listFilesNamesOnly(StorageIRI const& folder,
+                                                           std::u16string const& pattern) final;
+  std::unique_ptr<IFolderEntryIterator> listFoldersNamesOnly(StorageIRI const& folder,
+                                                             std::u16string const& pattern) final;
   std::unique_ptr<IFolderEntryIterator> listAll(StorageIRI const& folder, std::u16string const& pattern) final;
   std::unique_ptr<IFolderEntryIterator> listFiles(StorageIRI const& folder, std::u16string const& pattern) final;
   std::unique_ptr<IFolderEntryIterator> listFolders(StorageIRI const& folder, std::u16string const& pattern) final;
@@ -123,7 +125,8 @@ public:
   StorageInfo getProviderStorageInfo(StorageIRI const& location) override;
 
   /// Without native events: ChangeEventsNotSupportedException; stopping is a no-op.
-  void publishFileEvents(StorageIRI const& file, ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void publishFileEvents(StorageIRI const& file, ChangeCallback callback,
+                         std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(StorageIRI const& file) override;
   void publishFolderEvents(StorageIRI const& folder, ChangeCallback callback, std::vector<events::Kind> const& kinds,
                            RecursiveWatching recursive) override;
@@ -151,7 +154,8 @@ protected:
                                                                          ByteStreamOpenOptions const& options) = 0;
   virtual void doMoveFile(StorageIRI const& source, StorageIRI const& destination, ReplacementPolicy policy) = 0;
   /// By default through byte streams (`copyFileThroughStreams`), to any provider.
-  virtual CopyResult doCopyFile(StorageIRI const& source, StorageItem const& destination, CopyFileOptions const& options);
+  virtual CopyResult doCopyFile(StorageIRI const& source, StorageItem const& destination,
+                                CopyFileOptions const& options);
   virtual void doMoveFolder(StorageIRI const& source, StorageIRI const& destination, ReplacementPolicy policy) = 0;
 
   /// "<name>.<operation>", the context key of every failure this provider raises.

@@ -104,8 +104,7 @@ FOUNDATION_API StorageIRI toStorageIRI(std::u16string const& scheme, fl::filesys
 /// As `toStorageIRI`, after resolving symbolic links and dot segments on the local file
 /// system (realpath; a relative path is taken from the current folder). A missing path is
 /// ResourceNotFound; other failures map from errno.
-FOUNDATION_API StorageIRI toCanonicalizedStorageIRI(std::u16string const& scheme,
-                                                    fl::filesystem::path const& path);
+FOUNDATION_API StorageIRI toCanonicalizedStorageIRI(std::u16string const& scheme, fl::filesystem::path const& path);
 /// The local path of a location; InvalidLocation for a nested IRI or one without path.
 FOUNDATION_API fl::filesystem::path fromStorageIRI(StorageIRI const& iri);
 

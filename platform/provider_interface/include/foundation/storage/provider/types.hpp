@@ -111,8 +111,7 @@ enum class FilenameSensitivity : std::uint32_t { CaseSensitive = 0, CaseInsensit
 enum class CaseModifier : std::uint32_t { ProviderDefault = 0, CaseSensitive = 1, CaseInsensitive = 2 };
 
 /// Equality of two names or paths under a case rule (`IProvider::getPathComparator`).
-using PathComparatorFunction =
-    std::function<bool(std::u16string const&, std::u16string const&, CaseModifier)>;
+using PathComparatorFunction = std::function<bool(std::u16string const&, std::u16string const&, CaseModifier)>;
 
 /// The comparator of a provider whose names have `sensitivity`: equality of the two texts,
 /// after Unicode case folding when the modifier (or, for ProviderDefault, the provider)

@@ -96,9 +96,11 @@ public:
   void shutdownProvider(provider::StorageIRI const& location) override;
   /// That of the folder holding the archive file.
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
-  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback,
+                         std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(provider::StorageIRI const& file) override;
-  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback,
+                           std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
 
   /// Commits every pending change set, innermost archives first.
@@ -113,16 +115,21 @@ protected:
   explicit ArchiveProvider(std::shared_ptr<detail::ProviderCore> core);
 
   /// A snapshot in archive order taken under the archive's lock, filtered and recursive natively.
-  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
-  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder,
+                                                       provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file,
+                                                     provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream>
+  doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
   /// Within one archive only (UnsupportedOperation otherwise).
-  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                  provider::ReplacementPolicy policy) override;
   /// Within one archive only (UnsupportedOperation otherwise).
-  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                    provider::ReplacementPolicy policy) override;
 
 private:
-  friend struct detail::ProviderCore; // asks the archives around its own whether they can be written
+  friend struct detail::ProviderCore;          // asks the archives around its own whether they can be written
   std::shared_ptr<detail::ProviderCore> core_; ///< shared with open write streams
 };
 

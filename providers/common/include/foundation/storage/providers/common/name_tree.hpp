@@ -143,7 +143,8 @@ std::vector<p::FolderEntry> listTree(Node const& folder, p::ListingRequest const
     }
     Node const& child = *level.children[level.next++];
     std::u16string name = level.prefix.empty() ? child.name : level.prefix + u"/" + child.name;
-    bool const kindWanted = request.kinds == p::EntryKinds::All || (request.kinds == p::EntryKinds::Files) == !child.folder;
+    bool const kindWanted =
+        request.kinds == p::EntryKinds::All || (request.kinds == p::EntryKinds::Files) == !child.folder;
     if (kindWanted && (request.pattern.empty() || p::matchesWildcard(request.pattern, child.name))) {
       if (!request.withAttributes)
         out.emplace_back(name, !child.folder);

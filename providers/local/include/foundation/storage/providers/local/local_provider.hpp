@@ -45,8 +45,8 @@ struct LocalProviderOptions {
 ///   the same way, so a failed copy leaves no partial destination and a finished one is on
 ///   disk before the call returns. Inside a durability batch (which the library opens for
 ///   tree copies) files that replace nothing skip their own syncs, and the batch's end
-///   syncs their file systems once (syncfs): the whole tree is on disk when it returns. Copies use reflinks where the file system shares extents,
-///   else copy_file_range, else read/write.
+///   syncs their file systems once (syncfs): the whole tree is on disk when it returns. Copies use reflinks where the
+///   file system shares extents, else copy_file_range, else read/write.
 /// - FailIfExists and KeepExisting never replace a destination, even one that appears while
 ///   a copy or move runs: the check and the landing are one step (linkat of an unnamed
 ///   file, renameat2 with RENAME_NOREPLACE).
@@ -92,9 +92,11 @@ public:
   void shutdownProvider(provider::StorageIRI const& location) override;
   /// statvfs figures, with "posix.*" details.
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
-  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback,
+                         std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(provider::StorageIRI const& file) override;
-  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback,
+                           std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
 
   /// sync: every file system.
@@ -110,14 +112,20 @@ public:
 
 protected:
   /// getdents64 streaming, recursing and filtering natively.
-  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
-  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder,
+                                                       provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file,
+                                                     provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream>
+  doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                  provider::ReplacementPolicy policy) override;
   /// Within this provider: reflink, else copy_file_range, landing atomically; elsewhere
   /// through streams.
-  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
-  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination,
+                                  provider::CopyFileOptions const& options) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                    provider::ReplacementPolicy policy) override;
 
 private:
   int rename(int fromDir, char const* from, int toDir, char const* to, bool noReplace) const;

@@ -52,20 +52,28 @@ public:
   /// Stops every poll and ends every subscription.
   void shutdownProvider(provider::StorageIRI const& location) override;
   provider::StorageInfo getProviderStorageInfo(provider::StorageIRI const& location) override;
-  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds) override;
+  void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback,
+                         std::vector<events::Kind> const& kinds) override;
   void stopPublishingFileEvents(provider::StorageIRI const& file) override;
-  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback, std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
+  void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback,
+                           std::vector<events::Kind> const& kinds, provider::RecursiveWatching recursive) override;
   void stopPublishingFolderEvents(provider::StorageIRI const& folder) override;
 
 protected:
   /// A snapshot taken under the lock, filtered and recursive natively.
-  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
-  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder,
+                                                       provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file,
+                                                     provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream>
+  doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                  provider::ReplacementPolicy policy) override;
   /// Within this provider, a copy shares nothing but is made under one lock.
-  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
-  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination,
+                                  provider::CopyFileOptions const& options) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                    provider::ReplacementPolicy policy) override;
 
 private:
   std::shared_ptr<detail::Tree> tree_;

@@ -98,13 +98,19 @@ public:
 
 protected:
   /// Flat listings by delimiter, recursive ones by prefix, filtered here.
-  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder, provider::ListingRequest const& request) override;
-  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  std::unique_ptr<provider::TransactionalStream> doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
-  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  std::unique_ptr<provider::IFolderEntryIterator> list(provider::StorageIRI const& folder,
+                                                       provider::ListingRequest const& request) override;
+  std::unique_ptr<provider::ByteStream> doOpenStream(provider::StorageIRI const& file,
+                                                     provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream>
+  doOpenTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
+  void doMoveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                  provider::ReplacementPolicy policy) override;
   /// Within the bucket: a server-side copy; elsewhere through streams.
-  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination, provider::CopyFileOptions const& options) override;
-  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination, provider::ReplacementPolicy policy) override;
+  provider::CopyResult doCopyFile(provider::StorageIRI const& source, provider::StorageItem const& destination,
+                                  provider::CopyFileOptions const& options) override;
+  void doMoveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
+                    provider::ReplacementPolicy policy) override;
 
 private:
   std::shared_ptr<detail::S3Client> client() const;

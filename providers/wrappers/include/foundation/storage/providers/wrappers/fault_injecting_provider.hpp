@@ -93,8 +93,8 @@ public:
   std::unique_ptr<provider::ByteStream> openStream(provider::StorageIRI const& file,
                                                    provider::ByteStreamOpenOptions const& options) override;
   std::unique_ptr<provider::ByteStream> openReadOnlyStream(provider::StorageIRI const& file) override;
-  std::unique_ptr<provider::TransactionalStream> openTransactionalStream(provider::StorageIRI const& file,
-                                                                         provider::ByteStreamOpenOptions const& options) override;
+  std::unique_ptr<provider::TransactionalStream>
+  openTransactionalStream(provider::StorageIRI const& file, provider::ByteStreamOpenOptions const& options) override;
   void removeFile(provider::StorageIRI const& file) override;
   void moveFile(provider::StorageIRI const& source, provider::StorageIRI const& destination,
                 provider::ReplacementPolicy policy) override;
@@ -104,14 +104,22 @@ public:
   void removeFolderRecursively(provider::StorageIRI const& folder) override;
   void moveFolder(provider::StorageIRI const& source, provider::StorageIRI const& destination,
                   provider::ReplacementPolicy policy) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder, std::u16string const& pattern) override;
-  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder, std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllNamesOnly(provider::StorageIRI const& folder,
+                                                                   std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFilesNamesOnly(provider::StorageIRI const& folder,
+                                                                     std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFoldersNamesOnly(provider::StorageIRI const& folder,
+                                                                       std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAll(provider::StorageIRI const& folder,
+                                                          std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFiles(provider::StorageIRI const& folder,
+                                                            std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listFolders(provider::StorageIRI const& folder,
+                                                              std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursiveNamesOnly(provider::StorageIRI const& folder,
+                                                                            std::u16string const& pattern) override;
+  std::unique_ptr<provider::IFolderEntryIterator> listAllRecursive(provider::StorageIRI const& folder,
+                                                                   std::u16string const& pattern) override;
   void publishFileEvents(provider::StorageIRI const& file, provider::ChangeCallback callback,
                          std::vector<events::Kind> const& kinds) override;
   void publishFolderEvents(provider::StorageIRI const& folder, provider::ChangeCallback callback,
@@ -147,9 +155,10 @@ private:
   bool isVanished(provider::StorageIRI const& location);
   void listed(provider::StorageIRI const& folder);
   /// `listing`, a recursive one of `folder`, without the contents of denied folders below it.
-  std::unique_ptr<provider::IFolderEntryIterator> withoutDeniedContents(provider::StorageIRI const& folder,
-                                                                        std::unique_ptr<provider::IFolderEntryIterator> listing);
-  std::unique_ptr<provider::ByteStream> faulty(provider::StorageIRI const& file, std::unique_ptr<provider::ByteStream> stream);
+  std::unique_ptr<provider::IFolderEntryIterator>
+  withoutDeniedContents(provider::StorageIRI const& folder, std::unique_ptr<provider::IFolderEntryIterator> listing);
+  std::unique_ptr<provider::ByteStream> faulty(provider::StorageIRI const& file,
+                                               std::unique_ptr<provider::ByteStream> stream);
   std::unique_ptr<provider::TransactionalStream> faulty(provider::StorageIRI const& file,
                                                         std::unique_ptr<provider::TransactionalStream> stream);
   boost::optional<StreamFault> streamFaultFor(provider::StorageIRI const& file);
