@@ -9,7 +9,7 @@ packages=(
   libboost-date-time-dev libboost-filesystem-dev libboost-thread-dev
   libtbb-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  clang libclang-rt-dev
+  clang libclang-rt-dev clang-format clang-tidy
   libzip-dev zlib1g-dev libarchive-dev zip unzip libarchive-tools tar gzip bzip2 xz-utils zstd
   libcurl4-openssl-dev libxml2-dev libssl-dev
   ceph-mon ceph-osd radosgw uuid-runtime curl s3cmd

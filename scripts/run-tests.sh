@@ -7,6 +7,9 @@ cd "$(dirname "$0")/.."
 
 step() { printf '\n== %s ==\n' "$*"; }
 
+step "formatting"
+./scripts/check-format.sh
+
 step "S3 gateway for the s3 tests (single-node Ceph on loopback)"
 eval "$(./scripts/ceph-s3.sh start)"
 
