@@ -15,7 +15,7 @@
 
 namespace foundation::storage::provider {
 
-/// One layer a failure crossed: a key naming the layer and the call ("local.open",
+/// One layer a failure crossed: a key naming the layer and the call ("local.openStream",
 /// "memory.createFile") and a readable message (usually the system's own).
 class FOUNDATION_API ExceptionContext {
 public:

@@ -11,7 +11,7 @@ namespace foundation::storage::provider {
 FOUNDATION_API ErrorCode errorCodeFromErrno(int error) noexcept;
 
 /// Throws the provider Exception for `error` at `location` with the context `call` (for
-/// example u"local.open") and the system's message for the error.
+/// example u"local.openStream") and the system's message for the error.
 [[noreturn]] FOUNDATION_API void failWithErrno(int error, StorageIRI const& location, std::u16string call);
 
 } // namespace foundation::storage::provider
