@@ -58,8 +58,10 @@ inline std::string sftpUnavailable() {
       return "no SSH server: run `eval \"$(scripts/sshd.sh start)\"` (it sets VFS_SFTP_PORT and the key files)";
     try {
       // Kept, so that every provider of the tests shares its session: one login per process.
-      static auto const probe = makeSftpProvider();
-      probe->exists(uniqueSftpFolder("probe").iri);
+      // Never destroyed: at exit libssh's cryptography may be gone before a static's
+      // destructor could close the session; the system closes the connection instead.
+      static auto const* probe = new std::shared_ptr<sftp::SftpProvider>(makeSftpProvider());
+      (*probe)->exists(uniqueSftpFolder("probe").iri);
       return {};
     } catch (std::exception const& e) {
       return std::string("the SSH server does not answer (start it with scripts/sshd.sh start): ") + e.what();

@@ -114,7 +114,8 @@ protected:
       p::raise(p::ByteStreamWriteFailure("the stream is not open for writing", ErrorCode::PermissionDenied));
     std::lock_guard lock(session_->mutex());
     try {
-      // The server opened the file with O_APPEND: every write lands at its end.
+      // Each write lands at the end the server reports. Not O_APPEND: libssh 0.10 leaks
+      // the attributes it fetches when opening with it.
       std::uint64_t const at = mode_.append ? fileStatus(*session_, file_)->size : position_;
       writeAt(*session_, file_, at, s, n);
       position_ = at + static_cast<std::uint64_t>(n);
@@ -328,7 +329,6 @@ std::unique_ptr<p::ByteStream> openWriteStream(std::shared_ptr<SftpSession> cons
   int flags = options.access == p::ByteStreamAccess::ReadWrite ? O_RDWR : O_WRONLY;
   if (options.create == p::ByteStreamCreate::CreateIfMissing) flags |= O_CREAT;
   if (options.truncate == p::ByteStreamTruncate::Truncate) flags |= O_TRUNC;
-  if (options.append == p::ByteStreamAppend::Append) flags |= O_APPEND;
   sftp_file file = sftp_open(session->sftp(), path.c_str(), flags, 0666);
   if (!file) throw openFailure(*session, path);
   return std::make_unique<SftpFileStream>(session, file, modeOf(options));

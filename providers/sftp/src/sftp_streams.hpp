@@ -17,7 +17,8 @@ std::unique_ptr<provider::ByteStream> openReadStream(std::shared_ptr<SftpSession
                                                      std::string const& path);
 
 /// A stream writing the file at `path` in place, opened with the flags `options` ask
-/// (O_CREAT, O_TRUNC, O_APPEND, read and write or write only).
+/// (O_CREAT, O_TRUNC, read and write or write only); appending writes go to the end the
+/// server reports at each write.
 std::unique_ptr<provider::ByteStream> openWriteStream(std::shared_ptr<SftpSession> const& session,
                                                       std::string const& path,
                                                       provider::ByteStreamOpenOptions const& options);
