@@ -12,8 +12,11 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include <fl/i18n/i18n.hpp>
+
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -309,6 +312,63 @@ TEST_F(SftpServerTest, CommitWithoutReplacingNeverReplacesAndCreateFileIsExclusi
     ++count;
   }
   EXPECT_EQ(count, 1);
+  provider->removeFolderRecursively(folder.iri);
+}
+
+/// The names a listing delivers, in order; `attributed` counts the entries that carry attributes.
+std::vector<std::u16string> namesOf(std::unique_ptr<p::IFolderEntryIterator> cursor, int* attributed = nullptr) {
+  std::vector<std::u16string> names;
+  while (cursor->hasNext()) {
+    cursor->next();
+    auto const& entry = cursor->current();
+    names.push_back(entry.getName());
+    if (attributed && (entry.getFileAttributes() || entry.getFolderAttributes())) ++*attributed;
+  }
+  return names;
+}
+
+// A link to a folder is listed, never entered: a walk stays inside its tree, ends on a link
+// cycle, and removing the tree removes the link, not what it points at.
+TEST_F(SftpServerTest, RecursiveListingAndRemovalNeverFollowLinksToFolders) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("links");
+  namespace fs = std::filesystem;
+  fs::path const root(folder.path);
+  fs::create_directories(root / "outside" / "inner");
+  testsupport::writeFile(root / "outside" / "inner" / "keep.txt", "keep");
+  fs::create_directories(root / "tree" / "sub");
+  testsupport::writeFile(root / "tree" / "sub" / "f.txt", "f");
+  fs::create_directory_symlink("../../outside", root / "tree" / "sub" / "away");
+  fs::create_directory_symlink(".", root / "tree" / "loop");
+  p::StorageIRI const tree(folder.iri, u"tree");
+
+  auto sorted = [](std::vector<std::u16string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  std::vector<std::u16string> const expected{u"loop", u"sub", u"sub/away", u"sub/f.txt"};
+  int attributed = 0;
+  EXPECT_EQ(sorted(namesOf(provider->listAllRecursiveNamesOnly(tree, u""), &attributed)), expected);
+  EXPECT_EQ(attributed, 0); // names only, though the walk itself needs the attributes
+  auto withAttributes = provider->listAllRecursive(tree, u"");
+  int links = 0, entries = 0;
+  while (withAttributes->hasNext()) {
+    withAttributes->next();
+    auto const& entry = withAttributes->current();
+    ASSERT_TRUE(entry.getFileAttributes() || entry.getFolderAttributes()) << fl::i18n::to_utf8(entry.getName());
+    ++entries;
+    if (entry.getFolderAttributes() && entry.getFolderAttributes()->isSymlink()) ++links;
+  }
+  EXPECT_EQ(entries, 4);
+  EXPECT_EQ(links, 2);
+
+  // The link itself is no folder to empty.
+  EXPECT_EQ(failureOf([&] { provider->removeFolderRecursively(p::StorageIRI(tree, u"sub/away")); }).getErrorCode(),
+            ErrorCode::ResourceNotFound);
+  EXPECT_EQ(testsupport::readFile(root / "outside" / "inner" / "keep.txt"), "keep");
+  provider->removeFolderRecursively(tree);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root / "tree")));
+  EXPECT_EQ(testsupport::readFile(root / "outside" / "inner" / "keep.txt"), "keep");
   provider->removeFolderRecursively(folder.iri);
 }
 

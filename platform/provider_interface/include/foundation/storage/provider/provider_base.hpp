@@ -94,7 +94,8 @@ public:
   /// another caller creates meanwhile is not an error.
   void createFolderRecursive(StorageIRI const& folder) override;
   /// Removes files and emptied folders with the single-item members, one folder level at a
-  /// time without recursion, so any depth works.
+  /// time without recursion, so any depth works. A link to a folder is removed as a link,
+  /// never emptied.
   void removeFolderRecursively(StorageIRI const& folder) override;
 
   /// What the capabilities say.
