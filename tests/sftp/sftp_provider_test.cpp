@@ -372,4 +372,27 @@ TEST_F(SftpServerTest, RecursiveListingAndRemovalNeverFollowLinksToFolders) {
   provider->removeFolderRecursively(folder.iri);
 }
 
+// The temporary file of a transaction sits beside the file: its name must stay legal for
+// the longest legal name, and none may stay visible after the commit.
+TEST_F(SftpServerTest, WritesTransactionallyToNamesUpToTheLongestLegalOne) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("long-names");
+  provider->createFolder(folder.iri);
+  std::vector<std::u16string> const names{std::u16string(255, u'n'), std::u16string(127, u'\u00e9'),
+                                          u"line\nbreak %41 \U0001F600"};
+  for (auto const& name : names) {
+    p::StorageItem file(provider, p::StorageIRI(folder.iri, name));
+    auto stream = file.openTransactionalStream({});
+    stream->write("new", 3);
+    stream->close();
+    EXPECT_EQ(readFile(file), "new") << fl::i18n::to_utf8(name);
+  }
+  auto sorted = names;
+  std::sort(sorted.begin(), sorted.end());
+  auto listed = namesOf(provider->listAllNamesOnly(folder.iri, u""));
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, sorted);
+  provider->removeFolderRecursively(folder.iri);
+}
+
 } // namespace
