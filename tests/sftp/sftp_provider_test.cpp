@@ -395,4 +395,39 @@ TEST_F(SftpServerTest, WritesTransactionallyToNamesUpToTheLongestLegalOne) {
   provider->removeFolderRecursively(folder.iri);
 }
 
+// Someone else removing part of a tree while it is removed is no failure: what vanished
+// meanwhile needs no removing. Only the tree itself must be there to begin with.
+TEST_F(SftpServerTest, RemovesATreeWhosePartsVanishMeanwhile) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("vanishing");
+  namespace fs = std::filesystem;
+  for (int round = 0; round < 3; ++round) {
+    fs::path const tree = fs::path(folder.path) / ("tree" + std::to_string(round));
+    for (int d = 0; d < 8; ++d) {
+      fs::create_directories(tree / ("d" + std::to_string(d)));
+      for (int f = 0; f < 30; ++f)
+        testsupport::writeFile(tree / ("d" + std::to_string(d)) / ("f" + std::to_string(f)), "x");
+    }
+    // The walk takes the folders last to first; this takes them first to last, so they meet.
+    std::thread remover([&] {
+      for (int d = 0; d < 8; ++d) {
+        for (int f = 0; f < 30; ++f) {
+          std::error_code ignored;
+          fs::remove(tree / ("d" + std::to_string(d)) / ("f" + std::to_string(f)), ignored);
+          std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        std::error_code ignored;
+        fs::remove(tree / ("d" + std::to_string(d)), ignored);
+      }
+    });
+    p::StorageIRI const iri(folder.iri, fl::i18n::to_ustring(tree.filename().string()));
+    EXPECT_NO_THROW(provider->removeFolderRecursively(iri)) << "round " << round;
+    remover.join();
+    EXPECT_FALSE(fs::exists(tree)) << "round " << round;
+  }
+  EXPECT_EQ(failureOf([&] { provider->removeFolderRecursively(p::StorageIRI(folder.iri, u"tree0")); }).getErrorCode(),
+            ErrorCode::ResourceNotFound);
+  provider->removeFolderRecursively(folder.iri);
+}
+
 } // namespace

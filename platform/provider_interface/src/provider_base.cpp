@@ -135,6 +135,15 @@ void ProviderBase::removeFolderRecursively(StorageIRI const& folder) {
   // A link to a folder is no folder to empty: emptying it would remove what it points at.
   if (!folderExists(folder) || getFolderAttributes(folder).isSymlink())
     fail(ErrorCode::ResourceNotFound, folder, Operation::RemoveFolderRecursively, "no such folder");
+  // What someone else removes meanwhile needs no removing; only the folder itself must be
+  // there until its own removal.
+  auto const unlessGone = [](auto&& action) {
+    try {
+      action();
+    } catch (Exception const& e) {
+      if (e.getErrorCode() != ErrorCode::ResourceNotFound) throw;
+    }
+  };
   // Post-order without recursion: a folder is listed (its files removed, its subfolders
   // stacked) when first met, and removed when met again with its subfolders gone.
   struct Pending {
@@ -147,23 +156,32 @@ void ProviderBase::removeFolderRecursively(StorageIRI const& folder) {
     if (top.listed) {
       StorageIRI done = std::move(top.folder);
       stack.pop_back();
-      removeFolder(done);
+      if (stack.empty())
+        removeFolder(done);
+      else
+        unlessGone([&] { removeFolder(done); });
       continue;
     }
     top.listed = true;
     StorageIRI const parent = top.folder;
-    // With attributes, to tell links to folders apart: a link goes, never what it points at.
-    auto cursor = listAll(parent, {});
     std::vector<StorageIRI> subfolders;
-    while (cursor->hasNext()) {
-      cursor->next();
-      auto const& entry = cursor->current();
-      StorageIRI child(parent, entry.getName());
-      if (entry.isFile() || detail::isLinkToFolder(entry))
-        removeFile(child);
-      else
-        subfolders.push_back(std::move(child));
-    }
+    auto const emptyParent = [&] {
+      // With attributes, to tell links to folders apart: a link goes, never what it points at.
+      auto cursor = listAll(parent, {});
+      while (cursor->hasNext()) {
+        cursor->next();
+        auto const& entry = cursor->current();
+        StorageIRI child(parent, entry.getName());
+        if (entry.isFile() || detail::isLinkToFolder(entry))
+          unlessGone([&] { removeFile(child); });
+        else
+          subfolders.push_back(std::move(child));
+      }
+    };
+    if (stack.size() == 1)
+      emptyParent();
+    else
+      unlessGone(emptyParent);
     for (auto& sub : subfolders) stack.push_back({std::move(sub), false});
   }
 }
