@@ -12,8 +12,11 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include <fl/i18n/i18n.hpp>
+
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -309,6 +312,121 @@ TEST_F(SftpServerTest, CommitWithoutReplacingNeverReplacesAndCreateFileIsExclusi
     ++count;
   }
   EXPECT_EQ(count, 1);
+  provider->removeFolderRecursively(folder.iri);
+}
+
+/// The names a listing delivers, in order; `attributed` counts the entries that carry attributes.
+std::vector<std::u16string> namesOf(std::unique_ptr<p::IFolderEntryIterator> cursor, int* attributed = nullptr) {
+  std::vector<std::u16string> names;
+  while (cursor->hasNext()) {
+    cursor->next();
+    auto const& entry = cursor->current();
+    names.push_back(entry.getName());
+    if (attributed && (entry.getFileAttributes() || entry.getFolderAttributes())) ++*attributed;
+  }
+  return names;
+}
+
+// A link to a folder is listed, never entered: a walk stays inside its tree, ends on a link
+// cycle, and removing the tree removes the link, not what it points at.
+TEST_F(SftpServerTest, RecursiveListingAndRemovalNeverFollowLinksToFolders) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("links");
+  namespace fs = std::filesystem;
+  fs::path const root(folder.path);
+  fs::create_directories(root / "outside" / "inner");
+  testsupport::writeFile(root / "outside" / "inner" / "keep.txt", "keep");
+  fs::create_directories(root / "tree" / "sub");
+  testsupport::writeFile(root / "tree" / "sub" / "f.txt", "f");
+  fs::create_directory_symlink("../../outside", root / "tree" / "sub" / "away");
+  fs::create_directory_symlink(".", root / "tree" / "loop");
+  p::StorageIRI const tree(folder.iri, u"tree");
+
+  auto sorted = [](std::vector<std::u16string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  std::vector<std::u16string> const expected{u"loop", u"sub", u"sub/away", u"sub/f.txt"};
+  int attributed = 0;
+  EXPECT_EQ(sorted(namesOf(provider->listAllRecursiveNamesOnly(tree, u""), &attributed)), expected);
+  EXPECT_EQ(attributed, 0); // names only, though the walk itself needs the attributes
+  auto withAttributes = provider->listAllRecursive(tree, u"");
+  int links = 0, entries = 0;
+  while (withAttributes->hasNext()) {
+    withAttributes->next();
+    auto const& entry = withAttributes->current();
+    ASSERT_TRUE(entry.getFileAttributes() || entry.getFolderAttributes()) << fl::i18n::to_utf8(entry.getName());
+    ++entries;
+    if (entry.getFolderAttributes() && entry.getFolderAttributes()->isSymlink()) ++links;
+  }
+  EXPECT_EQ(entries, 4);
+  EXPECT_EQ(links, 2);
+
+  // The link itself is no folder to empty.
+  EXPECT_EQ(failureOf([&] { provider->removeFolderRecursively(p::StorageIRI(tree, u"sub/away")); }).getErrorCode(),
+            ErrorCode::ResourceNotFound);
+  EXPECT_EQ(testsupport::readFile(root / "outside" / "inner" / "keep.txt"), "keep");
+  provider->removeFolderRecursively(tree);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root / "tree")));
+  EXPECT_EQ(testsupport::readFile(root / "outside" / "inner" / "keep.txt"), "keep");
+  provider->removeFolderRecursively(folder.iri);
+}
+
+// The temporary file of a transaction sits beside the file: its name must stay legal for
+// the longest legal name, and none may stay visible after the commit.
+TEST_F(SftpServerTest, WritesTransactionallyToNamesUpToTheLongestLegalOne) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("long-names");
+  provider->createFolder(folder.iri);
+  std::vector<std::u16string> const names{std::u16string(255, u'n'), std::u16string(127, u'\u00e9'),
+                                          u"line\nbreak %41 \U0001F600"};
+  for (auto const& name : names) {
+    p::StorageItem file(provider, p::StorageIRI(folder.iri, name));
+    auto stream = file.openTransactionalStream({});
+    stream->write("new", 3);
+    stream->close();
+    EXPECT_EQ(readFile(file), "new") << fl::i18n::to_utf8(name);
+  }
+  auto sorted = names;
+  std::sort(sorted.begin(), sorted.end());
+  auto listed = namesOf(provider->listAllNamesOnly(folder.iri, u""));
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, sorted);
+  provider->removeFolderRecursively(folder.iri);
+}
+
+// Someone else removing part of a tree while it is removed is no failure: what vanished
+// meanwhile needs no removing. Only the tree itself must be there to begin with.
+TEST_F(SftpServerTest, RemovesATreeWhosePartsVanishMeanwhile) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("vanishing");
+  namespace fs = std::filesystem;
+  for (int round = 0; round < 3; ++round) {
+    fs::path const tree = fs::path(folder.path) / ("tree" + std::to_string(round));
+    for (int d = 0; d < 8; ++d) {
+      fs::create_directories(tree / ("d" + std::to_string(d)));
+      for (int f = 0; f < 30; ++f)
+        testsupport::writeFile(tree / ("d" + std::to_string(d)) / ("f" + std::to_string(f)), "x");
+    }
+    // The walk takes the folders last to first; this takes them first to last, so they meet.
+    std::thread remover([&] {
+      for (int d = 0; d < 8; ++d) {
+        for (int f = 0; f < 30; ++f) {
+          std::error_code ignored;
+          fs::remove(tree / ("d" + std::to_string(d)) / ("f" + std::to_string(f)), ignored);
+          std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        std::error_code ignored;
+        fs::remove(tree / ("d" + std::to_string(d)), ignored);
+      }
+    });
+    p::StorageIRI const iri(folder.iri, fl::i18n::to_ustring(tree.filename().string()));
+    EXPECT_NO_THROW(provider->removeFolderRecursively(iri)) << "round " << round;
+    remover.join();
+    EXPECT_FALSE(fs::exists(tree)) << "round " << round;
+  }
+  EXPECT_EQ(failureOf([&] { provider->removeFolderRecursively(p::StorageIRI(folder.iri, u"tree0")); }).getErrorCode(),
+            ErrorCode::ResourceNotFound);
   provider->removeFolderRecursively(folder.iri);
 }
 

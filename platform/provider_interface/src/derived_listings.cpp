@@ -80,13 +80,14 @@ struct Level {
 
 class RecursiveCursor final : public IFolderEntryIterator {
 public:
-  RecursiveCursor(StorageIRI root, FlatLister lister) : root_(std::move(root)), lister_(std::move(lister)) {
+  RecursiveCursor(StorageIRI root, FlatLister lister, bool withAttributes)
+      : root_(std::move(root)), lister_(std::move(lister)), withAttributes_(withAttributes) {
     levels_.push_back({u"", lister_(root_)});
   }
 
   RecursiveCursor(RecursiveCursor const& other)
-      : root_(other.root_), lister_(other.lister_), current_(other.current_), started_(other.started_),
-        pendingFolder_(other.pendingFolder_) {
+      : root_(other.root_), lister_(other.lister_), withAttributes_(other.withAttributes_), current_(other.current_),
+        started_(other.started_), pendingFolder_(other.pendingFolder_) {
     levels_.reserve(other.levels_.size());
     for (auto const& level : other.levels_) levels_.push_back({level.path, level.cursor->clone()});
   }
@@ -109,19 +110,26 @@ public:
     if (!hasNext()) throw std::logic_error("listing cursor moved past its last entry");
     auto& level = levels_.back();
     level.cursor->next();
-    auto const& child = level.cursor->current();
+    auto const& listed = level.cursor->current();
+    // The folder is entered on the next move, so that its entry is served before its contents.
+    pendingFolder_ = !listed.isFile() && !isLinkToFolder(listed);
+    FolderEntry const& child = withAttributes_ ? listed : bare(listed);
     if (level.path.empty())
       current_ = child;
     else
       current_.assignBelow(level.path, child);
     started_ = true;
-    // The folder is entered on the next move, so that its entry is served before its contents.
-    pendingFolder_ = !child.isFile();
   }
 
   std::unique_ptr<IFolderEntryIterator> clone() const override { return std::make_unique<RecursiveCursor>(*this); }
 
 private:
+  /// `entry` without its attributes, in a buffer reused for every child.
+  FolderEntry const& bare(FolderEntry const& entry) {
+    bare_.assign(entry.getName(), entry.isFile());
+    return bare_;
+  }
+
   void enterPendingFolder() const {
     if (!pendingFolder_) return;
     pendingFolder_ = false;
@@ -135,8 +143,10 @@ private:
 
   StorageIRI root_;
   FlatLister lister_;
+  bool withAttributes_;
   mutable std::vector<Level> levels_; ///< the open folders, root first
   FolderEntry current_{u"", true};
+  FolderEntry bare_{u"", true};
   bool started_ = false;
   mutable bool pendingFolder_ = false; ///< the current entry is a folder not entered yet
 };
@@ -148,8 +158,13 @@ std::unique_ptr<IFolderEntryIterator> filterEntries(std::unique_ptr<IFolderEntry
   return std::make_unique<FilteringCursor>(std::move(inner), request, filterNames);
 }
 
-std::unique_ptr<IFolderEntryIterator> listBelow(StorageIRI const& root, FlatLister lister) {
-  return std::make_unique<RecursiveCursor>(root, std::move(lister));
+std::unique_ptr<IFolderEntryIterator> listBelow(StorageIRI const& root, FlatLister lister, bool withAttributes) {
+  return std::make_unique<RecursiveCursor>(root, std::move(lister), withAttributes);
+}
+
+bool isLinkToFolder(FolderEntry const& entry) {
+  auto const& attributes = entry.getFolderAttributes();
+  return attributes && attributes->isSymlink();
 }
 
 } // namespace foundation::storage::provider::detail

@@ -132,8 +132,18 @@ void ProviderBase::createFolderRecursive(StorageIRI const& folder) {
 void ProviderBase::removeFolderRecursively(StorageIRI const& folder) {
   if (isRoot(folder))
     fail(ErrorCode::InvalidLocation, folder, Operation::RemoveFolderRecursively, "the root folder cannot be removed");
-  if (!folderExists(folder))
+  // A link to a folder is no folder to empty: emptying it would remove what it points at.
+  if (!folderExists(folder) || getFolderAttributes(folder).isSymlink())
     fail(ErrorCode::ResourceNotFound, folder, Operation::RemoveFolderRecursively, "no such folder");
+  // What someone else removes meanwhile needs no removing; only the folder itself must be
+  // there until its own removal.
+  auto const unlessGone = [](auto&& action) {
+    try {
+      action();
+    } catch (Exception const& e) {
+      if (e.getErrorCode() != ErrorCode::ResourceNotFound) throw;
+    }
+  };
   // Post-order without recursion: a folder is listed (its files removed, its subfolders
   // stacked) when first met, and removed when met again with its subfolders gone.
   struct Pending {
@@ -146,22 +156,32 @@ void ProviderBase::removeFolderRecursively(StorageIRI const& folder) {
     if (top.listed) {
       StorageIRI done = std::move(top.folder);
       stack.pop_back();
-      removeFolder(done);
+      if (stack.empty())
+        removeFolder(done);
+      else
+        unlessGone([&] { removeFolder(done); });
       continue;
     }
     top.listed = true;
     StorageIRI const parent = top.folder;
-    auto cursor = listAllNamesOnly(parent, {});
     std::vector<StorageIRI> subfolders;
-    while (cursor->hasNext()) {
-      cursor->next();
-      auto const& entry = cursor->current();
-      StorageIRI child(parent, entry.getName());
-      if (entry.isFile())
-        removeFile(child);
-      else
-        subfolders.push_back(std::move(child));
-    }
+    auto const emptyParent = [&] {
+      // With attributes, to tell links to folders apart: a link goes, never what it points at.
+      auto cursor = listAll(parent, {});
+      while (cursor->hasNext()) {
+        cursor->next();
+        auto const& entry = cursor->current();
+        StorageIRI child(parent, entry.getName());
+        if (entry.isFile() || detail::isLinkToFolder(entry))
+          unlessGone([&] { removeFile(child); });
+        else
+          subfolders.push_back(std::move(child));
+      }
+    };
+    if (stack.size() == 1)
+      emptyParent();
+    else
+      unlessGone(emptyParent);
     for (auto& sub : subfolders) stack.push_back({std::move(sub), false});
   }
 }
@@ -175,8 +195,9 @@ PathComparatorFunction ProviderBase::getPathComparator(StorageIRI const& locatio
 std::unique_ptr<IFolderEntryIterator> ProviderBase::dispatchListing(StorageIRI const& folder, ListingRequest request) {
   bool const filterHere = !request.pattern.empty() && !capabilities_.filtersNames;
   if (request.recursive && !capabilities_.listsRecursively) {
-    ListingRequest flat{request.operation, EntryKinds::All, request.withAttributes, false, {}};
-    auto walk = detail::listBelow(folder, [this, flat](StorageIRI const& at) { return list(at, flat); });
+    ListingRequest flat{request.operation, EntryKinds::All, true, false, {}};
+    auto walk = detail::listBelow(
+        folder, [this, flat](StorageIRI const& at) { return list(at, flat); }, request.withAttributes);
     if (request.pattern.empty()) return walk;
     return detail::filterEntries(std::move(walk), request, true);
   }

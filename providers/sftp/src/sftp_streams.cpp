@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <random>
+#include <string_view>
 
 namespace foundation::storage::providers::sftp::detail {
 
@@ -70,13 +71,22 @@ SftpFailure openFailure(SftpSession& session, std::string const& path) {
   return failed;
 }
 
-/// A name beside `path` that no one else picks: hidden, and marked as ours.
+/// A name beside `path` that no one else picks: hidden, and marked as ours. The file's own
+/// name is shortened (on a UTF-8 character boundary) so that the result stays within the
+/// 255 bytes a name may have, however long the file's name.
 std::string temporaryBeside(std::string const& path) {
   static thread_local std::mt19937_64 random{std::random_device{}()};
   char suffix[24];
   std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(random()));
-  auto slash = path.rfind('/');
-  return path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".vfs-" + suffix + ".tmp";
+  auto const slash = path.rfind('/');
+  constexpr std::size_t longestName = 255, marks = 1 + 5 + 16 + 4; // ".", ".vfs-", suffix, ".tmp"
+  std::string_view stem = std::string_view(path).substr(slash + 1);
+  if (stem.size() > longestName - marks) {
+    std::size_t cut = longestName - marks;
+    while (cut > 0 && (static_cast<unsigned char>(stem[cut]) & 0xC0) == 0x80) --cut;
+    stem = stem.substr(0, cut);
+  }
+  return path.substr(0, slash + 1) + "." + std::string(stem) + ".vfs-" + suffix + ".tmp";
 }
 
 /// Closes a file of a session whose lock the caller holds, ignoring failures.
