@@ -132,13 +132,15 @@ private:
 
   void enterPendingFolder() const {
     if (!pendingFolder_) return;
-    pendingFolder_ = false;
     std::u16string const& path = current_.getName();
     try {
       levels_.push_back({path, lister_(StorageIRI(root_, path))});
     } catch (Exception const& e) {
+      // Another failure stays pending, so that asking again fails again instead of
+      // silently leaving the folder's contents out.
       if (e.getErrorCode() != ErrorCode::ResourceNotFound) throw;
     }
+    pendingFolder_ = false;
   }
 
   StorageIRI root_;
