@@ -58,6 +58,8 @@ FOUNDATION_API std::u16string contextKey(std::u16string_view provider, Operation
 /// - the eight listings from one protected `list`, with wildcard filtering and recursion
 ///   done here for back ends that cannot do them natively;
 /// - `createFolderRecursive` and `removeFolderRecursively` from the single-item members;
+///   removal goes one folder level at a time without recursion, so any depth works, and a
+///   link to a folder is removed as a link, never emptied;
 /// - `copyFile` through byte streams; change polling by listing; change events that throw
 ///   ChangeEventsNotSupportedException for back ends without native ones;
 /// - replacement policies and stream options validated (InvalidLocation) before dispatch,
