@@ -26,9 +26,13 @@ std::shared_ptr<SftpSession> SshConnection::session() {
   }
   session_.reset();
   session_ = std::make_shared<SftpSession>(target_, settings_);
-  // No one else has the new session yet: no lock needed. Failures leave a stray file only.
-  for (auto const& path : leftovers_) sftp_unlink(session_->sftp(), path.c_str());
-  leftovers_.clear();
+  std::vector<std::string> leftovers;
+  {
+    std::lock_guard listed(leftoversMutex_);
+    leftovers.swap(leftovers_);
+  }
+  // No one else has the new session yet: no session lock needed. Failures leave a stray file only.
+  for (auto const& path : leftovers) sftp_unlink(session_->sftp(), path.c_str());
   return session_;
 }
 
@@ -38,7 +42,7 @@ void SshConnection::drop(std::shared_ptr<SftpSession> const& lost) {
 }
 
 void SshConnection::leftBehind(std::string path) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(leftoversMutex_);
   leftovers_.push_back(std::move(path));
 }
 

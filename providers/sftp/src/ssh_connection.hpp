@@ -36,6 +36,9 @@ private:
   SftpSettings const settings_;
   std::mutex mutex_;
   std::shared_ptr<SftpSession> session_;
+  // A leaf lock of its own: streams report leftovers while holding their session's lock,
+  // which `session` takes under `mutex_`.
+  std::mutex leftoversMutex_;
   std::vector<std::string> leftovers_;
 };
 
