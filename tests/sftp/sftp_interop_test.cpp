@@ -1,5 +1,5 @@
-// Files the provider writes are what OpenSSH's `sftp` client reads back, byte for byte,
-// and the reverse; the client runs in batch mode against the test server.
+// Files the provider writes are what OpenSSH's `sftp` and `scp` clients read back, byte for
+// byte, and the reverse; the clients run in batch mode against the test server.
 
 #include "../support/item_io.hpp"
 #include "../support/sftp_server.hpp"
@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <random>
 
 namespace p = foundation::storage::provider;
@@ -50,6 +51,14 @@ protected:
     return std::system(command.c_str());
   }
 
+  /// Runs `scp -r` from `from` to `to` (either may be "login:path"); its exit status.
+  int scp(std::string const& from, std::string const& to) const {
+    auto command = "scp -r -q " + testsupport::sshClientOptions() + " " + testsupport::quote(from) + " " +
+                   testsupport::quote(to) + " >" + testsupport::quote((scratch_.path() / "client.log").string()) +
+                   " 2>&1";
+    return std::system(command.c_str());
+  }
+
   std::string clientLog() const { return testsupport::readFile(scratch_.path() / "client.log"); }
 
   testsupport::TemporaryFolder scratch_{"vfs-sftp-interop"};
@@ -87,6 +96,34 @@ TEST_F(SftpClientInterop, WeReadWhatTheClientWritesByteForByte) {
   auto stream = item(u"made/theirs.bin").openReadOnlyStream();
   stream->seek(-17, std::ios_base::end);
   EXPECT_EQ(testsupport::readAll(*stream), bytes.substr(bytes.size() - 17));
+}
+
+TEST_F(SftpClientInterop, ScpCopiesTreesWeWriteAndWeReadTreesItWrites) {
+  auto const bytes = awkwardBytes(150 * 1024 + 3);
+  provider_->createFolder(item(u"tree").getLocation());
+  provider_->createFolder(item(u"tree/inner folder").getLocation());
+  testsupport::writeFile(item(u"tree/data.bin"), bytes);
+  testsupport::writeFile(item(u"tree/inner folder/note.txt"), "inside");
+  testsupport::writeFile(item(u"tree/inner folder/empty"), "");
+
+  auto fetched = scratch_.path() / "fetched";
+  ASSERT_EQ(scp(testsupport::sftpLogin() + ":" + folder_.path + "/tree", fetched.string()), 0) << clientLog();
+  EXPECT_EQ(testsupport::readFile(fetched / "data.bin"), bytes);
+  EXPECT_EQ(testsupport::readFile(fetched / "inner folder" / "note.txt"), "inside");
+  EXPECT_EQ(std::filesystem::file_size(fetched / "inner folder" / "empty"), 0u);
+
+  testsupport::writeFile(fetched / "inner folder" / "added.txt", "theirs");
+  ASSERT_EQ(scp(fetched.string(), testsupport::sftpLogin() + ":" + folder_.path + "/uploaded"), 0) << clientLog();
+  EXPECT_EQ(readFile(item(u"uploaded/data.bin")), bytes);
+  EXPECT_EQ(readFile(item(u"uploaded/inner folder/added.txt")), "theirs");
+  EXPECT_EQ(item(u"uploaded/inner folder/empty").getFileAttributes().getSize(), 0u);
+  auto listing = provider_->listAllRecursive(item(u"uploaded").getLocation(), u"*");
+  std::size_t entries = 0;
+  while (listing->hasNext()) {
+    listing->next();
+    ++entries;
+  }
+  EXPECT_EQ(entries, 5u); // data.bin, inner folder and its three files
 }
 
 } // namespace

@@ -70,12 +70,18 @@ inline std::string sftpUnavailable() {
   return reason;
 }
 
-/// The `sftp` command line client's options for the test server (batch mode, its keys only).
-inline std::string sftpClientOptions() {
+/// Options of OpenSSH's `sftp` and `scp` clients for the test server (batch mode, its keys only).
+inline std::string sshClientOptions() {
   return "-F /dev/null -o BatchMode=yes -o IdentitiesOnly=yes -o StrictHostKeyChecking=yes -o UserKnownHostsFile=" +
          sftpVariable("VFS_SFTP_KNOWN_HOSTS") + " -i " + sftpVariable("VFS_SFTP_IDENTITY") + " -P " +
-         sftpVariable("VFS_SFTP_PORT") + " " + sftpVariable("VFS_SFTP_USER") + "@" + sftpVariable("VFS_SFTP_HOST");
+         sftpVariable("VFS_SFTP_PORT");
 }
+
+/// "user@host" of the test server, as the clients take it.
+inline std::string sftpLogin() { return sftpVariable("VFS_SFTP_USER") + "@" + sftpVariable("VFS_SFTP_HOST"); }
+
+/// The `sftp` command line client's options and login for the test server.
+inline std::string sftpClientOptions() { return sshClientOptions() + " " + sftpLogin(); }
 
 } // namespace testsupport
 
