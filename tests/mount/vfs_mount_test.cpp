@@ -108,15 +108,48 @@ protected:
   fs::path scratch_, mountpoint_;
 };
 
-/// Every case on a memory folder and on a local folder.
+std::string environment(char const* name) {
+  char const* value = std::getenv(name);
+  return value ? value : "";
+}
+
+/// Every case on a memory folder, a local folder and a folder on the SSH server that
+/// `eval "$(scripts/sshd.sh start)"` runs, reached through an ssh configuration's alias.
 class Mount : public MountFixture, public ::testing::WithParamInterface<std::string> {
 protected:
   void SetUp() override {
+    if (GetParam() == "sftp" && environment("VFS_SFTP_PORT").empty())
+      GTEST_SKIP() << "no SSH server: run `eval \"$(scripts/sshd.sh start)\"`";
     MountFixture::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
+    if (GetParam() == "sftp") useSshServer();
     mount(location());
   }
-  std::string location() const { return GetParam() == "mem" ? "mem:///" : (scratch_ / "backing").string(); }
+
+  void TearDown() override {
+    if (GetParam() == "sftp" && !scratch_.empty()) run(quote(Tool) + " rm -r " + quote(location()));
+    MountFixture::TearDown();
+  }
+
+  std::string location() const {
+    if (GetParam() == "mem") return "mem:///";
+    if (GetParam() == "sftp") return "sftp://vfs-mount-test" + remoteFolder_;
+    return (scratch_ / "backing").string();
+  }
+
+  /// Points the tool at the test server by an alias of an ssh configuration of its own, as a
+  /// user with a separate ssh setup would, and makes the folder to mount there.
+  void useSshServer() {
+    auto const config = scratch_ / "ssh_config";
+    writeFile(config, "Host vfs-mount-test\n  HostName " + environment("VFS_SFTP_HOST") + "\n  Port " +
+                          environment("VFS_SFTP_PORT") + "\n  User " + environment("VFS_SFTP_USER") +
+                          "\n  IdentityFile " + environment("VFS_SFTP_IDENTITY") + "\n  UserKnownHostsFile " +
+                          environment("VFS_SFTP_KNOWN_HOSTS") + "\n");
+    ::setenv("VFS_SSH_CONFIG", config.c_str(), 1);
+    remoteFolder_ = environment("VFS_SFTP_DATA") + "/mount-" + scratch_.filename().string();
+    auto const made = run(quote(Tool) + " mkdir -p " + quote(location()));
+    ASSERT_EQ(made.status, 0) << made.out;
+  }
 
   /// A tree with hostile names, an empty file and a file larger than one request.
   void makeSourceTree() {
@@ -134,9 +167,12 @@ protected:
     for (auto& c : large) c = static_cast<char>(random());
     writeFile(source / "large.bin", large);
   }
+
+  std::string remoteFolder_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Folders, Mount, ::testing::Values("mem", "local"));
+INSTANTIATE_TEST_SUITE_P(Folders, Mount, ::testing::Values("mem", "local", "sftp"),
+                         [](auto const& info) { return info.param; });
 
 TEST_P(Mount, CopiesAndArchivesComeBackTheSame) {
   makeSourceTree();

@@ -15,6 +15,7 @@
 #include <sys/time.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 
 namespace foundation::storage::providers::sftp {
@@ -105,6 +106,14 @@ decltype(auto) SftpProvider::run(p::StorageIRI const& location, Operation operat
       fail(failure.code, location, operation, failure.what());
     }
   }
+}
+
+SftpSettings SftpSettings::fromEnvironment() {
+  auto variable = [](char const* name) -> std::string {
+    char const* value = std::getenv(name);
+    return value ? value : "";
+  };
+  return {variable("VFS_SSH_KNOWN_HOSTS"), variable("VFS_SSH_IDENTITY"), variable("VFS_SSH_CONFIG")};
 }
 
 SftpProvider::SftpProvider(std::u16string const& authority, SftpSettings settings)

@@ -60,7 +60,8 @@ StandardStorageSystem::StandardStorageSystem() : eventMgr_(boost::make_shared<ms
     if (root.getAuthority().empty())
       provider::fail(provider::ErrorCode::InvalidLocation, root, u"system.buildProvider",
                      "sftp locations name their host");
-    return std::make_shared<providers::sftp::SftpProvider>(root.getAuthority());
+    return std::make_shared<providers::sftp::SftpProvider>(root.getAuthority(),
+                                                           providers::sftp::SftpSettings::fromEnvironment());
   });
 }
 

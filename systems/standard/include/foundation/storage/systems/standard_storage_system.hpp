@@ -21,7 +21,8 @@ using ProviderFactory = std::function<std::shared_ptr<provider::IProvider>(provi
 /// "mem" (one memory tree per authority), "file" (the local file system), "zip" and "tar"
 /// (archives as folders, on any location this system serves), "s3" (one bucket per
 /// authority, configured from the AWS_* environment variables) and "sftp" (one SSH server
-/// per "[user@]host[:port]", reached as ssh would) registered.
+/// per "[user@]host[:port]", reached as ssh would, or with the VFS_SSH_* environment
+/// variables' files) registered.
 /// One provider is built per scheme and authority and reused for every handle, so that
 /// watches started through one handle can be stopped through another. It owns an event
 /// manager. A scheme nobody serves is UnsupportedIRISchemeException. Thread-safe.

@@ -24,6 +24,10 @@ struct SftpSettings {
   /// An ssh configuration file read in place of ~/.ssh/config ("configFile").
   std::string configFile;
 
+  /// The settings of VFS_SSH_CONFIG (as ssh's -F), VFS_SSH_KNOWN_HOSTS and VFS_SSH_IDENTITY,
+  /// for command-line users who keep a separate ssh setup; unset variables leave the defaults.
+  FOUNDATION_API static SftpSettings fromEnvironment();
+
   friend bool operator==(SftpSettings const&, SftpSettings const&) = default;
 };
 
