@@ -203,6 +203,47 @@ TEST_F(SftpServerTest, ServesManyThreadsThroughOneSession) {
   provider->removeFolderRecursively(folder.iri);
 }
 
+TEST_F(SftpServerTest, ReadsServeEveryByteWhetherSequentialRandomOrInterleavedWithAnotherReader) {
+  auto provider = testsupport::makeSftpProvider();
+  auto folder = testsupport::uniqueSftpFolder("reads");
+  provider->createFolder(folder.iri);
+  p::StorageItem file(provider, p::StorageIRI(folder.iri, u"data"));
+  std::string bytes(3 * 1024 * 1024 + 4321, '\0'); // several read windows and a short tail
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 7919) >> 5);
+  writeFile(file, bytes);
+
+  // Two readers of one session take turns: each one's answers must not be lost to the other.
+  auto first = file.openReadOnlyStream();
+  auto second = file.openReadOnlyStream();
+  std::string gotFirst, gotSecond;
+  char buffer[5000];
+  for (bool more = true; more;) {
+    more = false;
+    for (auto [stream, got] : {std::pair{first.get(), &gotFirst}, std::pair{second.get(), &gotSecond}}) {
+      auto n = stream->read(buffer, sizeof buffer);
+      got->append(buffer, static_cast<std::size_t>(n));
+      more = more || n > 0;
+    }
+  }
+  EXPECT_TRUE(gotFirst == bytes);
+  EXPECT_TRUE(gotSecond == bytes);
+
+  // Back and forth, across window edges and past the end.
+  for (std::size_t at :
+       std::vector<std::size_t>{2 * 1024 * 1024 - 10, 17, bytes.size() - 3, 65536 * 5 - 1, bytes.size() + 10}) {
+    first->seek(static_cast<std::streamoff>(at), std::ios_base::beg);
+    auto n = first->read(buffer, 20);
+    auto expected = at < bytes.size() ? bytes.substr(at, 20) : std::string();
+    EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(std::max<std::streamsize>(n, 0))),
+              expected.substr(0, static_cast<std::size_t>(std::max<std::streamsize>(n, 0))))
+        << "at " << at;
+    EXPECT_EQ(n > 0, at < bytes.size()) << "at " << at;
+  }
+  first.reset();
+  second.reset();
+  provider->removeFolderRecursively(folder.iri);
+}
+
 TEST_F(SftpServerTest, TheStandardSystemServesSftpLocations) {
   foundation::storage::systems::StandardStorageSystem system;
   auto folder = testsupport::uniqueSftpFolder("standard");

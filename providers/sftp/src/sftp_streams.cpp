@@ -1,5 +1,7 @@
 #include "sftp_streams.hpp"
 
+#include "read_ahead.hpp"
+
 #include "sftp_attributes.hpp"
 #include "sftp_renames.hpp"
 
@@ -10,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <random>
 #include <string_view>
 
@@ -21,7 +24,7 @@ using p::ErrorCode;
 namespace {
 
 /// The most one request carries; OpenSSH accepts up to 256 KiB.
-constexpr std::size_t requestBytes = 64 * 1024;
+constexpr std::size_t requestBytes = 252 * 1024;
 
 struct StreamMode {
   bool read = false;
@@ -98,7 +101,10 @@ void closeQuietly(sftp_file file) noexcept {
 class SftpFileStream final : public p::ByteStream {
 public:
   SftpFileStream(std::shared_ptr<SftpSession> session, sftp_file file, StreamMode mode)
-      : session_(std::move(session)), file_(file), mode_(mode) {}
+      : session_(std::move(session)), file_(file), mode_(mode) {
+    // Only a stream that never writes may keep answers for later reads.
+    if (!mode_.write) readAhead_.emplace(file_);
+  }
 
   ~SftpFileStream() override {
     std::lock_guard lock(session_->mutex());
@@ -111,7 +117,7 @@ protected:
       p::raise(p::ByteStreamReadFailure("the stream is not open for reading", ErrorCode::PermissionDenied));
     std::lock_guard lock(session_->mutex());
     try {
-      auto got = readAt(*session_, file_, position_, s, n);
+      auto got = readAhead_ ? readAhead_->read(*session_, position_, s, n) : readAt(*session_, file_, position_, s, n);
       position_ += static_cast<std::uint64_t>(got);
       return got;
     } catch (SftpFailure const& failure) {
@@ -161,6 +167,7 @@ private:
   sftp_file file_;
   StreamMode mode_;
   std::uint64_t position_ = 0;
+  std::optional<ReadAhead> readAhead_;
 };
 
 /// The temporary file of one transaction and how it lands.
